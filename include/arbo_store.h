@@ -1,0 +1,96 @@
+// The node store: integer-keyed child lists, list nodes (skip lists and
+// user-ordered lists with a hash index), values, attributes and deletion.
+//
+// Contract
+// - Callers hold the table lock: shared for lookups, exclusive for changes.
+// - The store never builds error terms. Refusal is a null or 0 result; broken
+//   invariants abort (ARBO_ASSERT).
+// - Removals repair the table's iterator stacks (arbo_stack.h) with the
+//   replacement value they choose: the predecessor, kBeforeFirst (2) for
+//   "before the first child", 0, or kNoFixup (1) for no repair.
+// - Byte keys are passed as (bytes, len, tuple indicator): indicator 1 means
+//   one opaque element, 0 a buffer of encoded elements. Integer keys as
+//   (null, 0, key, ns).
+#ifndef ARBO_STORE_H
+#define ARBO_STORE_H
+
+#include <erl_nif.h>
+
+#include <cstddef>
+#include <cstdint>
+
+#include "arbo_node.h"
+
+namespace arbo {
+
+// ---- integer-keyed child lists -------------------------------------------------
+// add_kind: 0 list node (cmp given), 1 integer instance of a list node,
+//           2 container, 3 leaf (T_GEN_NODE_ONE).
+arbo_node* _arbo_nif_add_hkey_int(arbo_node* parent, uint32_t key, uint32_t ns, store_ctx* ctx,
+                                  int add_kind, uint8_t cmp);
+arbo_node* _arbo_nif_put_hkey_int_ll(arbo_node* parent, arbo_node* node, int add_kind,
+                                     store_ctx* ctx);
+arbo_node* _arbo_nif_take_hkey_int_ll(arbo_node* parent, uint32_t key, uint32_t ns,
+                                      store_ctx* ctx, int fix_iterators);
+arbo_node* _arbo_nif_find_child_int(arbo_node* parent, uint32_t key, uint32_t ns);
+arbo_node* _arbo_nif_find_child_bin(arbo_node* parent, int tuple, const unsigned char* bytes,
+                                    size_t len);
+int _arbo_nif_del_hkey_int(arbo_node* parent, uint32_t key, uint32_t ns, store_ctx* ctx);
+int _arbo_nif_del_hkey_bin(arbo_node* parent, int tuple, const unsigned char* bytes, size_t len,
+                           store_ctx* ctx);
+int _arbo_nif_del_ns_int(arbo_node* parent, uint32_t ns, store_ctx* ctx);
+int _arbo_nif_rename_ns(arbo_node* parent, arbo_node* node, uint32_t new_ns, store_ctx* ctx);
+
+// ---- list nodes ------------------------------------------------------------------
+arbo_node* _arbo_nif_dn_new(arbo_node* parent, store_ctx* ctx);
+arbo_node* _arbo_nif_dn_insert(arbo_node* parent, arbo_node* node, store_ctx* ctx);
+arbo_node* sl_insert(arbo_node* parent, arbo_node* node, store_ctx* ctx);
+arbo_node* dn_find(arbo_node* parent, const unsigned char* bytes, size_t len, int32_t int_key,
+                   uint32_t ns);
+int dn_delete(arbo_node* parent, const unsigned char* bytes, size_t len, int32_t int_key,
+              uint32_t ns, store_ctx* ctx);
+arbo_node* _arbo_nif_dn_find_next(arbo_node* parent, const unsigned char* bytes, size_t len,
+                                  int32_t int_key, uint32_t ns, int inclusive);
+// Last instance; an empty sorted list answers its header view (not null).
+arbo_node* _arbo_nif_dn_last_child(arbo_node* parent);
+int _arbo_nif_dl_move_to(arbo_node* parent, arbo_node* node, int pos);
+int _arbo_nif_dl_move_rel(arbo_node* parent, arbo_node* node, int before, arbo_node* ref);
+// -1 (0xffffffff) parent not a user-ordered list, 0 refused, 1 moved.
+int _arbo_nif_move_rel(arbo_node* parent, arbo_node* node, int before, arbo_node* ref,
+                       store_ctx* ctx);
+// key_kind 2/3 integer (tuple / btuple flag), 4 tuple-flagged bytes, 5 bytes.
+int _arbo_nif_dn_rename_instance(arbo_node* parent, arbo_node* node, int key_kind,
+                                 const unsigned char* bytes, size_t len, uint32_t ns,
+                                 int32_t int_key, store_ctx* ctx);
+// key_type 6 sets F_KEY_IS_TUPLE (one opaque element), 5 does not.
+arbo_node* _arbo_nif_add_hkey_bin(arbo_node* parent, const unsigned char* bytes, size_t len,
+                                  store_ctx* ctx, int key_type);
+
+// ---- values, attributes, deletion --------------------------------------------
+// kind 17 csval (inline up to 10 bytes), 18 plain binary, 37 csval kept as a
+// binary; any other kind clears the value. 0 for nodes that cannot hold one.
+int _arbo_nif_set_val(arbo_node* node, store_ctx* ctx, const unsigned char* bytes, size_t len,
+                      int kind);
+uint32_t _arbo_nif_free_val(arbo_node* node, store_ctx* ctx);
+ERL_NIF_TERM _arbo_nif_fetch_value(const arbo_node* node, ErlNifEnv* env);
+// 0 no value, 1 encoded value, 2 plain binary.
+int _arbo_nif_fetch_bin_value(const arbo_node* node, bin_ref* out);
+// len 0 removes; returns 1 exactly when an existing attribute was removed.
+int _arbo_nif_attr_set(store_ctx* ctx, arbo_node* node, uint32_t key, const unsigned char* bytes,
+                       size_t len);
+arbo_node* _arbo_nif_attr_set_with_gen(arbo_node* node, uint32_t key, const unsigned char* bytes,
+                                       size_t len, store_ctx* ctx);
+ERL_NIF_TERM _arbo_nif_attr_fetch(const arbo_node* node, uint32_t key, ErlNifEnv* env);
+uint32_t _arbo_nif_attr_inactive_inc(store_ctx* ctx, arbo_node* dnode, int32_t delta);
+uint32_t _arbo_nif_attr_inactive_count(store_ctx* ctx, arbo_node* dnode);
+void _arbo_nif_do_del_node(arbo_node* node, store_ctx* ctx, int with_siblings,
+                           uintptr_t replacement);
+int _arbo_nif_has_descendant_with_flags(ErlNifEnv* env, const arbo_node* node, uint64_t mask,
+                                        int include_self);
+// Value-length table of encoded values: fixed payload length, or (with
+// is_variable set) the width of the length prefix.
+int _arbo_nif_val_len(uint8_t tag, int* is_variable, int* is_nested);
+
+}  // namespace arbo
+
+#endif  // ARBO_STORE_H

@@ -1,0 +1,141 @@
+// The boundary between Erlang and the node store: raising, the table guard,
+// argument decoders and the declarations of the exported functions (their
+// table is in arbo_nif.cpp; the families live in arbo_nif_<family>.cpp).
+//
+// The frame of an exported function: decode the plain arguments, decode the
+// handle with a TableGuard (which takes the lock), check node types, call the
+// store with a store_ctx, build the result. The guard releases the lock on
+// every path; a path that keeps it on purpose says so with guard.leak().
+#ifndef ARBO_NIF_H
+#define ARBO_NIF_H
+
+#include <erl_nif.h>
+
+#include <cstdint>
+
+#include "arbo_atoms.h"
+#include "arbo_node.h"
+
+namespace arbo {
+
+// ---- raising ---------------------------------------------------------------------
+// Raises {Reason, SourceFile, Line}; Reason is "badarg", "arbo_closed" or
+// "invalid_node_type". Returns the term the exported function must return.
+ERL_NIF_TERM raise_error(ErlNifEnv* env, const char* reason, const char* file, int line);
+#define ARBO_RAISE(env, reason) ::arbo::raise_error((env), (reason), __FILE_NAME__, __LINE__)
+#define ARBO_BADARG(env) ARBO_RAISE(env, "badarg")
+#define ARBO_INVALID_TYPE(env) ARBO_RAISE(env, "invalid_node_type")
+
+// ---- handle decoding ------------------------------------------------------------
+// Returns true with the table locked (exclusive when `write`), or false with
+// nothing locked; `closed` tells a closed table from a malformed handle.
+bool get_arbo_t(ErlNifEnv* env, ERL_NIF_TERM term, arbo_t** table, uint32_t* options, bool write,
+                bool* closed);
+
+enum class Lock { kShared, kExclusive };
+
+// The one owner of a table lock. Decodes the handle and locks it; the
+// destructor unlocks exactly once unless unlock() or leak() came first.
+class TableGuard {
+ public:
+  TableGuard(ErlNifEnv* env, ERL_NIF_TERM handle, Lock mode);
+  ~TableGuard();
+  TableGuard(const TableGuard&) = delete;
+  TableGuard& operator=(const TableGuard&) = delete;
+
+  bool ok() const { return table_ != nullptr; }
+  arbo_t* table() const { return table_; }
+  uint32_t options() const { return options_; }
+  // The exception for a failed decode: "arbo_closed" or "badarg".
+  ERL_NIF_TERM raise(ErlNifEnv* env, int line) const;
+  void unlock();
+  // Leaves the lock held for good. Only for paths whose contract keeps it.
+  void leak() { table_ = nullptr; }
+
+ private:
+  arbo_t* table_ = nullptr;
+  uint32_t options_ = 0;
+  bool closed_ = false;
+  Lock mode_;
+};
+
+// Raise the guard's decode failure with this line.
+#define ARBO_RAISE_HANDLE(env, guard) (guard).raise((env), __LINE__)
+
+// ---- argument decoders ------------------------------------------------------------
+// A node reference: a non-zero unsigned 64-bit integer.
+bool get_node(ErlNifEnv* env, ERL_NIF_TERM term, arbo_node** node);
+// {I} (signed), T (unsigned) or [Ns | T]; ns 0 when absent.
+bool get_htag(ErlNifEnv* env, ERL_NIF_TERM term, uint32_t* ns, uint32_t* tag);
+// {A, B} of integers (enif_get_int each).
+bool get_int_pair(ErlNifEnv* env, ERL_NIF_TERM term, int* a, int* b);
+// A binary holding a NUL-terminated path: a NUL, and only NULs after the
+// first one except (kept leniency) the very last byte. Points into the
+// binary; the path ends at the first NUL.
+bool get_nul_path(ErlNifEnv* env, ERL_NIF_TERM term, const char** path);
+
+inline ERL_NIF_TERM make_node(ErlNifEnv* env, const void* node) {
+  return enif_make_uint64(env, reinterpret_cast<uintptr_t>(node));
+}
+inline ERL_NIF_TERM make_bool(bool b) { return b ? am_true : am_false; }
+
+// ---- the exported functions, by family ------------------------------------------
+#define ARBO_NIF_FN(name) ERL_NIF_TERM name(ErlNifEnv* env, int argc, const ERL_NIF_TERM argv[])
+
+// handle (arbo_nif.cpp)
+ARBO_NIF_FN(new_arbo);
+ARBO_NIF_FN(close_arbo);
+ARBO_NIF_FN(get_root);
+ARBO_NIF_FN(get_generation);
+ARBO_NIF_FN(get_size);
+ARBO_NIF_FN(get_mem);
+// tree editing (arbo_nif_edit.cpp)
+ARBO_NIF_FN(add_hkey_dyn);
+ARBO_NIF_FN(add_hkey_internal);
+ARBO_NIF_FN(add_hkey);
+ARBO_NIF_FN(del_hkey);
+ARBO_NIF_FN(get_hkey);
+ARBO_NIF_FN(del_ns);
+ARBO_NIF_FN(rename_ns);
+ARBO_NIF_FN(rename_instance);
+ARBO_NIF_FN(del_all);
+// navigation (arbo_nif_nav.cpp)
+ARBO_NIF_FN(num_children);
+ARBO_NIF_FN(num_children_with_flag);
+ARBO_NIF_FN(has_descendant_with_flags4);
+ARBO_NIF_FN(has_child_with_flags3);
+ARBO_NIF_FN(has_child_without_flags3);
+ARBO_NIF_FN(first_child_nif);
+ARBO_NIF_FN(next_sibling_nif);
+ARBO_NIF_FN(last_child);
+ARBO_NIF_FN(prev_sibling);
+ARBO_NIF_FN(get_child);
+ARBO_NIF_FN(find_child);
+ARBO_NIF_FN(find_next_nif);
+ARBO_NIF_FN(move_to);
+ARBO_NIF_FN(move_rel_internal);
+ARBO_NIF_FN(child_index);
+// node properties (arbo_nif_props.cpp)
+ARBO_NIF_FN(get_flags);
+ARBO_NIF_FN(set_flags);
+ARBO_NIF_FN(set_flag);
+ARBO_NIF_FN(clr_flag);
+ARBO_NIF_FN(get_type);
+ARBO_NIF_FN(get_attr_root);
+ARBO_NIF_FN(get_attr);
+ARBO_NIF_FN(set_attr);
+ARBO_NIF_FN(get_val_raw);
+ARBO_NIF_FN(set_val);
+ARBO_NIF_FN(file_print);
+ARBO_NIF_FN(cmp_keys_nif);
+// iterator stacks (arbo_nif_stack.cpp)
+ARBO_NIF_FN(push_iter_node);
+ARBO_NIF_FN(pop_iter_node);
+ARBO_NIF_FN(get_iter_node);
+// persistence (arbo_nif_io.cpp)
+ARBO_NIF_FN(load_nif);
+ARBO_NIF_FN(save_nif);
+
+}  // namespace arbo
+
+#endif  // ARBO_NIF_H

@@ -1,0 +1,54 @@
+// Exported iterator-stack functions: push_iter_node, pop_iter_node,
+// get_iter_node.
+#include "arbo_nif.h"
+#include "arbo_stack.h"
+
+namespace arbo {
+
+// ---- exported functions ------------------------------------------------------------
+
+ARBO_NIF_FN(push_iter_node) {
+  (void)argc;
+  ErlNifUInt64 node = 0;
+  if (!enif_get_uint64(env, argv[1], &node)) return ARBO_BADARG(env);
+  TableGuard g(env, argv[0], Lock::kExclusive);
+  if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
+  arbo_t* t = g.table();
+  iter_stack* s = iter_nodes_find_stack(env, t);
+  if (s == nullptr) {
+    s = iter_nodes_new_stack();
+    enif_self(env, &s->owner_pid);
+    int rc = enif_monitor_process(env, t, &s->owner_pid, &s->monitor);
+    ARBO_ASSERT_MSG(rc == 0, "0");
+    s->next = t->iter_nodes;
+    t->iter_nodes = s;
+  }
+  // Pushing node 0 aborts: the contract keeps that trap for the API to guard.
+  iter_nodes_push(s, static_cast<uintptr_t>(node));
+  return am_ok;
+}
+
+ARBO_NIF_FN(pop_iter_node) {
+  (void)argc;
+  TableGuard g(env, argv[0], Lock::kExclusive);
+  if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
+  iter_stack* s = iter_nodes_find_stack(env, g.table());
+  if (s != nullptr) {
+    ARBO_ASSERT_MSG(s->pos >= 0, "0");
+    s->nodes[s->pos] = 0;
+    s->pos--;
+  }
+  return am_ok;
+}
+
+ARBO_NIF_FN(get_iter_node) {
+  (void)argc;
+  TableGuard g(env, argv[0], Lock::kShared);
+  if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
+  iter_stack* s = iter_nodes_find_stack(env, g.table());
+  if (s == nullptr) return enif_make_uint64(env, 0);
+  ARBO_ASSERT_MSG(s->pos >= 0, "0");
+  return enif_make_uint64(env, s->nodes[s->pos]);
+}
+
+}  // namespace arbo
