@@ -66,6 +66,19 @@ int _arbo_nif_dn_rename_instance(arbo_node* parent, arbo_node* node, int key_kin
 arbo_node* _arbo_nif_add_hkey_bin(arbo_node* parent, const unsigned char* bytes, size_t len,
                                   store_ctx* ctx, int key_type);
 
+// Appending a run of instances in ascending key order (the loader fills a
+// saved sorted list this way): the hint remembers the last instance reached
+// on each level of `list`, so an instance whose key is greater than the
+// list's last one links in O(1). The result is identical to sl_insert (same
+// links, curh, size, duplicate handling); any other key falls back to it.
+// A hint whose `list` differs from `parent` is reset first.
+struct sl_append_hint {
+  arbo_node* list = nullptr;
+  arbo_node* last[kMaxLevels] = {};
+};
+arbo_node* sl_insert_hinted(arbo_node* parent, arbo_node* node, store_ctx* ctx,
+                            sl_append_hint* hint);
+
 // ---- values, attributes, deletion --------------------------------------------
 // kind 17 csval (inline up to 10 bytes), 18 plain binary, 37 csval kept as a
 // binary; any other kind clears the value. 0 for nodes that cannot hold one.
