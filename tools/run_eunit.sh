@@ -18,7 +18,7 @@ fi
 export ARBO_NIF_DIR="$dir"
 echo "== EUnit ($label): $mods"
 exec erl -noshell -pa ebin -pa test/ebin -eval "
-  case eunit:test([$mods], [verbose]) of
+  case eunit:test([$mods], []) of
     ok -> halt(0);
     _ -> halt(1)
   end."
