@@ -60,7 +60,7 @@ eunit-asan: erl
 	ARBO_ASAN=1 tools/run_eunit.sh $(CURDIR)/$(ASAN_BUILD) "$(EUNIT_MODS)"
 
 demo: build
-	$(ERL) -noshell -pa ebin -pa test/ebin -eval 'arbo_demo:main(), halt().'
+	$(ERL) -noshell -pa ebin -eval 'arbo_demo:main(), halt().'
 
 bench: build
 	$(BUILD)/arbo_micro_bench --benchmark_min_time=0.2 || true
