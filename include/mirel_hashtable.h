@@ -36,6 +36,13 @@ void* _mirel_hashtable_search(mirel_hashtable* h, const void* key);
 void* _mirel_hashtable_remove(mirel_hashtable* h, const void* key);
 void _mirel_hashtable_destroy(mirel_hashtable* h, int free_values);
 
+// Self-checks for tests and diagnostics. The bucket count is always one of
+// the table's primes; check answers 1 when every entry sits in the bucket of
+// its stored hash, that hash is still the key's, the chains hold exactly
+// `count` entries and the load limit matches the bucket count.
+uint32_t _mirel_hashtable_bucket_count(const mirel_hashtable* h);
+int _mirel_hashtable_check(const mirel_hashtable* h);
+
 }  // namespace arbo
 
 #endif  // MIREL_HASHTABLE_H

@@ -1,6 +1,7 @@
 // Node property functions: flags, type, attributes, values, the dump and key comparison.
 #include "arbo_nif.h"
 #include "arbo_alloc.h"
+#include "arbo_keys.h"
 #include "arbo_store.h"
 
 namespace arbo {
@@ -146,10 +147,19 @@ ARBO_NIF_FN(file_print) {
   return ARBO_BADARG(env);  // not built yet
 }
 
+// No handle, no lock: the keys are compared as terms.
 ARBO_NIF_FN(cmp_keys_nif) {
   (void)argc;
-  (void)argv;
-  return ARBO_BADARG(env);  // not built yet
+  int kind1 = 0, kind2 = 0, mode = 0;
+  if (!enif_get_int(env, argv[1], &kind1) || !enif_get_int(env, argv[3], &kind2) ||
+      !enif_get_int(env, argv[4], &mode)) {
+    return ARBO_BADARG(env);
+  }
+  int result = 0;
+  if (!_arbo_nif_cmp_keys(env, argv[0], kind1, argv[2], kind2, mode, &result)) {
+    return ARBO_BADARG(env);
+  }
+  return enif_make_int(env, result);
 }
 
 }  // namespace arbo

@@ -1,0 +1,444 @@
+// Instance keys: the element parser, the key order in its three modes, the
+// comparison of Erlang key terms and the hash callbacks of a user-ordered
+// list's index.
+//
+// Everything here walks the caller's buffers in place: no allocation, no copy.
+// A corrupt element aborts the runtime; keys are never validated on entry, so
+// the first comparison that reads a bad element is the one that stops.
+#include <cstdio>
+#include <cstring>
+
+#include "arbo_alloc.h"
+#include "arbo_keys.h"
+
+namespace arbo {
+
+namespace {
+
+// How the parser reads an element, by type code.
+enum class Shape : uint8_t {
+  kInvalid,
+  kFixed,     // header 1, payload `arg` bytes
+  kLen1,      // header 2, 1-byte length at offset 1
+  kLen2,      // header 3, 2-byte length at offset 1
+  kLen4,      // header 5, 4-byte length at offset 1
+  kField1m6,  // header 8, 1-byte field at offset 1 that counts 6 header bytes
+  kField2m6,  // header 9, 2-byte field, same
+  kField4m6,  // header 11, 4-byte field, same
+  kField4m2,  // header 7, 4-byte field that counts 2 header bytes
+  kBits,      // header 5, 4-byte length, not variable-length (bit string)
+  kRest,      // header 0, the rest of the buffer, type byte included
+};
+
+struct ElementRule {
+  Shape shape = Shape::kInvalid;
+  uint8_t arg = 0;  // payload length of a fixed element
+};
+
+struct ElementTable {
+  ElementRule rule[256];
+  constexpr ElementTable() {
+    auto fixed = [this](int len, std::initializer_list<int> codes) {
+      for (int c : codes) rule[c] = {Shape::kFixed, static_cast<uint8_t>(len)};
+    };
+    fixed(0, {0});
+    fixed(1, {6, 10, 17});
+    fixed(2, {7, 11});
+    fixed(4, {8, 12, 15, 28, 29, 31, 46});
+    fixed(5, {40, 48});
+    fixed(6, {20});
+    fixed(8, {2, 9, 13, 30, 44, 209});
+    fixed(9, {23, 43});
+    fixed(13, {19});
+    fixed(16, {16});
+    fixed(17, {41, 49});
+    fixed(28, {27});
+    rule[14] = rule[200] = {Shape::kLen1, 0};
+    rule[34] = rule[38] = rule[208] = {Shape::kLen2, 0};
+    rule[39] = rule[47] = rule[205] = rule[206] = {Shape::kLen4, 0};
+    rule[201] = {Shape::kField1m6, 0};
+    rule[202] = {Shape::kField2m6, 0};
+    rule[203] = {Shape::kField4m6, 0};
+    rule[18] = {Shape::kField4m2, 0};
+    rule[50] = {Shape::kBits, 0};
+    rule[204] = {Shape::kRest, 0};
+  }
+};
+
+constexpr ElementTable kElements;
+
+constexpr int kTypeBitString = 50;
+constexpr int kTypeRest = 204;
+
+inline uint32_t be16(const unsigned char* p) { return (uint32_t{p[0]} << 8) | p[1]; }
+inline uint32_t be32(const unsigned char* p) {
+  return (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | p[3];
+}
+inline uint64_t be64(const unsigned char* p) {
+  return (uint64_t{be32(p)} << 32) | be32(p + 4);
+}
+
+[[noreturn]] void corrupt_type(int type, int32_t buf_len) {
+  std::printf("type: %d (i=%d buf_len=%d)\r\n", type, 0, buf_len);
+  std::fflush(stdout);  // abort() does not flush stdio
+  ARBO_ASSERT_MSG(false, "0");
+  __builtin_unreachable();
+}
+
+// memcmp that tolerates a null pointer when nothing is compared (an empty
+// Erlang binary may have no data pointer).
+inline int bytes_cmp(const unsigned char* a, const unsigned char* b, int32_t n) {
+  return n > 0 ? std::memcmp(a, b, static_cast<size_t>(n)) : 0;
+}
+
+inline bool string_like(int type) { return type >= 200 && type <= 206; }
+
+inline int sign3(bool greater) { return greater ? 1 : -1; }
+
+template <typename T>
+inline int num_cmp(T a, T b) {
+  return a == b ? 0 : sign3(a > b);
+}
+
+// Two opaque keys (kind 6 against kind 6): mode 1 orders by length first,
+// every other mode lexicographically with the shorter key first on a tie.
+int cmp_opaque(const unsigned char* a, int32_t alen, const unsigned char* b, int32_t blen,
+               int mode) {
+  if (mode == 1) {
+    if (alen != blen) return sign3(alen > blen);
+    return bytes_cmp(a, b, alen);
+  }
+  const int r = bytes_cmp(a, b, alen < blen ? alen : blen);
+  if (r != 0) return r;
+  return alen == blen ? 0 : sign3(alen > blen);
+}
+
+// Bit string payloads. Bytes past a payload's end read as 0.
+int cmp_bits(const unsigned char* a, int32_t alen, const unsigned char* b, int32_t blen,
+             int mode) {
+  const int32_t n = alen > blen ? alen : blen;
+  auto at = [](const unsigned char* p, int32_t len, int32_t i) -> unsigned {
+    return i < len ? p[i] : 0u;
+  };
+  if (mode == 1 || mode == 2) {
+    // Only bits 0 to 2 of each byte count, moved to bits 7 to 5, and the last
+    // byte never takes part: stored lists are ordered this way.
+    auto mapped = [](unsigned v) { return ((v & 1u) << 7) | ((v & 2u) << 5) | ((v & 4u) << 3); };
+    for (int32_t i = 0; i < n - 1; ++i) {
+      const unsigned x = mapped(at(a, alen, i));
+      const unsigned y = mapped(at(b, blen, i));
+      if (x != y) return sign3(x > y);
+    }
+    return 0;
+  }
+  for (int32_t i = n - 1; i >= 0; --i) {
+    const unsigned x = at(a, alen, i);
+    const unsigned y = at(b, blen, i);
+    if (x != y) return sign3(x > y);
+  }
+  return 0;
+}
+
+// Bit masks in modes 1 and 2: the lowest differing bit decides, the mask that
+// has it set sorting after. This is the order of the bit-reversed values,
+// reached directly so that masks with bit 63 set end like any other.
+inline int cmp_mask(uint64_t a, uint64_t b) {
+  if (a == b) return 0;
+  const int k = __builtin_ctzll(a ^ b);
+  return sign3(((a >> k) & 1u) != 0);
+}
+
+inline uint64_t mask_value(const unsigned char* p, int type) {
+  if (type == 29) return static_cast<uint64_t>(static_cast<int64_t>(static_cast<int32_t>(be32(p))));
+  return be64(p);
+}
+
+// The node-key comparison for a byte key stored in `node`.
+int cmp_bin_node(const arbo_node* node, const unsigned char* bytes, int32_t len, int32_t int_key,
+                 int mode) {
+  if (bytes == nullptr) return -1;  // byte keys sort before integer keys
+  const key_bytes k = node_key_bytes(node);
+  const int node_single = node->has(F_KEY_IS_TUPLE) ? 1 : 0;
+  if (int_key != 0 && node_single) return cmp_opaque(k.ptr, k.len, bytes, len, mode);
+  return cmp_tuple_key(k.ptr, k.len, node_single, bytes, len, int_key, mode);
+}
+
+// lookup2's mixing step.
+inline void mix(uint32_t& a, uint32_t& b, uint32_t& c) {
+  a -= b; a -= c; a ^= (c >> 13);
+  b -= c; b -= a; b ^= (a << 8);
+  c -= a; c -= b; c ^= (b >> 13);
+  a -= b; a -= c; a ^= (c >> 12);
+  b -= c; b -= a; b ^= (a << 16);
+  c -= a; c -= b; c ^= (b >> 5);
+  a -= b; a -= c; a ^= (c >> 3);
+  b -= c; b -= a; b ^= (a << 10);
+  c -= a; c -= b; c ^= (b >> 15);
+}
+
+inline uint32_t le32(const unsigned char* p) {
+  return uint32_t{p[0]} | (uint32_t{p[1]} << 8) | (uint32_t{p[2]} << 16) | (uint32_t{p[3]} << 24);
+}
+
+constexpr uint32_t kGolden = 0x9e3779b9u;
+
+uint32_t lookup2(const unsigned char* k, uint32_t length) {
+  uint32_t a = kGolden, b = kGolden, c = 0;
+  uint32_t len = length;
+  while (len >= 12) {
+    a += le32(k);
+    b += le32(k + 4);
+    c += le32(k + 8);
+    mix(a, b, c);
+    k += 12;
+    len -= 12;
+  }
+  c += length;
+  // The tail: bytes 0-3 into a, 4-7 into b, 8-10 into c above its low byte.
+  for (uint32_t i = 0; i < len; ++i) {
+    const uint32_t v = k[i];
+    if (i < 4) a += v << (8 * i);
+    else if (i < 8) b += v << (8 * (i - 4));
+    else c += v << (8 * (i - 7));
+  }
+  mix(a, b, c);
+  return c;
+}
+
+}  // namespace
+
+void get_tuple_key(int single, const unsigned char* buf, int32_t buf_len, int32_t* hdr_len,
+                   int32_t* payload_len, int* type, int* varlen) {
+  if (single) {
+    *type = kTypeRest;
+    *hdr_len = 0;
+    *payload_len = buf_len;
+    *varlen = 1;
+    return;
+  }
+  // Lengths are worked out in 64 bits: a corrupt length field must fail the
+  // bounds assertion, not wrap past it.
+  ARBO_ASSERT_MSG(buf_len >= 1, "i+len <= buf_len");
+  const int t = buf[0];
+  const ElementRule r = kElements.rule[t];
+  int64_t i = 1;
+  int64_t len = 0;
+  int var = 1;
+  switch (r.shape) {
+    case Shape::kInvalid:
+      corrupt_type(t, buf_len);
+    case Shape::kFixed:
+      len = r.arg;
+      var = 0;
+      break;
+    case Shape::kRest:
+      i = 0;
+      len = buf_len;
+      break;
+    case Shape::kLen1: i = 2; break;
+    case Shape::kLen2: i = 3; break;
+    case Shape::kLen4: i = 5; break;
+    case Shape::kField1m6: i = 8; break;
+    case Shape::kField2m6: i = 9; break;
+    case Shape::kField4m6: i = 11; break;
+    case Shape::kField4m2: i = 7; break;
+    case Shape::kBits:
+      i = 5;
+      var = 0;
+      break;
+  }
+  if (r.shape != Shape::kFixed && r.shape != Shape::kRest) {
+    // The length field sits inside the header; never read past the buffer.
+    ARBO_ASSERT_MSG(i <= buf_len, "i+len <= buf_len");
+    switch (r.shape) {
+      case Shape::kLen1: len = buf[1]; break;
+      case Shape::kLen2: len = be16(buf + 1); break;
+      case Shape::kLen4: case Shape::kBits: len = be32(buf + 1); break;
+      case Shape::kField1m6: len = int64_t{buf[1]} - 6; break;
+      case Shape::kField2m6: len = int64_t{be16(buf + 1)} - 6; break;
+      case Shape::kField4m6: len = int64_t{be32(buf + 1)} - 6; break;
+      case Shape::kField4m2: len = int64_t{be32(buf + 1)} - 2; break;
+      default: break;
+    }
+  }
+  // A length field smaller than the header part it counts is as corrupt as
+  // one that runs past the end.
+  ARBO_ASSERT_MSG(len >= 0 && i + len <= buf_len, "i+len <= buf_len");
+  *type = t;
+  *hdr_len = static_cast<int32_t>(i);
+  *payload_len = static_cast<int32_t>(len);
+  *varlen = var;
+}
+
+int cmp_tuple_key(const unsigned char* a, int32_t alen, int a_single, const unsigned char* b,
+                  int32_t blen, int b_single, int mode) {
+  if (blen <= 0 || alen <= 0) {
+    if (alen == 0 && blen == 0) return 0;
+    return alen != 0 ? 1 : -1;
+  }
+  for (;;) {
+    int32_t ai, alen1, bi, blen1;
+    int at, bt, avar, bvar;
+    get_tuple_key(a_single, a, alen, &ai, &alen1, &at, &avar);
+    get_tuple_key(b_single, b, blen, &bi, &blen1, &bt, &bvar);
+    (void)avar;  // b's element says whether the pair counts as variable-length
+
+    if (at == bt) {
+      if (at == 0) return 0;  // an empty element ends the comparison as equal
+    } else if (!(string_like(at) && string_like(bt))) {
+      // 209 sorts before 27: stored lists are ordered this way.
+      if (at == 209 && bt == 27) return -1;
+      if (at == 27 && bt == 209) return 1;
+      return sign3(at > bt);
+    }
+
+    ARBO_ASSERT_MSG(int64_t{ai} + alen1 <= alen, "a+alen1 <= alen");
+    ARBO_ASSERT_MSG(int64_t{bi} + blen1 <= blen, "b+blen1 <= blen");
+    const unsigned char* pa = a + ai;
+    const unsigned char* pb = b + bi;
+
+    if (bvar) {
+      const bool a_last = ai + alen1 >= alen;
+      if ((mode == 1 || (mode == 2 && !a_last)) && alen1 != blen1) return sign3(alen1 > blen1);
+      const int r = bytes_cmp(pa, pb, alen1 < blen1 ? alen1 : blen1);
+      if (r != 0) return r;
+      if (alen1 != blen1) return sign3(alen1 > blen1);
+    } else if (bt == kTypeBitString) {
+      const int r = cmp_bits(pa, alen1, pb, blen1, mode);
+      if (r != 0) return r;
+    } else {
+      int r;
+      switch (bt) {
+        case 6: r = num_cmp<int8_t>(static_cast<int8_t>(pa[0]), static_cast<int8_t>(pb[0])); break;
+        case 7:
+          r = num_cmp<int16_t>(static_cast<int16_t>(be16(pa)), static_cast<int16_t>(be16(pb)));
+          break;
+        case 8:
+          r = num_cmp<int32_t>(static_cast<int32_t>(be32(pa)), static_cast<int32_t>(be32(pb)));
+          break;
+        case 9:
+        case 43:
+          r = num_cmp<int64_t>(static_cast<int64_t>(be64(pa)), static_cast<int64_t>(be64(pb)));
+          break;
+        case 17:
+          // Reversed on purpose: "true" (1) sorts before "false" (0).
+          r = num_cmp<int8_t>(static_cast<int8_t>(pb[0]), static_cast<int8_t>(pa[0]));
+          break;
+        case 29:
+        case 30:
+          if (mode == 1 || mode == 2) {
+            r = cmp_mask(mask_value(pa, bt), mask_value(pb, bt));
+            break;
+          }
+          [[fallthrough]];
+        default:
+          r = bytes_cmp(pa, pb, blen1);
+          break;
+      }
+      if (r != 0) return r;
+    }
+
+    a += ai + alen1;
+    alen -= ai + alen1;
+    b += bi + blen1;
+    blen -= bi + blen1;
+    if (blen <= 0 || alen <= 0) break;
+  }
+  if (alen <= 0 && blen <= 0) return 0;
+  return alen > 0 ? 1 : -1;  // a proper prefix sorts first
+}
+
+int cmp(const arbo_node* node, const unsigned char* bytes, int32_t len, int32_t int_key,
+        uint32_t ns, int mode) {
+  // Integer keys first: this runs at every level of every skip-list step.
+  if (!node->has(F_KEY_IS_BIN)) [[likely]] {
+    if (bytes != nullptr) return 1;
+    const int32_t k = static_cast<int32_t>(node->hkey());
+    if (k != int_key) return k < int_key ? -1 : 1;
+    const uint32_t nns = node_ns(node);
+    return nns == ns ? 0 : (nns < ns ? -1 : 1);
+  }
+  return cmp_bin_node(node, bytes, len, int_key, mode);
+}
+
+int _arbo_nif_cmp_bin_keys(ErlNifEnv* env, ERL_NIF_TERM t1, int kind1, ERL_NIF_TERM t2, int kind2,
+                           int mode, int* result) {
+  ErlNifBinary b1, b2;
+  if (!enif_inspect_binary(env, t1, &b1) || !enif_inspect_binary(env, t2, &b2)) return 0;
+  const auto l1 = static_cast<int32_t>(b1.size);
+  const auto l2 = static_cast<int32_t>(b2.size);
+  if (kind1 == 6 && kind2 == 6) {
+    *result = cmp_opaque(b1.data, l1, b2.data, l2, mode);
+  } else {
+    *result = cmp_tuple_key(b1.data, l1, kind1 == 6, b2.data, l2, kind2 == 6, mode);
+  }
+  return 1;
+}
+
+namespace {
+
+// Kind 27 is {Ns, Int}, the namespace unread; every other kind a bare Int.
+bool get_int_key(ErlNifEnv* env, ERL_NIF_TERM t, int kind, int* out) {
+  if (kind == 27) {
+    int arity = 0;
+    const ERL_NIF_TERM* elems = nullptr;
+    if (!enif_get_tuple(env, t, &arity, &elems) || arity != 2) return false;
+    return enif_get_int(env, elems[1], out) != 0;
+  }
+  return enif_get_int(env, t, out) != 0;
+}
+
+inline bool is_bin_kind(int kind) { return kind == 5 || kind == 6; }
+
+}  // namespace
+
+int _arbo_nif_cmp_int_keys(ErlNifEnv* env, ERL_NIF_TERM t1, int kind1, ERL_NIF_TERM t2, int kind2,
+                           int mode, int* result) {
+  (void)mode;
+  int k1 = 0, k2 = 0;
+  if (!get_int_key(env, t1, kind1, &k1) || !get_int_key(env, t2, kind2, &k2)) return 0;
+  *result = num_cmp(k1, k2);
+  return 1;
+}
+
+int _arbo_nif_cmp_keys(ErlNifEnv* env, ERL_NIF_TERM t1, int kind1, ERL_NIF_TERM t2, int kind2,
+                       int mode, int* result) {
+  const bool bin1 = is_bin_kind(kind1);
+  const bool bin2 = is_bin_kind(kind2);
+  if (bin1 && bin2) return _arbo_nif_cmp_bin_keys(env, t1, kind1, t2, kind2, mode, result);
+  if (bin1 != bin2) {
+    // Byte keys sort before integer keys; neither term is looked at.
+    *result = bin1 ? -1 : 1;
+    return 1;
+  }
+  return _arbo_nif_cmp_int_keys(env, t1, kind1, t2, kind2, mode, result);
+}
+
+uint32_t ht_hash_from_key(const void* key) {
+  const auto* k = static_cast<const ht_key*>(key);
+  const auto word = static_cast<uint32_t>(k->len_or_int);
+  if (k->bytes != nullptr) return lookup2(k->bytes, word);
+  // An integer key: one mix, as the byte hash would start it with 4 golden
+  // ratios folded into a and b.
+  constexpr uint32_t kFour = 4u * kGolden;  // 0x78DDE6E4
+  uint32_t a = word + kFour, b = kFour, c = 0;
+  mix(a, b, c);
+  return c;
+}
+
+int ht_keys_equal(const void* a, const void* b) {
+  const auto* x = static_cast<const ht_key*>(a);
+  const auto* y = static_cast<const ht_key*>(b);
+  if (x->bytes != nullptr && y->bytes != nullptr) {
+    const auto n = static_cast<uint32_t>(x->len_or_int);
+    if (n != static_cast<uint32_t>(y->len_or_int)) return 0;
+    return n == 0 || std::memcmp(x->bytes, y->bytes, n) == 0;
+  }
+  return x->len_or_int == y->len_or_int;
+}
+
+void free_key(void* key, uint64_t arg) {
+  _arbo_free_ht_key(static_cast<ht_key*>(key), reinterpret_cast<arbo_t*>(arg));
+}
+
+}  // namespace arbo
