@@ -107,6 +107,14 @@ ERL_NIF_TERM enif_make_uint64(ErlNifEnv*, ErlNifUInt64 i) { return i; }
 ERL_NIF_TERM enif_make_tuple(ErlNifEnv*, unsigned, ...) { return 0; }
 ERL_NIF_TERM enif_make_list(ErlNifEnv*, unsigned, ...) { return 0; }
 ERL_NIF_TERM enif_make_atom(ErlNifEnv*, const char*) { return 0; }
+// Decoders: a placeholder integer term decodes back to its value; there are
+// no binary or tuple terms outside a VM.
+int enif_get_int(ErlNifEnv*, ERL_NIF_TERM term, int* ip) {
+  *ip = static_cast<int>(term);
+  return 1;
+}
+int enif_inspect_binary(ErlNifEnv*, ERL_NIF_TERM, ErlNifBinary*) { return 0; }
+int enif_get_tuple(ErlNifEnv*, ERL_NIF_TERM, int*, const ERL_NIF_TERM**) { return 0; }
 int enif_compare(ERL_NIF_TERM lhs, ERL_NIF_TERM rhs) {
   return lhs < rhs ? -1 : (lhs > rhs ? 1 : 0);
 }
