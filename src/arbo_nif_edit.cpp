@@ -247,6 +247,10 @@ ARBO_NIF_FN(rename_instance) {
   if (!get_node(env, argv[1], &list)) return ARBO_BADARG(env);
   if (!get_node(env, argv[2], &inst)) return ARBO_BADARG(env);
   if (!enif_get_uint(env, argv[4], &code)) return ARBO_BADARG(env);
+  // An unknown code answers at once: no node is read, no lock taken (so even
+  // a reference into a closed table gets its "false").
+  if (code != kRenBin && code != kRenBinTuple && code != kRenPair && code != kRenTag)
+    return am_false;
   // Checked before the lock is taken: callers have always been answered so.
   if (!list->is_dyn()) return ARBO_BADARG(env);
 
@@ -272,7 +276,7 @@ ARBO_NIF_FN(rename_instance) {
       key_kind = kStoreKeyTag;
       break;
     default:
-      return am_false;  // an unknown code answers at once, without the lock
+      return am_false;
   }
   TableGuard g(env, argv[0], Lock::kExclusive);
   if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
