@@ -78,6 +78,16 @@ struct sl_append_hint {
 };
 arbo_node* sl_insert_hinted(arbo_node* parent, arbo_node* node, store_ctx* ctx,
                             sl_append_hint* hint);
+// Instance creation with an append hint: the same nodes, keys and results as
+// _arbo_nif_add_hkey_int (add_kind 1) and _arbo_nif_add_hkey_bin, but a
+// sorted list (cmp 0 to 2) links through sl_insert_hinted; other lists take
+// the ordinary insertion. Defined beside the loader (arbo_nif_io_load.cpp),
+// which rebuilds saved lists with them.
+arbo_node* _arbo_nif_add_hkey_int_hinted(arbo_node* parent, uint32_t key, uint32_t ns,
+                                         store_ctx* ctx, sl_append_hint* hint);
+arbo_node* _arbo_nif_add_hkey_bin_hinted(arbo_node* parent, const unsigned char* bytes,
+                                         size_t len, store_ctx* ctx, int key_type,
+                                         sl_append_hint* hint);
 
 // ---- values, attributes, deletion --------------------------------------------
 // kind 17 csval (inline up to 10 bytes), 18 plain binary, 37 csval kept as a
