@@ -39,6 +39,7 @@ ResourceHeader* header_of(void* obj) {
 void* g_priv = nullptr;
 std::atomic<long> g_live_resources{0};
 bool g_refuse_resources = false;
+std::atomic<long> g_sends{0};
 
 }  // namespace
 
@@ -47,6 +48,7 @@ namespace arbo_shim {
 void set_priv_data(void* priv) { g_priv = priv; }
 long live_resources() { return g_live_resources.load(); }
 void refuse_resources(bool refuse) { g_refuse_resources = refuse; }
+long sends() { return g_sends.load(); }
 
 }  // namespace arbo_shim
 
@@ -107,6 +109,17 @@ ERL_NIF_TERM enif_make_uint64(ErlNifEnv*, ErlNifUInt64 i) { return i; }
 ERL_NIF_TERM enif_make_tuple(ErlNifEnv*, unsigned, ...) { return 0; }
 ERL_NIF_TERM enif_make_list(ErlNifEnv*, unsigned, ...) { return 0; }
 ERL_NIF_TERM enif_make_atom(ErlNifEnv*, const char*) { return 0; }
+ERL_NIF_TERM enif_make_long(ErlNifEnv*, long i) { return static_cast<ERL_NIF_TERM>(i); }
+ERL_NIF_TERM enif_make_string(ErlNifEnv*, const char*, ErlNifCharEncoding) { return 0; }
+// Message environments and sends: a send is only counted.
+ErlNifEnv* enif_alloc_env() { return reinterpret_cast<ErlNifEnv*>(&g_sends); }
+void enif_free_env(ErlNifEnv*) {}
+int enif_send(ErlNifEnv*, const ErlNifPid*, ErlNifEnv*, ERL_NIF_TERM) {
+  g_sends++;
+  return 1;
+}
+void enif_set_pid_undefined(ErlNifPid* pid) { pid->pid = 0; }
+int enif_is_pid_undefined(const ErlNifPid* pid) { return pid->pid == 0; }
 // Decoders: a placeholder integer term decodes back to its value; there are
 // no binary or tuple terms outside a VM.
 int enif_get_int(ErlNifEnv*, ERL_NIF_TERM term, int* ip) {
