@@ -3,8 +3,9 @@
 // Contract
 // - One `iter_stack` per process per table, found by the owner's pid; the
 //   process is monitored and its stack freed when it dies.
-// - Every function here runs under the table lock: push, pop, repair and the
-//   down callback exclusive, reads shared.
+// - Every function here runs under the table lock: push, pop, repair and
+//   dropping a dead process's stack exclusive, reads shared. Nothing here
+//   takes the lock itself.
 // - Entries are node addresses as Erlang sees them. The node store repairs
 //   the stacks when a node leaves the tree (iter_nodes_fixup).
 #ifndef ARBO_STACK_H
@@ -42,8 +43,10 @@ void iter_nodes_replace_at(iter_stack* stack, int64_t idx, uintptr_t node);
 void iter_nodes_fixup(arbo_t* table, const arbo_node* node, uintptr_t replacement);
 // Frees every stack of the table (close and destructor).
 void iter_nodes_free_all(arbo_t* table);
-// Down callback of "arbo_type".
-void iter_nodes_proc_down(ErlNifEnv* env, void* obj, ErlNifPid* pid, ErlNifMonitor* mon);
+// Unlinks and frees the stack owned by `pid`, if any. The process-down
+// callback of "arbo_type" (src/arbo_nif_stack.cpp) calls it under the
+// exclusive lock once it knows the table is open.
+void iter_nodes_drop_stack(arbo_t* table, const ErlNifPid* pid);
 
 }  // namespace arbo
 

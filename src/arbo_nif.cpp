@@ -50,6 +50,11 @@ TableGuard::TableGuard(ErlNifEnv* env, ERL_NIF_TERM handle, Lock mode) : mode_(m
   if (get_arbo_t(env, handle, &t, &options_, mode == Lock::kExclusive, &closed_)) table_ = t;
 }
 
+TableGuard::TableGuard(arbo_t* table, Lock mode) : table_(table), mode_(mode) {
+  if (mode == Lock::kExclusive) enif_rwlock_rwlock(table->lock);
+  else enif_rwlock_rlock(table->lock);
+}
+
 TableGuard::~TableGuard() { unlock(); }
 
 void TableGuard::unlock() {

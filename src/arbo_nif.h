@@ -39,6 +39,9 @@ enum class Lock { kShared, kExclusive };
 class TableGuard {
  public:
   TableGuard(ErlNifEnv* env, ERL_NIF_TERM handle, Lock mode);
+  // Locks a table the caller already holds (runtime callbacks), open or
+  // closed; the caller checks `root` itself.
+  TableGuard(arbo_t* table, Lock mode);
   ~TableGuard();
   TableGuard(const TableGuard&) = delete;
   TableGuard& operator=(const TableGuard&) = delete;
@@ -132,6 +135,8 @@ ARBO_NIF_FN(cmp_keys_nif);
 ARBO_NIF_FN(push_iter_node);
 ARBO_NIF_FN(pop_iter_node);
 ARBO_NIF_FN(get_iter_node);
+// Down callback of "arbo_type": drops a dead process's iterator stack.
+void iter_nodes_proc_down(ErlNifEnv* env, void* obj, ErlNifPid* pid, ErlNifMonitor* mon);
 // persistence (arbo_nif_io.cpp)
 ARBO_NIF_FN(load_nif);
 ARBO_NIF_FN(save_nif);

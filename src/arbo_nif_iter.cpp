@@ -1,6 +1,7 @@
 // Iterator stacks as data: lookup by process, push, repair when nodes leave
-// the tree, freeing, and the process-down callback. The exported functions
-// that use them are in arbo_nif_stack.cpp.
+// the tree, freeing. The exported functions that use them and the
+// process-down callback (which needs the table guard) are in
+// arbo_nif_stack.cpp.
 #include <cstring>
 
 #include "arbo_stack.h"
@@ -18,9 +19,8 @@ void iter_nodes_free_stack(iter_stack* s) {
 }
 
 // Unlinks the stack of `pid`; caller frees it.
-iter_stack* iter_nodes_del_stack(ErlNifEnv* env, arbo_t* t, ErlNifPid* pid) {
+iter_stack* iter_nodes_del_stack(arbo_t* t, const ErlNifPid* pid) {
   iter_stack* prev = nullptr;
-  (void)env;
   for (iter_stack* s = t->iter_nodes; s != nullptr; prev = s, s = s->next) {
     if (enif_compare_pids(&s->owner_pid, pid) != 0) continue;
     if (s == t->iter_nodes) {
@@ -105,15 +105,10 @@ void iter_nodes_free_all(arbo_t* table) {
   table->iter_nodes = nullptr;
 }
 
-void iter_nodes_proc_down(ErlNifEnv* env, void* obj, ErlNifPid* pid, ErlNifMonitor* mon) {
-  (void)mon;
-  auto* t = static_cast<arbo_t*>(obj);
-  enif_rwlock_rwlock(t->lock);
-  if (t->root != nullptr && t->iter_nodes != nullptr) {
-    iter_stack* s = iter_nodes_del_stack(env, t, pid);
-    if (s != nullptr) iter_nodes_free_stack(s);
-  }
-  enif_rwlock_rwunlock(t->lock);
+void iter_nodes_drop_stack(arbo_t* t, const ErlNifPid* pid) {
+  if (t->iter_nodes == nullptr) return;
+  iter_stack* s = iter_nodes_del_stack(t, pid);
+  if (s != nullptr) iter_nodes_free_stack(s);
 }
 
 }  // namespace arbo

@@ -1,5 +1,6 @@
 // Exported iterator-stack functions: push_iter_node, pop_iter_node,
-// get_iter_node.
+// get_iter_node, and the process-down callback that frees a dead process's
+// stack.
 #include "arbo_nif.h"
 #include "arbo_stack.h"
 
@@ -49,6 +50,17 @@ ARBO_NIF_FN(get_iter_node) {
   if (s == nullptr) return enif_make_uint64(env, 0);
   ARBO_ASSERT_MSG(s->pos >= 0, "0");
   return enif_make_uint64(env, s->nodes[s->pos]);
+}
+
+// ---- process monitor ---------------------------------------------------------------
+
+void iter_nodes_proc_down(ErlNifEnv* env, void* obj, ErlNifPid* pid, ErlNifMonitor* mon) {
+  (void)env;
+  (void)mon;
+  auto* t = static_cast<arbo_t*>(obj);
+  TableGuard g(t, Lock::kExclusive);
+  // A closed table freed its stacks already.
+  if (t->root != nullptr) iter_nodes_drop_stack(t, pid);
 }
 
 }  // namespace arbo

@@ -1,0 +1,175 @@
+// Text side of filter comparisons: encoded elements written as text, and a
+// text compared with a pattern as bytes or as numbers. No runtime terms here.
+#include <cerrno>
+#include <climits>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "arbo_filter.h"
+
+namespace arbo {
+
+namespace {
+
+uint32_t be16(const unsigned char* p) { return (uint32_t{p[0]} << 8) | p[1]; }
+uint32_t be32(const unsigned char* p) {
+  return (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | p[3];
+}
+uint64_t be64(const unsigned char* p) { return (uint64_t{be32(p)} << 32) | be32(p + 4); }
+
+int32_t copy_text(char* dst, int32_t cap, const unsigned char* src, uint64_t len) {
+  if (cap < 1) return 0;
+  const uint64_t n = len < static_cast<uint64_t>(cap - 1) ? len : static_cast<uint64_t>(cap - 1);
+  std::memcpy(dst, src, n);
+  dst[n] = '\0';
+  return static_cast<int32_t>(n);
+}
+
+// snprintf's full length, cut to what the buffer holds.
+int32_t bounded(int n, int32_t cap) {
+  if (n < 0 || cap < 1) return 0;
+  return n < cap ? n : cap - 1;
+}
+
+// A NUL-terminated copy of a byte string: inline for short ones.
+class CString {
+ public:
+  CString(const char* s, int32_t len) {
+    const size_t n = len > 0 ? static_cast<size_t>(len) : 0;
+    if (n >= sizeof small_) {
+      heap_ = static_cast<char*>(enif_alloc(n + 1));
+      ARBO_ASSERT_MSG(heap_ != nullptr, "pattern");
+    }
+    char* p = str();
+    if (n > 0) std::memcpy(p, s, n);
+    p[n] = '\0';
+    len_ = n;
+  }
+  ~CString() { enif_free(heap_); }
+  CString(const CString&) = delete;
+  CString& operator=(const CString&) = delete;
+  char* str() { return heap_ != nullptr ? heap_ : small_; }
+  size_t len() const { return len_; }
+
+ private:
+  char small_[65];
+  char* heap_ = nullptr;
+  size_t len_ = 0;
+};
+
+// Whole text as a base-10 integer; out of range counts as no number.
+bool parse_ll(const char* s, size_t len, long long* out) {
+  if (len == 0) return false;
+  char* end = nullptr;
+  errno = 0;
+  const long long v = std::strtoll(s, &end, 10);
+  if (errno == ERANGE && (v == LLONG_MIN || v == LLONG_MAX)) return false;
+  if (end != s + len) return false;
+  *out = v;
+  return true;
+}
+
+// Whole text as a double; an overflow or underflow to 0 counts as no number.
+bool parse_d(const char* s, size_t len, double* out) {
+  if (len == 0) return false;
+  char* end = nullptr;
+  errno = 0;
+  const double v = std::strtod(s, &end);
+  if (errno == ERANGE && (v == 0.0 || std::isinf(v))) return false;
+  if (end != s + len) return false;
+  *out = v;
+  return true;
+}
+
+template <typename T>
+int ordered(uint32_t cmp_op, T a, T b) {
+  switch (cmp_op) {
+    case 3: return a > b ? 1 : 0;
+    case 4: return a >= b ? 1 : 0;
+    case 5: return a < b ? 1 : 0;
+    default: return a <= b ? 1 : 0;
+  }
+}
+
+}  // namespace
+
+int32_t _arbo_nif_fmt_cs_val(const unsigned char* e, char* dst, int32_t cap) {
+  const unsigned char* p = e + 1;
+  switch (e[0]) {
+    case 200: return copy_text(dst, cap, e + 2, e[1]);
+    case 205: return copy_text(dst, cap, e + 5, be32(e + 1));
+    case 6: return bounded(std::snprintf(dst, cap, "%d", static_cast<int8_t>(p[0])), cap);
+    case 7:
+      return bounded(std::snprintf(dst, cap, "%d", static_cast<int16_t>(be16(p))), cap);
+    case 8:
+      return bounded(std::snprintf(dst, cap, "%d", static_cast<int32_t>(be32(p))), cap);
+    case 9:
+      return bounded(
+          std::snprintf(dst, cap, "%lli", static_cast<long long>(static_cast<int64_t>(be64(p)))),
+          cap);
+    case 10: return bounded(std::snprintf(dst, cap, "%u", static_cast<unsigned>(p[0])), cap);
+    case 11: return bounded(std::snprintf(dst, cap, "%u", static_cast<unsigned>(be16(p))), cap);
+    case 12: return bounded(std::snprintf(dst, cap, "%u", static_cast<unsigned>(be32(p))), cap);
+    case 13:
+      return bounded(
+          std::snprintf(dst, cap, "%llu", static_cast<unsigned long long>(be64(p))), cap);
+    case 15:
+      return bounded(std::snprintf(dst, cap, "%d.%d.%d.%d", p[0], p[1], p[2], p[3]), cap);
+    case 17: return bounded(std::snprintf(dst, cap, "%s", p[0] == 0 ? "false" : "true"), cap);
+    case 20:
+      return bounded(std::snprintf(dst, cap, "%d-%02d-%02d", static_cast<int16_t>(be16(p)), p[2],
+                                   p[3]),
+                     cap);
+    default: return -1;
+  }
+}
+
+int filter_cmp_str(uint32_t cmp_op, const char* text, int32_t text_len, const char* pattern,
+                   int32_t pattern_len) {
+  switch (cmp_op) {
+    case 1:
+    case 2: {
+      const bool same = text_len == pattern_len &&
+                        (text_len <= 0 || std::memcmp(text, pattern, text_len) == 0);
+      return (cmp_op == 1) == same ? 1 : 0;
+    }
+    case 3:
+    case 4:
+    case 5:
+    case 6: {
+      CString pat(pattern, pattern_len);
+      const size_t tlen = text_len > 0 ? static_cast<size_t>(text_len) : 0;
+      long long a = 0, b = 0;
+      if (parse_ll(text, tlen, &a) && parse_ll(pat.str(), pat.len(), &b))
+        return ordered(cmp_op, a, b);
+      double x = 0, y = 0;
+      if (!parse_d(text, tlen, &x) || !parse_d(pat.str(), pat.len(), &y))
+        return kMatchUnsupported;
+      return ordered(cmp_op, x, y);
+    }
+    default:
+      ARBO_ASSERT_MSG(false, "0");
+  }
+}
+
+// Length of a well-formed element of a type that has a text form, or 0 when
+// the type has none or the element does not fit in `avail` bytes.
+size_t text_element_len(const unsigned char* e, size_t avail) {
+  if (avail < 1) return 0;
+  size_t need;
+  switch (e[0]) {
+    case 6: case 10: case 17: need = 2; break;
+    case 7: case 11: need = 3; break;
+    case 8: case 12: case 15: need = 5; break;
+    case 9: case 13: need = 9; break;
+    case 20: need = 7; break;
+    case 200: need = avail >= 2 ? 2 + size_t{e[1]} : 2; break;
+    case 205: need = avail >= 5 ? 5 + size_t{be32(e + 1)} : 5; break;
+    default: return 0;
+  }
+  return need <= avail ? need : 0;
+}
+
+}  // namespace arbo
