@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(
-  erlang-base erlang-dev erlang-eunit erlang-proper erlang-dialyzer erlang-edoc
+  erlang-base erlang-dev erlang-eunit erlang-proper erlang-proper-dev erlang-dialyzer erlang-edoc
   erlang-tools erlang-syntax-tools erlang-parsetools erlang-crypto
   cmake g++ make libgtest-dev googletest libbenchmark-dev
 )

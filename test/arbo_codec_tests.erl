@@ -1,0 +1,174 @@
+%% Key and value codecs: exact round trips both ways (PropEr), the framing
+%% rules of each element and value type, and rejection of malformed input.
+-module(arbo_codec_tests).
+-include_lib("proper/include/proper.hrl").
+-include_lib("eunit/include/eunit.hrl").
+
+-export([key/0, element/0, value/0, key_bytes/0]).
+
+%% A property run quietly; a failure shows the shrunk counterexample.
+-define(PROP(P, N),
+        ?assertEqual(true, case proper:quickcheck(P, [{numtests, N}, quiet]) of
+                               true -> true;
+                               _ -> {counterexample, proper:counterexample()}
+                           end)).
+
+%% ---- generators ------------------------------------------------------------
+
+%% Types without a named form, with the content size rule of the key table.
+key_fixed() -> [{28, 4}, {31, 4}, {46, 4}, {40, 5}, {48, 5}, {2, 8}, {44, 8}, {209, 8},
+                {23, 9}, {43, 9}, {19, 13}, {16, 16}, {41, 17}, {49, 17}, {27, 28}].
+key_var() -> [{14, 0}, {34, 0}, {38, 0}, {208, 0}, {39, 0}, {47, 0}, {206, 0}, {50, 0},
+              {201, 6}, {202, 6}, {203, 6}, {18, 2}].
+
+named() ->
+    oneof([empty,
+           {int8, integer(-128, 127)}, {uint8, integer(0, 255)}, {bool, boolean()},
+           {int16, integer(-32768, 32767)}, {uint16, integer(0, 65535)},
+           {int32, integer(-(1 bsl 31), (1 bsl 31) - 1)}, {uint32, integer(0, (1 bsl 32) - 1)},
+           {int64, integer(-(1 bsl 63), (1 bsl 63) - 1)}, {uint64, integer(0, (1 bsl 64) - 1)},
+           {ipv4, {byte(), byte(), byte(), byte()}},
+           {bitmask32, integer(0, (1 bsl 32) - 1)}, {bitmask64, integer(0, (1 bsl 64) - 1)},
+           {date, {integer(-32768, 32767), byte(), byte()}},
+           {string, binary()}, {string32, binary()},
+           {binary, 17, ?SUCHTHAT(B, binary(1), B > <<1>>)},
+           {binary, 20, ?SUCHTHAT(B, binary(6), binary:part(B, 4, 2) =/= <<0, 0>>)}]).
+
+element() ->
+    oneof([named(),
+           ?LET({T, N}, oneof(key_fixed()), {binary, T, binary(N)}),
+           ?LET({T, Min}, oneof(key_var()),
+                ?LET(B, binary(), {binary, T, <<(binary:copy(<<7>>, Min))/binary, B/binary>>}))]).
+
+key() ->
+    ?LET({Es, Rest}, {list(element()), oneof([[], [{binary, 204, binary()}]])}, Es ++ Rest).
+
+%% Mostly well-formed keys, some cut short, some with a byte changed.
+key_bytes() ->
+    ?LET({K, Mut}, {key(), oneof([none, {cut, nat()}, {flip, nat(), byte()}])},
+         mutate(arbo_key:encode(K), Mut)).
+
+mutate(B, none) -> B;
+mutate(B, {cut, N}) -> binary:part(B, 0, N rem (byte_size(B) + 1));
+mutate(<<>>, {flip, _, X}) -> <<X>>;
+mutate(B, {flip, N, X}) ->
+    P = N rem byte_size(B),
+    <<H:P/binary, _, T/binary>> = B,
+    <<H/binary, X, T/binary>>.
+
+value() ->
+    oneof([named(),
+           ?LET(T, oneof([24, 26, 22, 25, 28, 46, 21, 40, 48, 2, 44, 209, 23, 43, 19, 16, 41, 49,
+                          27]),
+                {binary, T, binary(fixed_len(T))}),
+           ?LET(T, oneof([14, 201, 34, 38, 208, 202, 18, 31, 39, 47, 50, 203, 206]),
+                {binary, T, binary()})]).
+
+fixed_len(T) ->
+    hd([N || {N, Ts} <- [{3, [24, 26]}, {4, [22, 25, 28, 46]}, {5, [21, 40, 48]},
+                         {8, [2, 44, 209]}, {9, [23, 43]}, {13, [19]}, {16, [16]},
+                         {17, [41, 49]}, {28, [27]}], lists:member(T, Ts)]).
+
+%% ---- properties --------------------------------------------------------------
+
+key_round_trip_test() ->
+    ?PROP(?FORALL(K, key(), arbo_key:decode(arbo_key:encode(K)) =:= {ok, K}), 2000).
+
+%% validate agrees with decode, and what decodes encodes back to the same bytes.
+key_bytes_round_trip_test() ->
+    ?PROP(?FORALL(B, oneof([key_bytes(), binary()]),
+                  case {arbo_key:validate(B), arbo_key:decode(B)} of
+                      {ok, {ok, K}} -> arbo_key:encode(K) =:= B;
+                      {{error, R}, {error, R}} -> true;
+                      _ -> false
+                  end), 3000).
+
+value_round_trip_test() ->
+    ?PROP(?FORALL(V, value(), arbo_val:decode(arbo_val:encode(V)) =:= {ok, V}), 2000).
+
+value_bytes_round_trip_test() ->
+    ?PROP(?FORALL(B, oneof([?LET(V, value(), arbo_val:encode(V)), binary()]),
+                  case {arbo_val:validate(B), arbo_val:decode(B)} of
+                      {ok, {ok, V}} -> arbo_val:encode(V) =:= B;
+                      {{error, R}, {error, R}} -> true;
+                      _ -> false
+                  end), 3000).
+
+%% The frame of a csval is its whole length, also with bytes after it.
+value_frame_test() ->
+    ?PROP(?FORALL({V, Tail}, {value(), binary()},
+                  begin
+                      B = arbo_val:encode(V),
+                      arbo_val:frame(<<B/binary, Tail/binary>>) =:= {ok, byte_size(B)}
+                  end), 1000).
+
+%% ---- tables ------------------------------------------------------------------
+
+key_encoding_test_() ->
+    Cases = [{[{int32, -2}], <<8, 255, 255, 255, 254>>},
+             {[{uint8, 7}, {bool, false}], <<10, 7, 17, 0>>},
+             {[{string, <<"eth0">>}], <<200, 4, "eth0">>},
+             {[{string32, <<"ab">>}], <<205, 0, 0, 0, 2, "ab">>},
+             {[{ipv4, {10, 0, 0, 1}}], <<15, 10, 0, 0, 1>>},
+             {[{date, {2026, 11, 22}}], <<20, 16#07, 16#ea, 11, 22, 0, 0>>},
+             {[{binary, 201, <<1, 2, 3, 4, 5, 6, 9>>}], <<201, 7, 1, 2, 3, 4, 5, 6, 9>>},
+             {[{binary, 18, <<1, 2>>}], <<18, 0, 0, 0, 2, 1, 2>>},
+             {[{binary, 50, <<3>>}], <<50, 0, 0, 0, 1, 3>>},
+             {[{uint16, 1}, {binary, 204, <<1, 2>>}], <<11, 0, 1, 204, 1, 2>>},
+             {[], <<>>}],
+    [?_assertEqual(B, arbo_key:encode(K)) || {K, B} <- Cases] ++
+        [?_assertEqual({ok, K}, arbo_key:decode(B)) || {K, B} <- Cases].
+
+key_rejects_test_() ->
+    Cases = [{<<1>>, {unknown_type, 1, 0}},
+             {<<10, 1, 33>>, {unknown_type, 33, 2}},
+             {<<8, 0, 0>>, {truncated, 8, 0}},
+             {<<200>>, {truncated, 200, 0}},
+             {<<200, 3, 1, 2>>, {truncated, 200, 0}},
+             {<<205, 0, 0, 0>>, {truncated, 205, 0}},
+             {<<201, 5, 0, 0, 0, 0, 0>>, {bad_length, 201, 0}},
+             {<<202, 0, 6, 0, 0, 0, 0, 0>>, {truncated, 202, 0}},
+             {<<203, 0, 0, 0, 3, 1, 1, 1, 1, 1, 1>>, {bad_length, 203, 0}},
+             {<<18, 0, 0, 0, 1, 0, 0>>, {bad_length, 18, 0}},
+             {<<18, 0, 0, 0, 3, 0, 0>>, {truncated, 18, 0}},
+             {<<50, 255, 255, 255, 255>>, {truncated, 50, 0}}],
+    [?_assertEqual({error, R}, arbo_key:validate(B)) || {B, R} <- Cases] ++
+        [?_assertEqual({error, not_binary}, arbo_key:validate(T)) || T <- [[1], "ab", {8}]].
+
+key_encode_rejects_test_() ->
+    Bad = [[{int8, 128}], [{uint32, -1}], [{string, "text"}], [{ipv4, {256, 0, 0, 0}}],
+           [{bool, 1}], [{binary, 8, <<1, 2, 3, 4>>}],      % named type: use {int32, _}
+           [{binary, 17, <<1>>}], [{binary, 201, <<1, 2>>}], [{binary, 3, <<>>}],
+           [{binary, 12, <<1>>}], [{date, {2026, 256, 1}}], [nonsense]],
+    [?_assertError({bad_key_element, _}, arbo_key:encode(K)) || K <- Bad] ++
+        [?_assertError({bad_key, rest_not_last},
+                       arbo_key:encode([{binary, 204, <<>>}, {uint8, 1}])),
+         ?_assertError({bad_key, _}, arbo_key:encode(not_a_list))].
+
+value_table_test_() ->
+    Cases = [{{int16, -1}, <<7, 255, 255>>},
+             {{string, <<"x">>}, <<200, 1, "x">>},
+             {{binary, 201, <<1, 2>>}, <<201, 2, 1, 2>>},      % no header rule in values
+             {{binary, 31, <<5>>}, <<31, 0, 0, 0, 1, 5>>},     % length-prefixed in values
+             {{binary, 24, <<1, 2, 3>>}, <<24, 1, 2, 3>>},
+             {empty, <<0>>}],
+    [?_assertEqual(B, arbo_val:encode(V)) || {V, B} <- Cases] ++
+        [?_assertEqual({error, R}, arbo_val:validate(B))
+         || {B, R} <- [{<<>>, empty_input}, {<<3, 1>>, {unknown_type, 3}},
+                       {<<200, 2, 1>>, {truncated, 200}}, {<<8, 1, 2, 3, 4, 5>>, trailing_bytes},
+                       {<<18, 0, 0>>, {truncated, 18}}]] ++
+        [?_assertError({bad_value, _}, arbo_val:encode(V))
+         || V <- [{int32, 1 bsl 31}, {binary, 1, <<>>}, {binary, 24, <<1>>}, {string, 7}]].
+
+%% The library's order of keys, through the codec.
+compare_test_() ->
+    S = fun(X) -> [{string, X}] end,
+    [?_assertEqual(-1, arbo_key:compare([{bool, true}], [{bool, false}])),
+     ?_assertEqual(-1, arbo_key:compare([{int32, -1}], [{int32, 0}])),
+     ?_assertEqual(-1, arbo_key:compare([{int8, 1}], [{int8, 1}, {int8, 2}])),
+     ?_assertEqual(1, arbo_key:compare(S(<<"aa">>), S(<<"b">>), length_first)),
+     ?_assertEqual(-1, arbo_key:compare(S(<<"aa">>), S(<<"b">>), plain)),
+     ?_assertEqual(0, arbo_key:compare(S(<<"abc">>), {opaque, <<"abc">>})),
+     ?_assertEqual(0, arbo_key:compare([], [])),
+     ?_assertError({bad_key_element, _}, arbo_key:compare([{int8, 999}], [])),
+     ?_assertError({bad_mode, _}, arbo_key:compare([], [], 7))].
