@@ -71,10 +71,13 @@ arbo_node* _arbo_nif_add_hkey_bin(arbo_node* parent, const unsigned char* bytes,
 // on each level of `list`, so an instance whose key is greater than the
 // list's last one links in O(1). The result is identical to sl_insert (same
 // links, curh, size, duplicate handling); any other key falls back to it.
-// A hint whose `list` differs from `parent` is reset first.
+// A hint whose `list` differs from `parent`, or whose `size` no longer matches
+// the list's, is rebuilt first (O(log n)); after any other change to the list
+// reset it (`hint = {}`) before the next call.
 struct sl_append_hint {
   arbo_node* list = nullptr;
   arbo_node* last[kMaxLevels] = {};
+  int32_t size = -1;  // the list's size when `last` was right
 };
 arbo_node* sl_insert_hinted(arbo_node* parent, arbo_node* node, store_ctx* ctx,
                             sl_append_hint* hint);

@@ -1,0 +1,99 @@
+// Helpers shared by the node store's unit tests.
+#ifndef ARBO_TEST_STORE_TEST_UTIL_H
+#define ARBO_TEST_STORE_TEST_UTIL_H
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "arbo_alloc.h"
+#include "arbo_node.h"
+#include "arbo_store.h"
+#include "arbo_store_check.h"
+#include "enif_shim.h"
+
+#if defined(__SANITIZE_ADDRESS__)
+#define ARBO_TEST_LSAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define ARBO_TEST_LSAN 1
+#endif
+#endif
+#ifdef ARBO_TEST_LSAN
+#include <sanitizer/lsan_interface.h>
+#endif
+
+namespace store_test {
+
+using arbo::arbo_node;
+
+// Fails the current test with the checker's reason.
+inline ::testing::AssertionResult TreeOk(const arbo_node* n) {
+  arbo::check_msg why;
+  if (arbo::tree_check_invariants(n, &why)) return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure() << why.text;
+}
+
+// Children in sibling order.
+inline std::vector<arbo_node*> children(const arbo_node* n) {
+  std::vector<arbo_node*> out;
+  for (arbo_node* c = n->child; c != nullptr; c = arbo::sibling(c)) out.push_back(c);
+  return out;
+}
+
+// Instances on one skip-list level.
+inline std::vector<arbo_node*> level(arbo_node* list, int i) {
+  std::vector<arbo_node*> out;
+  for (arbo_node* n = arbo::as_dyn(list)->head[i]; n != nullptr; n = arbo::as_gen(n)->next[i])
+    out.push_back(n);
+  return out;
+}
+
+inline std::string key_string(const arbo_node* n) {
+  arbo::key_bytes kb = arbo::node_key_bytes(n);
+  return std::string(reinterpret_cast<const char*>(kb.ptr), static_cast<size_t>(kb.len));
+}
+
+inline const unsigned char* bytes_of(const std::string& s) {
+  return reinterpret_cast<const unsigned char*>(s.data());
+}
+
+// An encoded key of two elements: a signed 32-bit integer (type 8) and a
+// character string (type 200).
+inline std::string encoded_key(int32_t a, const std::string& s) {
+  std::string k;
+  k.push_back(8);
+  for (int sh = 24; sh >= 0; sh -= 8) k.push_back(static_cast<char>((static_cast<uint32_t>(a) >> sh) & 0xff));
+  k.push_back(static_cast<char>(200));
+  k.push_back(static_cast<char>(s.size()));
+  k += s;
+  return k;
+}
+
+// An indexed removal from a user-ordered list keeps its 16-byte lookup record
+// allocated on purpose; the leak checker ignores what this scope allocates.
+struct KeptRecords {
+#ifdef ARBO_TEST_LSAN
+  KeptRecords() { __lsan_disable(); }
+  ~KeptRecords() { __lsan_enable(); }
+#else
+  KeptRecords() {}
+  ~KeptRecords() {}
+#endif
+};
+
+// The table's counters at one moment.
+struct Counters {
+  uint64_t mem;
+  uint32_t size;
+  uint64_t lib;
+  long resources;
+};
+inline Counters counters(arbo_shim::TestTable& t) {
+  return {t.table.mem, t.table.size, t.table.alloc_state->mem.load(), arbo_shim::live_resources()};
+}
+
+}  // namespace store_test
+
+#endif  // ARBO_TEST_STORE_TEST_UTIL_H
