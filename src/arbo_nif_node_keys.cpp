@@ -15,31 +15,30 @@ namespace arbo {
 
 namespace {
 
-// How the parser reads an element, by type code.
-enum class Shape : uint8_t {
-  kInvalid,
-  kFixed,     // header 1, payload `arg` bytes
-  kLen1,      // header 2, 1-byte length at offset 1
-  kLen2,      // header 3, 2-byte length at offset 1
-  kLen4,      // header 5, 4-byte length at offset 1
-  kField1m6,  // header 8, 1-byte field at offset 1 that counts 6 header bytes
-  kField2m6,  // header 9, 2-byte field, same
-  kField4m6,  // header 11, 4-byte field, same
-  kField4m2,  // header 7, 4-byte field that counts 2 header bytes
-  kBits,      // header 5, 4-byte length, not variable-length (bit string)
-  kRest,      // header 0, the rest of the buffer, type byte included
-};
-
+// How the parser reads an element, by type code: the header length, then
+// either a fixed payload length or a big-endian length field at offset 1
+// (1, 2 or 4 bytes) that for some types also counts part of the header.
 struct ElementRule {
-  Shape shape = Shape::kInvalid;
-  uint8_t arg = 0;  // payload length of a fixed element
+  uint8_t hdr = 0;      // 0 with kValid clear: not an element type
+  uint8_t fixed = 0;    // payload length when field == 0
+  uint8_t field = 0;    // bytes of the length field, 0 for fixed elements
+  uint8_t counted = 0;  // header bytes the length field includes
+  uint8_t flags = 0;
 };
+constexpr uint8_t kValid = 1, kVarlen = 2, kRest = 4;
 
 struct ElementTable {
   ElementRule rule[256];
   constexpr ElementTable() {
     auto fixed = [this](int len, std::initializer_list<int> codes) {
-      for (int c : codes) rule[c] = {Shape::kFixed, static_cast<uint8_t>(len)};
+      for (int c : codes) rule[c] = {1, static_cast<uint8_t>(len), 0, 0, kValid};
+    };
+    auto var = [this](int hdr, int field, int counted, uint8_t varlen,
+                      std::initializer_list<int> codes) {
+      for (int c : codes) {
+        rule[c] = {static_cast<uint8_t>(hdr), 0, static_cast<uint8_t>(field),
+                   static_cast<uint8_t>(counted), static_cast<uint8_t>(kValid | varlen)};
+      }
     };
     fixed(0, {0});
     fixed(1, {6, 10, 17});
@@ -53,15 +52,16 @@ struct ElementTable {
     fixed(16, {16});
     fixed(17, {41, 49});
     fixed(28, {27});
-    rule[14] = rule[200] = {Shape::kLen1, 0};
-    rule[34] = rule[38] = rule[208] = {Shape::kLen2, 0};
-    rule[39] = rule[47] = rule[205] = rule[206] = {Shape::kLen4, 0};
-    rule[201] = {Shape::kField1m6, 0};
-    rule[202] = {Shape::kField2m6, 0};
-    rule[203] = {Shape::kField4m6, 0};
-    rule[18] = {Shape::kField4m2, 0};
-    rule[50] = {Shape::kBits, 0};
-    rule[204] = {Shape::kRest, 0};
+    var(2, 1, 0, kVarlen, {14, 200});
+    var(3, 2, 0, kVarlen, {34, 38, 208});
+    var(5, 4, 0, kVarlen, {39, 47, 205, 206});
+    // The length fields of these count part of the header; kept as stored.
+    var(8, 1, 6, kVarlen, {201});
+    var(9, 2, 6, kVarlen, {202});
+    var(11, 4, 6, kVarlen, {203});
+    var(7, 4, 2, kVarlen, {18});
+    var(5, 4, 0, 0, {50});  // bit string: a length field, yet not variable-length
+    rule[204] = {0, 0, 0, 0, kValid | kVarlen | kRest};
   }
 };
 
@@ -207,67 +207,53 @@ uint32_t lookup2(const unsigned char* k, uint32_t length) {
 
 }  // namespace
 
-void get_tuple_key(int single, const unsigned char* buf, int32_t buf_len, int32_t* hdr_len,
-                   int32_t* payload_len, int* type, int* varlen) {
-  if (single) {
-    *type = kTypeRest;
-    *hdr_len = 0;
-    *payload_len = buf_len;
-    *varlen = 1;
-    return;
-  }
-  // Lengths are worked out in 64 bits: a corrupt length field must fail the
-  // bounds assertion, not wrap past it.
+namespace {
+
+struct Element {
+  int32_t hdr;
+  int32_t len;
+  int type;
+  int varlen;
+};
+
+// The parser proper, inlined into the comparison loop. Lengths are worked
+// out in 64 bits: a corrupt length field must fail the bounds assertion, not
+// wrap past it. A length field smaller than the header part it counts is as
+// corrupt as one that runs past the end.
+[[gnu::always_inline]] inline Element parse_element(int single, const unsigned char* buf,
+                                                    int32_t buf_len) {
+  if (single) return {0, buf_len, kTypeRest, 1};
   ARBO_ASSERT_MSG(buf_len >= 1, "i+len <= buf_len");
   const int t = buf[0];
   const ElementRule r = kElements.rule[t];
-  int64_t i = 1;
-  int64_t len = 0;
-  int var = 1;
-  switch (r.shape) {
-    case Shape::kInvalid:
-      corrupt_type(t, buf_len);
-    case Shape::kFixed:
-      len = r.arg;
-      var = 0;
-      break;
-    case Shape::kRest:
-      i = 0;
-      len = buf_len;
-      break;
-    case Shape::kLen1: i = 2; break;
-    case Shape::kLen2: i = 3; break;
-    case Shape::kLen4: i = 5; break;
-    case Shape::kField1m6: i = 8; break;
-    case Shape::kField2m6: i = 9; break;
-    case Shape::kField4m6: i = 11; break;
-    case Shape::kField4m2: i = 7; break;
-    case Shape::kBits:
-      i = 5;
-      var = 0;
-      break;
-  }
-  if (r.shape != Shape::kFixed && r.shape != Shape::kRest) {
+  int64_t len;
+  if (r.field == 0) {
+    if (!(r.flags & kValid)) [[unlikely]] corrupt_type(t, buf_len);
+    if (r.flags & kRest) [[unlikely]] return {0, buf_len, t, 1};
+    len = r.fixed;
+  } else {
     // The length field sits inside the header; never read past the buffer.
-    ARBO_ASSERT_MSG(i <= buf_len, "i+len <= buf_len");
-    switch (r.shape) {
-      case Shape::kLen1: len = buf[1]; break;
-      case Shape::kLen2: len = be16(buf + 1); break;
-      case Shape::kLen4: case Shape::kBits: len = be32(buf + 1); break;
-      case Shape::kField1m6: len = int64_t{buf[1]} - 6; break;
-      case Shape::kField2m6: len = int64_t{be16(buf + 1)} - 6; break;
-      case Shape::kField4m6: len = int64_t{be32(buf + 1)} - 6; break;
-      case Shape::kField4m2: len = int64_t{be32(buf + 1)} - 2; break;
-      default: break;
+    ARBO_ASSERT_MSG(r.hdr <= buf_len, "i+len <= buf_len");
+    switch (r.field) {
+      case 1: len = buf[1]; break;
+      case 2: len = be16(buf + 1); break;
+      default: len = be32(buf + 1); break;
     }
+    len -= r.counted;
   }
-  // A length field smaller than the header part it counts is as corrupt as
-  // one that runs past the end.
-  ARBO_ASSERT_MSG(len >= 0 && i + len <= buf_len, "i+len <= buf_len");
-  *type = t;
-  *hdr_len = static_cast<int32_t>(i);
-  *payload_len = static_cast<int32_t>(len);
-  *varlen = var;
+  ARBO_ASSERT_MSG(len >= 0 && r.hdr + len <= buf_len, "i+len <= buf_len");
+  return {r.hdr, static_cast<int32_t>(len), t, (r.flags & kVarlen) ? 1 : 0};
+}
+
+}  // namespace
+
+void get_tuple_key(int single, const unsigned char* buf, int32_t buf_len, int32_t* hdr_len,
+                   int32_t* payload_len, int* type, int* varlen) {
+  const Element e = parse_element(single, buf, buf_len);
+  *hdr_len = e.hdr;
+  *payload_len = e.len;
+  *type = e.type;
+  *varlen = e.varlen;
 }
 
 int cmp_tuple_key(const unsigned char* a, int32_t alen, int a_single, const unsigned char* b,
@@ -277,11 +263,11 @@ int cmp_tuple_key(const unsigned char* a, int32_t alen, int a_single, const unsi
     return alen != 0 ? 1 : -1;
   }
   for (;;) {
-    int32_t ai, alen1, bi, blen1;
-    int at, bt, avar, bvar;
-    get_tuple_key(a_single, a, alen, &ai, &alen1, &at, &avar);
-    get_tuple_key(b_single, b, blen, &bi, &blen1, &bt, &bvar);
-    (void)avar;  // b's element says whether the pair counts as variable-length
+    const Element ea = parse_element(a_single, a, alen);
+    const Element eb = parse_element(b_single, b, blen);
+    const int32_t ai = ea.hdr, alen1 = ea.len, bi = eb.hdr, blen1 = eb.len;
+    const int at = ea.type, bt = eb.type;
+    const int bvar = eb.varlen;  // b's element says whether the pair is variable-length
 
     if (at == bt) {
       if (at == 0) return 0;  // an empty element ends the comparison as equal
