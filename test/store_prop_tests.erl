@@ -27,34 +27,47 @@
 
 -record(it, {key, ref, kflags = [], val = undefined, uflags = 0, attrs = []}).
 -record(l, {ref, mode, fam, idx = false, items = []}).
--record(m, {t, root, lists = #{}, leaves = [], gen = 0, leaked = 0, check = true}).
+-record(m, {t, root, lists = #{}, leaves = [], gen = 0, leaked = 0, check = true,
+            events = []}).  % index_built / index_dropped, for the statistics
 
 %% ---- the property -------------------------------------------------------------
 
 model_test_() ->
-    N = case os:getenv("ARBO_PROP_TESTS") of false -> 60; S -> list_to_integer(S) end,
+    N = case os:getenv("ARBO_PROP_TESTS") of false -> 100; S -> list_to_integer(S) end,
     {timeout, 300, fun() ->
         ?assertEqual(true, proper:quickcheck(prop_model(), [{numtests, N}, {to_file, user}]))
     end}.
 
 prop_model() ->
     proper:forall(commands(), fun(Cmds) ->
-        ok =:= with_table(fun(T) -> run(T, Cmds, true) end)
+        %% failures come back as false, not as exceptions: this PropEr
+        %% cannot report an exception on this OTP (no get_stacktrace)
+        try with_table(fun(T) -> run(T, Cmds, true) end) of
+            Events -> proper:aggregate([{index, lists:usort(Events)}], true)
+        catch
+            C:E:St ->
+                proper:whenfail(fun() -> io:format(user, "~p:~p~n~p~n", [C, E, St]) end,
+                                fun() -> false end)
+        end
     end).
 
 %% ---- commands ------------------------------------------------------------------
 
-commands() -> proper_types:list(command()).
+%% Sequences long enough for lists to cross the 128/64 index thresholds.
+commands() -> proper_types:resize(60, proper_types:list(command())).
 
 command() ->
     Idx = proper_types:range(1, length(?LISTS)),
     Seed = proper_types:range(0, 337),
     Pos = proper_types:range(0, 999),
+    %% bulk changes mostly hit the user-ordered lists, to cross their thresholds
+    Bulk = proper_types:frequency([{1, Idx}, {3, proper_types:elements([6, 7])}]),
     proper_types:frequency([
         {10, {add, Idx, Seed}},
-        {2, {add_many, Idx, Seed, proper_types:range(1, 140)}},
+        {3, {add_many, Bulk, Seed, proper_types:range(1, 200)}},
         {6, {del, Idx, Seed}},
-        {2, {del_many, Idx, Seed, proper_types:range(1, 140)}},
+        {3, {del_many, Bulk, Seed, proper_types:range(1, 200)}},
+        {2, {thin, Bulk, proper_types:range(0, 80)}},
         {4, {rename, Idx, Pos, Seed}},
         {4, {set_val, Idx, Pos, proper_types:elements([17, 18, 37, 99]),
              proper_types:range(0, 24)}},
@@ -84,7 +97,7 @@ run(T, Cmds, Check) ->
     expect(final_generation, M#m.gen + 1, arbo:get_generation(T)),
     expect(final_size, 0, arbo:get_size(T)),
     expect(final_mem, ?ROOT_MEM + ?HT_KEY * M#m.leaked, arbo:get_mem(T)),
-    ok.
+    M#m.events.
 
 new_model(T, Check) ->
     R = arbo:get_root(T),
@@ -163,6 +176,13 @@ step({add_many, Idx, S0, N}, M) ->
 step({del, Idx, S}, M) -> del(Idx, S, M);
 step({del_many, Idx, S0, N}, M) ->
     lists:foldl(fun(S, Acc) -> del(Idx, S, Acc) end, M, lists:seq(S0, S0 + N - 1));
+step({thin, Idx, Keep}, M) ->
+    %% delete until Keep instances remain, every other one first
+    Items = (get_list(Idx, M))#l.items,
+    {Odd, Even} = lists:partition(fun({I, _}) -> I rem 2 =:= 1 end,
+                                  lists:zip(lists:seq(1, length(Items)), Items)),
+    Doomed = lists:sublist([It || {_, It} <- Odd ++ Even], max(0, length(Items) - Keep)),
+    lists:foldl(fun(It, Acc) -> del_key(Idx, It#it.key, Acc) end, M, Doomed);
 step({rename, Idx, Pos, S}, M) ->
     with_item(Idx, Pos, M, fun(L, It) ->
         {Code, Term, Key, KF} = rename_key(L#l.fam, S),
@@ -240,13 +260,17 @@ add(Idx, S, M) ->
             put_item(Idx, L, It#it{kflags = KF1}, M);
         false ->
             Items = order(L#l.mode, L#l.items ++ [#it{key = Key, ref = Ref, kflags = KF}]),
-            N = length(Items),
-            put_list(Idx, L#l{items = Items, idx = L#l.idx orelse (L#l.mode =:= 3 andalso N >= 128)}, M)
+            Idx1 = L#l.idx orelse (L#l.mode =:= 3 andalso length(Items) >= 128),
+            Ev = [index_built || Idx1, not L#l.idx],
+            put_list(Idx, L#l{items = Items, idx = Idx1}, M#m{events = Ev ++ M#m.events})
     end.
 
 del(Idx, S, M) ->
+    {_, _, Key, _} = add_key((get_list(Idx, M))#l.fam, S),
+    del_key(Idx, Key, M).
+
+del_key(Idx, Key, M) ->
     L = get_list(Idx, M),
-    {_, _, Key, _} = add_key(L#l.fam, S),
     {Code, Term} = del_form(Key),
     Want = lists:keymember(Key, #it.key, L#l.items),
     expect({del, Term, Code}, Want, arbo:del_hkey(M#m.t, L#l.ref, Term, Code)),
@@ -258,8 +282,10 @@ del(Idx, S, M) ->
             %% the index goes when a removal starts at 64 instances or fewer
             Leaked = M#m.leaked + b2i(L#l.idx),
             Items = lists:keydelete(Key, #it.key, L#l.items),
-            put_list(Idx, L#l{items = Items, idx = L#l.idx andalso N > 64},
-                     M#m{gen = M#m.gen + 1, leaked = Leaked})
+            Idx1 = L#l.idx andalso N > 64,
+            Ev = [index_dropped || L#l.idx, not Idx1],
+            put_list(Idx, L#l{items = Items, idx = Idx1},
+                     M#m{gen = M#m.gen + 1, leaked = Leaked, events = Ev ++ M#m.events})
     end.
 
 order(3, Items) -> Items;
