@@ -1,0 +1,1006 @@
+%% @doc The tree API: safe functions over the raw library in {@link arbo}.
+%%
+%% == Trees and nodes ==
+%% A tree is created with {@link new/0} and belongs to the process that
+%% created it: it is closed when that process exits or when {@link close/1}
+%% is called, like an ETS table. Any process may read and change it.
+%%
+%% Nodes are of four kinds: containers (children addressed by integer tags),
+%% leaves (carry a value, may have children of their own), lists (children
+%% are instances, kept sorted by key or in user order) and instances (list
+%% children: carry a value, may have children). Children of containers,
+%% leaves, instances and the root are named by a {@link name()}: a tag
+%% `0..2^32-1', or `{Ns, Tag}' with a namespace. Instances are named by an
+%% {@link instance_key()}: `{int, N}' (a 32-bit integer), `{pair, Ns, N}',
+%% `{tuple, Elements}' (an encoded tuple key, elements as in {@link
+%% arbo_key}; a bare element list means the same) or `{opaque, Binary}'.
+%%
+%% == Node references ==
+%% Functions hand out {@link tree_node()} references: opaque terms that carry the
+%% tree's identity, the node's address, its parent's address and the epoch
+%% of the tree at the moment they were made. The epoch moves on every change
+%% that can free nodes (deletions, {@link clear/1}, {@link load/3}, {@link
+%% close/1}); moves, renames and additions do not free nodes and leave it.
+%% A reference of another tree raises `error({wrong_table, Ref})', one made
+%% before the epoch moved raises `error({stale_node, Ref})': find the node
+%% again. The check and the native call form one step: a reader/writer gate
+%% per tree (see the `arbo_gate' module) keeps every change that can free
+%% nodes out while a reader is between the two, and survives processes
+%% killed inside it. References are not meant to be built by hand; the layer
+%% cannot tell a forged address from a real one.
+%%
+%% == Errors ==
+%% Malformed arguments raise `error({badarg, What})'; a closed tree raises
+%% `error({arbo_closed, Tree})'; operations on the wrong kind of node raise
+%% `error({wrong_node_type, Node})' (or `{not_user_ordered, List}', `{root,
+%% Root}', `{not_a_child, Node}'). Outcomes a caller expects are results:
+%% `none' for no node, `false' for a refused move, rename or deletion,
+%% `{error, Reason}' from files.
+%%
+%% == Filters ==
+%% {@link fold/5} and {@link select/3} walk the children of a node that
+%% match a {@link filter()}; the library's resumable walk (it hands control
+%% back every thousand or so siblings) is followed transparently. Filters
+%% are checked before they reach the library. See {@link filter()}.
+-module(arbo_tree).
+
+%% lifecycle
+-export([new/0, new/1, close/1, info/1, root/1]).
+%% adding, finding, deleting
+-export([add_container/3, add_leaf/3, add_list/4, add/3,
+         find/3, lookup/2, find_after/3, find_after/4,
+         delete/2, delete/3, delete_ns/3, clear/1, rename/3, rename_ns/3]).
+%% navigation
+-export([first_child/2, last_child/2, next_sibling/2, prev_sibling/2, nth_child/3,
+         child_index/2, num_children/2, children/2, key/2, type/2, is_same/2]).
+%% values, flags, attributes
+-export([value/2, value_raw/2, set_value/3, clear_value/2,
+         flags/2, set_flags/3, add_flags/3, clear_flags/3,
+         attr/3, set_attr/4, delete_attr/3]).
+%% moves
+-export([move_to/3, move_before/3, move_after/3]).
+%% filtered walks
+-export([fold/5, select/3, select/4, compile_filter/1]).
+%% iterator stacks
+-export([iter_push/2, iter_pop/1, iter_top/1, iter_depth/1]).
+%% persistence
+-export([save/2, save/3, load/2, load/3]).
+%% used by arbo_file
+-export([exclusive/2]).
+
+-export_type([tree/0, tree_node/0, name/0, instance_key/0, key/0, order/0, filter/0,
+              node_type/0, value/0]).
+
+-record(arbo_node, {table, stamp, addr, parent}).
+
+-type tree() :: {arbo, reference(), non_neg_integer(), {arbo_gate, atomics:atomics_ref(), pid()}}.
+-opaque tree_node() :: #arbo_node{table :: reference(), stamp :: non_neg_integer(),
+                                  addr :: pos_integer(), parent :: non_neg_integer()}.
+-type name() :: 0..16#ffffffff | {0..16#ffffffff, 0..16#ffffffff}.
+-type instance_key() :: {int, -16#80000000..16#7fffffff}
+                      | {pair, 0..16#7fffffff, -16#80000000..16#7fffffff}
+                      | {tuple, arbo_key:key()} | arbo_key:key()
+                      | {opaque, binary()}.
+-type key() :: name() | instance_key().
+-type order() :: sorted | sorted_length_first | sorted_length_first_but_last | user_order.
+-type node_type() :: root | container | leaf | {list, order()} | instance.
+-type value() :: binary() | arbo_val:value().
+%% A filter: `all' (every child), or
+%% <ul>
+%%  <li>`{'and', F, F}', `{'or', F, F}', `{'not', F}'</li>
+%%  <li>`{exists, Path}': a node exists at Path below the child</li>
+%%  <li>`{value, Op, Path, Pattern}': the value of the node at Path, as
+%%      text, against Pattern (a binary, or an integer); Op is one of `eq',
+%%      `ne' (text equality), `gt', `ge', `lt', `le' (numbers)</li>
+%%  <li>`{key, Op, Index, Pattern}': element Index (from 0) of the child's
+%%      own key, as text</li>
+%%  <li>`{has_value, Path}', `{flags_all, Path, Mask}', `{flags_none, Path,
+%%      Mask}', `{flags_masked, Path, Mask, Value}'</li>
+%%  <li>the library's own numeric forms (`{0, F, F}', `{3, CmpOp, Path,
+%%      Value}', ...), checked the same way</li>
+%% </ul>
+%% A Path is a list of tags or `{Ns, Tag}' pairs; below a list, a tag names
+%% an integer instance, and a path that ends inside a list matches when any
+%% instance matches.
+-type filter() :: all | tuple().
+
+-define(ORDERS, [{sorted, 0}, {sorted_length_first, 1}, {sorted_length_first_but_last, 2},
+                 {user_order, 3}]).
+-define(U32(X), (is_integer(X) andalso X >= 0 andalso X =< 16#ffffffff)).
+-define(I32(X), (is_integer(X) andalso X >= -16#80000000 andalso X =< 16#7fffffff)).
+-define(U64(X), (is_integer(X) andalso X >= 0 andalso X =< 16#ffffffffffffffff)).
+-define(HIDE_INACTIVE, 16#100).
+
+%% ===========================================================================
+%% Lifecycle
+
+%% @equiv new([])
+-spec new() -> tree().
+new() -> new([]).
+
+%% @doc Create a tree owned by the calling process. Option `hide_inactive'
+%% hides inactive instances from counting and stepping.
+-spec new([hide_inactive]) -> tree().
+new(Opts) when is_list(Opts) ->
+    View = lists:foldl(fun(hide_inactive, V) -> V bor ?HIDE_INACTIVE;
+                          (O, _) -> error({badarg, {option, O}})
+                       end, 0, Opts),
+    Res = arbo:new_arbo(),
+    A = atomics:new(1, [{signed, false}]),
+    {ok, Keeper} = arbo_gate:start({arbo, Res, View, {arbo_gate, A, undefined}}, self()),
+    {arbo, Res, View, {arbo_gate, A, Keeper}};
+new(Opts) -> error({badarg, Opts}).
+
+%% @doc Close the tree and free its nodes; every later call on it raises
+%% `error({arbo_closed, Tree})'. Closing a closed tree is `ok'.
+-spec close(tree()) -> ok.
+close(T) ->
+    {_, _, Keeper} = gate(T),
+    try arbo_gate:close(Keeper)
+    catch exit:_ -> ok
+    end.
+
+%% @doc Node count (the root not counted), bytes held, and the epoch.
+-spec info(tree()) -> #{size := non_neg_integer(), mem := non_neg_integer(),
+                        epoch := non_neg_integer()}.
+info(T) ->
+    {_, A, _} = gate(T),
+    W = atomics:get(A, 1),
+    W band 2 =:= 0 orelse error({arbo_closed, T}),
+    native(T, fun() -> #{size => arbo:get_size(T), mem => arbo:get_mem(T), epoch => W bsr 2}
+              end).
+
+%% @doc The root node.
+-spec root(tree()) -> tree_node().
+root(T) ->
+    read(T, [], fun(S) -> mk(T, S, arbo:get_root(T), 0) end).
+
+%% ===========================================================================
+%% Adding
+
+%% @doc Add a container (children by integer tag) under a node that is not a
+%% list, or return the one already there. Raises `{wrong_node_type, Parent}'
+%% under a list and `{name_taken, Tag}' when a node of another kind holds
+%% the tag.
+-spec add_container(tree(), tree_node(), 0..16#ffffffff) -> tree_node().
+add_container(T, P, Tag) ->
+    ?U32(Tag) orelse error({badarg, {tag, Tag}}),
+    read(T, [P], fun(S) ->
+        not_list(T, P),
+        N = call(fun() -> arbo:add_hkey_internal(T, P#arbo_node.addr, Tag) end, P),
+        expect_type(T, N, {1, 0}, Tag),
+        mk(T, S, N, P#arbo_node.addr)
+    end).
+
+%% @doc Add a leaf (a node that carries a value) under a node that is not a
+%% list, or return the one already there.
+-spec add_leaf(tree(), tree_node(), name()) -> tree_node().
+add_leaf(T, P, Name) ->
+    Htag = htag(Name),
+    read(T, [P], fun(S) ->
+        not_list(T, P),
+        N = call(fun() -> arbo:add_hkey(T, P#arbo_node.addr, Htag, 3) end, P),
+        expect_type(T, N, {3, 0}, Name),
+        mk(T, S, N, P#arbo_node.addr)
+    end).
+
+%% @doc Add a list under a node that is not a list, or return the one
+%% already there (which must have the same order).
+-spec add_list(tree(), tree_node(), name(), order()) -> tree_node().
+add_list(T, P, Name, Order) ->
+    Htag = htag(Name),
+    Mode = case lists:keyfind(Order, 1, ?ORDERS) of
+               {_, M} -> M;
+               false -> error({badarg, {order, Order}})
+           end,
+    read(T, [P], fun(S) ->
+        not_list(T, P),
+        N = call(fun() -> arbo:add_hkey_dyn(T, P#arbo_node.addr, Htag, Mode) end, P),
+        expect_type(T, N, {2, Mode}, Name),  % an existing list keeps its order
+        mk(T, S, N, P#arbo_node.addr)
+    end).
+
+%% @doc Add an instance to a list, or return the instance already under
+%% that key. In a user-ordered list a new instance goes last.
+-spec add(tree(), tree_node(), instance_key()) -> tree_node().
+add(T, L, Key) ->
+    {K, Code} = add_arg(Key),
+    read(T, [L], fun(S) ->
+        is_list_node(T, L),
+        N = call(fun() -> arbo:add_hkey(T, L#arbo_node.addr, K, Code) end, L),
+        mk(T, S, N, L#arbo_node.addr)
+    end).
+
+%% ===========================================================================
+%% Finding
+
+%% @doc The child of a node under a name (children of containers, leaves,
+%% instances, the root) or an instance key (children of lists), or `none'.
+-spec find(tree(), tree_node(), key()) -> tree_node() | none.
+find({arbo, Res, _, {arbo_gate, A, _}} = T,
+     #arbo_node{table = Res, stamp = S, addr = Addr} = P, Key) ->
+    {K, Code} = find_arg(Key),
+    Cell = cell(T),
+    atomics:put(Cell, 1, 1),
+    case atomics:get(A, 1) of
+        S ->
+            R = try arbo:find_child(T, Addr, K, Code) after atomics:put(Cell, 1, 0) end,
+            case R of
+                0 -> none;
+                _ -> #arbo_node{table = Res, stamp = S, addr = R, parent = Addr}
+            end;
+        _ ->
+            atomics:put(Cell, 1, 0),
+            read(T, [P], fun(S1) -> mk(T, S1, arbo:find_child(T, Addr, K, Code), Addr) end)
+    end;
+find(T, P, Key) -> bad(T, [P], {key, Key}).
+
+%% @doc Follow a path of keys from the root: the node reached, or `none'.
+-spec lookup(tree(), [key()]) -> tree_node() | none.
+lookup(T, Path) when is_list(Path) ->
+    Args = [find_arg(K) || K <- Path],
+    read(T, [], fun(S) -> walk(T, S, arbo:get_root(T), 0, Args) end);
+lookup(_, Path) -> error({badarg, {path, Path}}).
+
+walk(T, S, Addr, Parent, []) -> mk(T, S, Addr, Parent);
+walk(T, S, Addr, _, [{K, Code} | More]) ->
+    case arbo:find_child(T, Addr, K, Code) of
+        0 -> none;
+        Next -> walk(T, S, Next, Addr, More)
+    end.
+
+%% @equiv find_after(T, List, Key, exclusive)
+-spec find_after(tree(), tree_node(), instance_key()) -> tree_node() | none.
+find_after(T, L, Key) -> find_after(T, L, Key, exclusive).
+
+%% @doc The first instance of a sorted list after Key (`exclusive') or at or
+%% after it (`inclusive'), in the list's order; `none' past the end and for
+%% user-ordered lists.
+-spec find_after(tree(), tree_node(), instance_key(), exclusive | inclusive) ->
+          tree_node() | none.
+find_after(T, L, Key, Incl) ->
+    {K, Code} = case add_arg(Key) of
+                    {{I}, 4} -> {I, 39};
+                    {Pair, 27} -> {Pair, 40};
+                    {Bin, 5} -> {Bin, 41};
+                    {Bin, 6} -> {Bin, 54}
+                end,
+    Mode = case Incl of
+               exclusive -> 0;
+               inclusive -> 1;
+               _ -> error({badarg, Incl})
+           end,
+    read(T, [L], fun(S) ->
+        Addr = L#arbo_node.addr,
+        mk(T, S, arbo:find_next_nif(T, Addr, K, Code, Mode, []), Addr)
+    end).
+
+%% ===========================================================================
+%% Deleting and renaming
+
+%% @doc Delete a node with its subtree. Every node reference of the tree is
+%% stale afterwards. The root cannot be deleted (`{root, Node}').
+-spec delete(tree(), tree_node()) -> ok.
+delete(T, N) ->
+    own(T, N),
+    N#arbo_node.parent =/= 0 orelse error({root, N}),
+    Reply = exclusive(T, fun(H) ->
+        fresh(T, N),
+        #arbo_node{addr = Addr, parent = Parent} = N,
+        {K, Code, FCode} = del_arg(arbo:get_hkey0(H, Addr), is_list_addr(H, Parent)),
+        %% The key must lead back to this very node (two instances that differ
+        %% only in namespace share a key in an indexed list).
+        case arbo:find_child(H, Parent, K, FCode) of
+            Addr -> {arbo:del_hkey(H, Parent, K, Code), true};
+            _ -> {ambiguous, false}
+        end
+    end),
+    case Reply of
+        true -> ok;
+        ambiguous -> error({ambiguous_key, N})
+    end.
+
+%% @doc Delete the child of Parent under a key, with its subtree: `true', or
+%% `false' when there is none. Node references are stale afterwards.
+-spec delete(tree(), tree_node(), key()) -> boolean().
+delete(T, P, Key) ->
+    {K, Code} = find_arg(Key),
+    own(T, P),
+    exclusive(T, fun(H) ->
+        fresh(T, P),
+        Addr = P#arbo_node.addr,
+        case arbo:find_child(H, Addr, K, Code) of
+            0 -> {false, false};
+            N ->
+                {DK, DCode, _} = del_arg(arbo:get_hkey0(H, N), is_list_addr(H, Addr)),
+                {arbo:del_hkey(H, Addr, DK, DCode), true}
+        end
+    end).
+
+%% @doc Delete every child of Parent in namespace Ns: `true' when something
+%% was deleted.
+-spec delete_ns(tree(), tree_node(), 0..16#ffffffff) -> boolean().
+delete_ns(T, P, Ns) ->
+    ?U32(Ns) orelse error({badarg, {namespace, Ns}}),
+    own(T, P),
+    exclusive(T, fun(H) ->
+        fresh(T, P),
+        R = arbo:del_ns(H, P#arbo_node.addr, Ns),
+        {R, R}
+    end).
+
+%% @doc Delete every node but the root.
+-spec clear(tree()) -> ok.
+clear(T) ->
+    gate(T),
+    exclusive(T, fun(H) -> {arbo:del_all(H), true} end).
+
+%% @doc Give an instance a new key: `true', or `false' when another instance
+%% already has it. A sorted list puts it in its new place; a user-ordered
+%% one keeps it where it is.
+-spec rename(tree(), tree_node(), instance_key()) -> boolean().
+rename(T, I, NewKey) ->
+    {K, Code} = add_arg(NewKey),
+    read(T, [I], fun(_) ->
+        List = I#arbo_node.parent,
+        List =/= 0 andalso is_list_addr(T, List) orelse error({wrong_node_type, I}),
+        arbo:rename_instance0(T, List, I#arbo_node.addr, K, Code)
+    end).
+
+%% @doc Move a child that has a namespace into another namespace (under the
+%% same tag): `true', or `false' when the library refuses (a container, a
+%% child without a namespace, a list instance).
+-spec rename_ns(tree(), tree_node(), 0..16#ffffffff) -> boolean().
+rename_ns(T, N, NewNs) ->
+    ?U32(NewNs) orelse error({badarg, {namespace, NewNs}}),
+    read(T, [N], fun(_) ->
+        N#arbo_node.parent =/= 0 orelse error({root, N}),
+        arbo:rename_ns(T, N#arbo_node.parent, N#arbo_node.addr, NewNs)
+    end).
+
+%% ===========================================================================
+%% Navigation
+
+%% @doc The first child, or `none'.
+-spec first_child(tree(), tree_node()) -> tree_node() | none.
+first_child(T, N) ->
+    read(T, [N], fun(S) ->
+        Addr = N#arbo_node.addr,
+        mk(T, S, arbo:first_child_nif(T, Addr, [], 0), Addr)
+    end).
+
+%% @doc The next sibling, or `none'.
+-spec next_sibling(tree(), tree_node()) -> tree_node() | none.
+next_sibling({arbo, Res, _, {arbo_gate, A, _}} = T,
+             #arbo_node{table = Res, stamp = S, addr = Addr, parent = Parent} = N) ->
+    Cell = cell(T),
+    atomics:put(Cell, 1, 1),
+    case atomics:get(A, 1) of
+        S ->
+            R = try arbo:next_sibling_nif(T, Addr, [], 0) after atomics:put(Cell, 1, 0) end,
+            case R of
+                0 -> none;
+                _ -> #arbo_node{table = Res, stamp = S, addr = R, parent = Parent}
+            end;
+        _ ->
+            atomics:put(Cell, 1, 0),
+            read(T, [N], fun(S1) -> mk(T, S1, arbo:next_sibling_nif(T, Addr, [], 0), Parent)
+                         end)
+    end;
+next_sibling(T, N) -> bad(T, [N], none).
+
+%% @doc The last child, or `none'. Inactive children are not skipped.
+-spec last_child(tree(), tree_node()) -> tree_node() | none.
+last_child(T, N) ->
+    read(T, [N], fun(S) ->
+        Addr = N#arbo_node.addr,
+        %% An empty sorted list answers its own header view: not a node.
+        case arbo:get_type(T, Addr) of
+            {2, Mode} when Mode =/= 3 ->
+                case arbo:num_children(plain_view(T), Addr) of
+                    0 -> none;
+                    _ -> mk(T, S, arbo:last_child(T, Addr), Addr)
+                end;
+            _ -> mk(T, S, arbo:last_child(T, Addr), Addr)
+        end
+    end).
+
+%% @doc The previous sibling, or `none' (also for the root).
+-spec prev_sibling(tree(), tree_node()) -> tree_node() | none.
+prev_sibling(T, N) ->
+    read(T, [N], fun(S) ->
+        case N#arbo_node.parent of
+            0 -> none;
+            P -> mk(T, S, arbo:prev_sibling(T, P, N#arbo_node.addr), P)
+        end
+    end).
+
+%% @doc The I-th child, counting from 1, or `none'.
+-spec nth_child(tree(), tree_node(), pos_integer()) -> tree_node() | none.
+nth_child(T, N, I) ->
+    (?U32(I) andalso I >= 1) orelse error({badarg, {position, I}}),
+    read(T, [N], fun(S) ->
+        Addr = N#arbo_node.addr,
+        mk(T, S, arbo:get_child(T, Addr, I), Addr)
+    end).
+
+%% @doc The position of a node among its siblings, counting from 1 (the
+%% root: 0).
+-spec child_index(tree(), tree_node()) -> non_neg_integer().
+child_index(T, N) ->
+    read(T, [N], fun(_) ->
+        case N#arbo_node.parent of
+            0 -> 0;
+            P -> arbo:child_index(T, P, N#arbo_node.addr)
+        end
+    end).
+
+%% @doc The number of children.
+-spec num_children(tree(), tree_node()) -> non_neg_integer().
+num_children(T, N) ->
+    read(T, [N], fun(_) -> arbo:num_children(T, N#arbo_node.addr) end).
+
+%% @doc All children, in order.
+-spec children(tree(), tree_node()) -> [tree_node()].
+children(T, N) ->
+    lists:reverse(fold(T, N, all, fun(C, Acc) -> [C | Acc] end, [])).
+
+%% @doc A node's key: a {@link name()} for children of non-lists, an
+%% {@link instance_key()} (in its tagged form) for instances; the root's is
+%% 0.
+-spec key(tree(), tree_node()) -> key().
+key(T, N) ->
+    read(T, [N], fun(_) ->
+        #arbo_node{addr = Addr, parent = P} = N,
+        InList = P =/= 0 andalso is_list_addr(T, P),
+        key_term(arbo:get_hkey0(T, Addr), InList)
+    end).
+
+%% @doc What kind of node this is.
+-spec type(tree(), tree_node()) -> node_type().
+type(T, N) ->
+    read(T, [N], fun(_) ->
+        #arbo_node{addr = Addr, parent = P} = N,
+        case arbo:get_type(T, Addr) of
+            _ when P =:= 0 -> root;
+            {1, _} -> container;
+            {2, Mode} -> {list, order_name(Mode)};
+            {3, _} ->
+                case is_list_addr(T, P) of
+                    true -> instance;
+                    false -> leaf
+                end
+        end
+    end).
+
+%% @doc Whether two references name the same node.
+-spec is_same(tree_node(), tree_node()) -> boolean().
+is_same(#arbo_node{table = R, addr = A}, #arbo_node{table = R, addr = A}) -> true;
+is_same(#arbo_node{}, #arbo_node{}) -> false;
+is_same(A, B) -> error({badarg, {A, B}}).
+
+%% ===========================================================================
+%% Values, flags, attributes
+
+%% @doc A node's value: `undefined', a binary (a plain binary value), or an
+%% encoded value decoded with {@link arbo_val:decode/1}.
+-spec value(tree(), tree_node()) -> undefined | value().
+value(T, N) ->
+    case value_raw(T, N) of
+        {csval, B} ->
+            case arbo_val:decode(B) of
+                {ok, V} -> V;
+                {error, _} -> {csval, B}
+            end;
+        Other -> Other
+    end.
+
+%% @doc A node's value as the library hands it out: `undefined', a binary,
+%% or `{csval, Bytes}' for an encoded value.
+-spec value_raw(tree(), tree_node()) -> undefined | binary() | {csval, binary()}.
+value_raw({arbo, Res, _, {arbo_gate, A, _}} = T,
+          #arbo_node{table = Res, stamp = S, addr = Addr} = N) ->
+    Cell = cell(T),
+    atomics:put(Cell, 1, 1),
+    case atomics:get(A, 1) of
+        S -> try arbo:get_val_raw(T, Addr) after atomics:put(Cell, 1, 0) end;
+        _ ->
+            atomics:put(Cell, 1, 0),
+            read(T, [N], fun(_) -> arbo:get_val_raw(T, Addr) end)
+    end;
+value_raw(T, N) -> bad(T, [N], none).
+
+%% @doc Set a leaf's or an instance's value: a binary is kept as it is, any
+%% other term is encoded with {@link arbo_val:encode/1} (`empty' is refused:
+%% use {@link clear_value/2}). Containers, lists and instances with tuple or
+%% opaque keys hold no value: `{wrong_node_type, Node}'.
+-spec set_value(tree(), tree_node(), value()) -> ok.
+set_value(T, N, V) ->
+    {Kind, Bin} = if
+                      is_binary(V) -> {18, V};
+                      V =:= empty -> error({badarg, {value, V}});
+                      true -> {17, arbo_val:encode(V)}
+                  end,
+    read(T, [N], fun(_) ->
+        holds_value(T, N),
+        arbo:set_val(T, N#arbo_node.addr, Kind, Bin)
+    end).
+
+%% @doc Remove a node's value.
+-spec clear_value(tree(), tree_node()) -> ok.
+clear_value(T, N) ->
+    read(T, [N], fun(_) ->
+        holds_value(T, N),
+        arbo:set_val(T, N#arbo_node.addr, 0, <<>>)
+    end).
+
+%% @doc A node's user flags (64 bits).
+-spec flags(tree(), tree_node()) -> non_neg_integer().
+flags(T, N) -> read(T, [N], fun(_) -> arbo:get_flags(T, N#arbo_node.addr) end).
+
+%% @doc Replace a node's user flags.
+-spec set_flags(tree(), tree_node(), non_neg_integer()) -> ok.
+set_flags(T, N, M) -> flag_op(T, N, M, set_flags).
+
+%% @doc Set the bits of Mask in a node's user flags.
+-spec add_flags(tree(), tree_node(), non_neg_integer()) -> ok.
+add_flags(T, N, M) -> flag_op(T, N, M, set_flag).
+
+%% @doc Clear the bits of Mask in a node's user flags.
+-spec clear_flags(tree(), tree_node(), non_neg_integer()) -> ok.
+clear_flags(T, N, M) -> flag_op(T, N, M, clr_flag).
+
+flag_op(T, N, M, F) ->
+    ?U64(M) orelse error({badarg, {flags, M}}),
+    read(T, [N], fun(_) -> _ = arbo:F(T, N#arbo_node.addr, M), ok end).
+
+%% @doc Attribute Id (1..2^32-1) of a node, decoded, or `undefined'.
+-spec attr(tree(), tree_node(), pos_integer()) -> undefined | arbo_val:value().
+attr(T, N, Id) ->
+    attr_id(Id),
+    R = read(T, [N], fun(_) -> arbo:do_get_attr(T, N#arbo_node.addr, Id) end),
+    case R of
+        [] -> undefined;
+        {csval, B} -> decode_attr(B);
+        B when is_binary(B) -> decode_attr(B)
+    end.
+
+decode_attr(B) ->
+    case arbo_val:decode(B) of
+        {ok, V} -> V;
+        {error, _} -> {binary, B}
+    end.
+
+%% @doc Set attribute Id (1..2^32-1) of a node to an encoded value
+%% (attribute 0 is the library's inactive mark and is not set here).
+-spec set_attr(tree(), tree_node(), pos_integer(), arbo_val:value()) -> ok.
+set_attr(T, N, Id, V) ->
+    attr_id(Id),
+    V =/= empty orelse error({badarg, {value, V}}),
+    Bin = arbo_val:encode(V),
+    read(T, [N], fun(_) -> _ = arbo:do_set_attr(T, N#arbo_node.addr, Id, Bin), ok end).
+
+%% @doc Remove attribute Id of a node (nothing when it has none).
+-spec delete_attr(tree(), tree_node(), pos_integer()) -> ok.
+delete_attr(T, N, Id) ->
+    attr_id(Id),
+    read(T, [N], fun(_) -> _ = arbo:do_set_attr(T, N#arbo_node.addr, Id, <<>>), ok end).
+
+attr_id(Id) -> (?U32(Id) andalso Id > 0) orelse error({badarg, {attribute, Id}}).
+
+%% ===========================================================================
+%% Moves (user-ordered lists)
+
+%% @doc Move an instance of a user-ordered list to position Pos (counting
+%% from 0, the instance itself counted where it stands now; a negative
+%% position means the end): `true' when it moved, `false' when it was there
+%% already or Pos is past the end.
+-spec move_to(tree(), tree_node(), integer()) -> boolean().
+move_to(T, I, Pos) ->
+    ?I32(Pos) orelse error({badarg, {position, Pos}}),
+    read(T, [I], fun(_) ->
+        L = user_list(T, I),
+        arbo:move_to(T, L, I#arbo_node.addr, Pos)
+    end).
+
+%% @doc Move an instance of a user-ordered list just before another one of
+%% the same list: `true' when it moved, `false' when the library refused.
+-spec move_before(tree(), tree_node(), tree_node()) -> boolean().
+move_before(T, I, Other) -> move_rel(T, I, 1, Other).
+
+%% @doc Move an instance of a user-ordered list just after another one.
+-spec move_after(tree(), tree_node(), tree_node()) -> boolean().
+move_after(T, I, Other) -> move_rel(T, I, 0, Other).
+
+move_rel(T, I, Where, Other) ->
+    read(T, [I, Other], fun(_) ->
+        L = user_list(T, I),
+        Other#arbo_node.parent =:= L orelse error({not_a_child, Other}),
+        %% The library answers false when it moved the instance.
+        not arbo:move_rel_internal(T, L, I#arbo_node.addr, Where, Other#arbo_node.addr)
+    end).
+
+user_list(T, I) ->
+    case I#arbo_node.parent of
+        0 -> error({root, I});
+        L ->
+            case arbo:get_type(T, L) of
+                {2, 3} -> L;
+                _ -> error({not_user_ordered, I})
+            end
+    end.
+
+%% ===========================================================================
+%% Filtered walks
+
+%% @doc Fold over the children of a node that match a filter, in order.
+%% `Fun(Child, Acc)' runs outside the gate and may call this module; if it
+%% (or another process) deletes nodes of the tree meanwhile, the walk
+%% cannot go on and raises `{stale_node, Parent}'.
+-spec fold(tree(), tree_node(), filter(), fun((tree_node(), Acc) -> Acc), Acc) -> Acc.
+fold(T, P, Filter, Fun, Acc) when is_function(Fun, 2) ->
+    F = compile_filter(Filter),
+    First = read(T, [P], fun(_) -> arbo:first_child_nif(T, P#arbo_node.addr, F, 0) end),
+    fold_loop(T, P, F, Fun, Acc, First, infinity);
+fold(_, _, _, Fun, _) -> error({badarg, Fun}).
+
+%% @doc The children of a node that match a filter.
+-spec select(tree(), tree_node(), filter()) -> [tree_node()].
+select(T, P, Filter) -> select(T, P, Filter, infinity).
+
+%% @doc At most Limit children of a node that match a filter.
+-spec select(tree(), tree_node(), filter(), pos_integer() | infinity) -> [tree_node()].
+select(T, P, Filter, Limit) ->
+    (Limit =:= infinity orelse (is_integer(Limit) andalso Limit > 0))
+        orelse error({badarg, {limit, Limit}}),
+    F = compile_filter(Filter),
+    First = read(T, [P], fun(_) -> arbo:first_child_nif(T, P#arbo_node.addr, F, 0) end),
+    lists:reverse(fold_loop(T, P, F, fun(C, Acc) -> [C | Acc] end, [], First, Limit)).
+
+%% The walk's results: a match, the end, or a yield with the library's own
+%% stack, which goes straight back to the library and nowhere else.
+fold_loop(_, _, _, _, Acc, 0, _) -> Acc;
+fold_loop(_, _, _, _, Acc, _, 0) -> Acc;
+fold_loop(T, P, F, Fun, Acc, {yield, Stack, At}, Left) ->
+    Next = read(T, [P], fun(_) -> arbo:next_sibling_nif(T, At, F, 0, Stack) end),
+    fold_loop(T, P, F, Fun, Acc, Next, Left);
+fold_loop(T, P, F, Fun, Acc, Addr, Left) when is_integer(Addr) ->
+    C = P#arbo_node{addr = Addr, parent = P#arbo_node.addr},
+    Acc1 = Fun(C, Acc),
+    Next = read(T, [P], fun(_) -> arbo:next_sibling_nif(T, Addr, F, 0) end),
+    fold_loop(T, P, F, Fun, Acc1, Next, dec(Left)).
+
+dec(infinity) -> infinity;
+dec(N) -> N - 1.
+
+%% @doc Check a filter and turn it into the library's numeric form; raises
+%% `error({bad_filter, Part})' for the first part that is not a filter the
+%% library evaluates safely (operator 6 and unknown comparison operators
+%% included).
+-spec compile_filter(filter()) -> term().
+compile_filter(all) -> [];
+compile_filter(F) -> cf(F, 0).
+
+-define(MAX_DEPTH, 64).
+cf(F, D) when D > ?MAX_DEPTH -> error({bad_filter, {too_deep, F}});
+cf({'and', A, B}, D) -> {1, cf(A, D + 1), cf(B, D + 1)};
+cf({'or', A, B}, D) -> {0, cf(A, D + 1), cf(B, D + 1)};
+cf({'not', A}, D) -> {2, cf(A, D + 1)};
+cf({exists, Path}, _) -> {4, cpath(Path)};
+cf({value, Op, Path, Pat}, _) -> {3, text_op(Op), cpath(Path), pattern(Pat)};
+cf({key, Op, I, Pat}, _) when ?U32(I) -> {101, text_op(Op), I, pattern(Pat)};
+cf({has_value, Path}, _) -> {3, 1002, cpath(Path), <<>>};
+cf({flags_all, Path, M}, _) when ?U64(M) -> {3, 1000, cpath(Path), M};
+cf({flags_none, Path, M}, _) when ?U64(M) -> {3, 1001, cpath(Path), M};
+cf({flags_masked, Path, M, V}, _) when ?U64(M), ?U64(V) -> {7, 1003, cpath(Path), V, M};
+%% The library's numeric forms.
+cf({Op, A, B}, D) when Op =:= 0; Op =:= 1 -> {Op, cf(A, D + 1), cf(B, D + 1)};
+cf({2, A}, D) -> {2, cf(A, D + 1)};
+cf({4, Path}, _) -> {4, npath(Path)};
+cf({Op, C, Path, V}, _) when Op =:= 3; Op =:= 5 -> {Op, ncmp(C, V), npath(Path), V};
+cf({7, C, Path, V, M}, _) when ?U64(M) -> {7, ncmp(C, V), npath(Path), V, M};
+cf({Op, C, I, V}, _) when (Op =:= 101 orelse Op =:= 102), ?U32(I) -> {Op, ncmp(C, V), I, V};
+cf(F, _) -> error({bad_filter, F}).
+
+text_op(eq) -> 1;
+text_op(ne) -> 2;
+text_op(gt) -> 3;
+text_op(ge) -> 4;
+text_op(lt) -> 5;
+text_op(le) -> 6;
+text_op(Op) -> error({bad_filter, {operator, Op}}).
+
+pattern(B) when is_binary(B) -> B;
+pattern(I) when is_integer(I) -> integer_to_binary(I);
+pattern(P) -> error({bad_filter, {pattern, P}}).
+
+cpath(Path) when is_list(Path) ->
+    [case E of
+         {Ns, Tag} when ?U32(Ns), ?U32(Tag) -> [Ns | Tag];
+         Tag when ?U32(Tag) -> Tag;
+         _ -> error({bad_filter, {path, Path}})
+     end || E <- Path];
+cpath(Path) -> error({bad_filter, {path, Path}}).
+
+npath(Path) when is_list(Path) ->
+    lists:foreach(fun([Ns | Tag]) when ?U32(Ns), ?U32(Tag) -> ok;
+                     (Tag) when ?U32(Tag) -> ok;
+                     (_) -> error({bad_filter, {path, Path}})
+                  end, Path),
+    Path;
+npath(Path) -> error({bad_filter, {path, Path}}).
+
+%% Comparison operators the library knows; any other one aborts it.
+ncmp(C, _) when C >= 1, C =< 6, is_integer(C) -> C;
+ncmp(C, _) when C >= 1000, C =< 1003, is_integer(C) -> C;
+ncmp(C, _) -> error({bad_filter, {operator, C}}).
+
+%% ===========================================================================
+%% Iterator stacks
+
+%% @doc Push a node on the calling process's iterator stack of this tree.
+-spec iter_push(tree(), tree_node()) -> ok.
+iter_push(T, N) ->
+    read(T, [N], fun(_) -> arbo:push_iter_node(T, N#arbo_node.addr) end),
+    Key = iter_key(T),
+    put(Key, [N | iter_stack(Key)]),
+    ok.
+
+%% @doc Pop the top of the calling process's iterator stack: `ok', or
+%% `{error, empty}' (the library itself would abort on an empty stack).
+-spec iter_pop(tree()) -> ok | {error, empty}.
+iter_pop(T) ->
+    Key = iter_key(T),
+    case iter_stack(Key) of
+        [] -> {error, empty};
+        [_ | Rest] ->
+            read(T, [], fun(_) -> arbo:pop_iter_node(T) end),
+            put(Key, Rest),
+            ok
+    end.
+
+%% @doc The top of the calling process's iterator stack: `{ok, Node}',
+%% `{error, empty}', or `{error, stale}' when nodes of the tree were deleted
+%% since it was pushed (the library repairs stacks only where the deleted
+%% node itself was pushed, not for its descendants, so its answer is not
+%% trusted then).
+-spec iter_top(tree()) -> {ok, tree_node()} | {error, empty | stale}.
+iter_top(T) ->
+    case iter_stack(iter_key(T)) of
+        [] -> {error, empty};
+        [N | _] ->
+            read(T, [], fun(S) ->
+                Top = arbo:get_iter_node(T),
+                case N of
+                    #arbo_node{stamp = S, addr = Top} -> {ok, N};
+                    _ -> {error, stale}
+                end
+            end)
+    end.
+
+%% @doc The depth of the calling process's iterator stack of this tree.
+-spec iter_depth(tree()) -> non_neg_integer().
+iter_depth(T) -> length(iter_stack(iter_key(T))).
+
+iter_key(T) ->
+    {Res, _, _} = gate(T),
+    {'$arbo_iter', Res}.
+
+iter_stack(Key) ->
+    case get(Key) of
+        undefined -> [];
+        L -> L
+    end.
+
+%% ===========================================================================
+%% Persistence
+
+%% @equiv save(T, Path, [])
+-spec save(tree(), file:filename_all()) -> ok | {error, term()}.
+save(T, Path) -> save(T, Path, []).
+
+%% @doc See {@link arbo_file:save/3}.
+-spec save(tree(), file:filename_all(), [{skip_flags, non_neg_integer()}]) ->
+          ok | {error, term()}.
+save(T, Path, Opts) ->
+    gate(T),
+    arbo_file:save(T, Path, Opts).
+
+%% @equiv load(T, Path, [])
+-spec load(tree(), file:filename_all()) -> {ok, arbo_file:load_info()} | {error, term()}.
+load(T, Path) -> load(T, Path, []).
+
+%% @doc See {@link arbo_file:load/3}.
+-spec load(tree(), file:filename_all(), [arbo_file:load_option()]) ->
+          {ok, arbo_file:load_info()} | {error, term()}.
+load(T, Path, Opts) ->
+    gate(T),
+    arbo_file:load(T, Path, Opts).
+
+%% ===========================================================================
+%% The gate
+
+%% @private
+%% @doc Run `Fun(Handle)' on the writer side of the tree's gate; Fun returns
+%% `{Reply, Changed}' and Changed moves the epoch.
+-spec exclusive(tree(), fun((tree()) -> {Reply, boolean()})) -> Reply.
+exclusive(T, Fun) ->
+    {_, _, Keeper} = gate(T),
+    Reply = try arbo_gate:exclusive(Keeper, Fun)
+            catch exit:_ -> closed
+            end,
+    case Reply of
+        {ok, R} -> R;
+        {raise, error, {R, File, Line}, _} when is_list(File), is_integer(Line) ->
+            error({R, T});
+        {raise, C, R, Stack} -> erlang:raise(C, R, Stack);
+        closed -> error({arbo_closed, T})
+    end.
+
+gate({arbo, Res, _, {arbo_gate, A, Keeper}}) when is_pid(Keeper) -> {Res, A, Keeper};
+gate(T) -> error({badarg, {tree, T}}).
+
+%% The calling process's reader cell of this tree.
+cell({arbo, Res, _, {arbo_gate, _, Keeper}} = T) ->
+    case get(Res) of
+        undefined ->
+            C = try arbo_gate:register_reader(Keeper, self())
+                catch exit:_ -> error({arbo_closed, T})
+                end,
+            put(Res, C),
+            C;
+        C -> C
+    end.
+
+%% A reader section: every node argument belongs to the tree and is as new
+%% as the epoch; Fun(Stamp) runs with deletions kept out.
+read(T, Nodes, Fun) ->
+    {_, A, _} = gate(T),
+    lists:foreach(fun(N) -> own(T, N) end, Nodes),
+    Cell = cell(T),
+    S = enter(T, Cell, A, 0),
+    case [N || #arbo_node{stamp = NS} = N <- Nodes, NS =/= S] of
+        [] ->
+            try Fun(S)
+            catch error:{R, File, Line} when is_atom(R), is_list(File), is_integer(Line) ->
+                    error({R, T})
+            after atomics:put(Cell, 1, 0)
+            end;
+        [Stale | _] ->
+            atomics:put(Cell, 1, 0),
+            error({stale_node, Stale})
+    end.
+
+enter(T, Cell, A, Tries) ->
+    atomics:put(Cell, 1, 1),
+    W = atomics:get(A, 1),
+    case W band 3 of
+        0 -> W;
+        _ ->
+            atomics:put(Cell, 1, 0),
+            W band 2 =:= 0 orelse error({arbo_closed, T}),
+            if
+                Tries < 50 -> erlang:yield();
+                true -> receive after 1 -> ok end
+            end,
+            enter(T, Cell, A, Tries + 1)
+    end.
+
+%% For readers that were not in the gate: the node is as new as the epoch.
+fresh({_, _, _, {arbo_gate, A, _}}, #arbo_node{stamp = S} = N) ->
+    atomics:get(A, 1) band (bnot 1) =:= S orelse error({stale_node, N}).
+
+own({arbo, Res, _, _}, #arbo_node{table = Res}) -> ok;
+own(_, #arbo_node{} = N) -> error({wrong_table, N});
+own(_, N) -> error({badarg, {node, N}}).
+
+bad(T, Nodes, Extra) ->
+    gate(T),
+    lists:foreach(fun(N) -> own(T, N) end, Nodes),
+    error({badarg, Extra}).
+
+mk(_, _, 0, _) -> none;
+mk({arbo, Res, _, _}, S, Addr, Parent) ->
+    #arbo_node{table = Res, stamp = S, addr = Addr, parent = Parent}.
+
+%% A native call whose null result (raised as badarg) means the parent
+%% refused the child.
+call(Fun, Parent) ->
+    try Fun()
+    catch error:{badarg, _, _} -> error({wrong_node_type, Parent})
+    end.
+
+plain_view({arbo, Res, _, G}) -> {arbo, Res, 0, G}.
+
+%% Ordering modes; a loaded file may hold mode 4, which orders as mode 0.
+order_name(Mode) ->
+    case lists:keyfind(Mode, 2, ?ORDERS) of
+        {Name, _} -> Name;
+        false -> sorted
+    end.
+
+is_list_addr(T, Addr) ->
+    case arbo:get_type(T, Addr) of
+        {2, _} -> true;
+        _ -> false
+    end.
+
+not_list(T, P) ->
+    is_list_addr(T, P#arbo_node.addr) andalso error({wrong_node_type, P}).
+
+is_list_node(T, L) ->
+    is_list_addr(T, L#arbo_node.addr) orelse error({wrong_node_type, L}).
+
+expect_type(T, N, Want, Name) ->
+    case arbo:get_type(T, N) of
+        Want -> ok;
+        _ -> error({name_taken, Name})
+    end.
+
+%% Values live on leaves and integer-keyed instances only.
+holds_value(T, N) ->
+    Addr = N#arbo_node.addr,
+    case arbo:get_type(T, Addr) of
+        {3, _} when N#arbo_node.parent =/= 0 ->
+            case arbo:get_hkey0(T, Addr) of
+                {binary, _} -> error({wrong_node_type, N});
+                {B} when is_binary(B) -> error({wrong_node_type, N});
+                _ -> ok
+            end;
+        _ -> error({wrong_node_type, N})
+    end.
+
+%% ---- key arguments ---------------------------------------------------------
+
+htag(Tag) when ?U32(Tag) -> Tag;
+htag({Ns, Tag}) when ?U32(Ns), ?U32(Tag) -> [Ns | Tag];
+htag(Name) -> error({badarg, {name, Name}}).
+
+%% Instance keys for add_hkey (and rename_instance0: the same codes).
+add_arg({int, N}) when ?I32(N) -> {{N}, 4};
+add_arg(N) when ?I32(N) -> {{N}, 4};
+add_arg({pair, Ns, N}) when ?I32(N), is_integer(Ns), Ns >= 0, Ns =< 16#7fffffff -> {{Ns, N}, 27};
+add_arg({tuple, Elems}) when is_list(Elems) -> {arbo_key:encode(Elems), 5};
+add_arg(Elems) when is_list(Elems) -> {arbo_key:encode(Elems), 5};
+add_arg({opaque, B}) when is_binary(B), byte_size(B) =< 16#7fffffff -> {B, 6};
+add_arg(K) -> error({badarg, {key, K}}).
+
+%% Keys for find_child: names, and instance keys.
+find_arg(Tag) when ?U32(Tag) -> {Tag, 10};
+find_arg({Ns, Tag}) when ?U32(Ns), ?U32(Tag) -> {[Ns | Tag], 10};
+find_arg({int, N}) when ?I32(N) -> {{N}, 10};
+find_arg({pair, Ns, N}) when ?I32(N), is_integer(Ns), Ns >= 0, Ns =< 16#7fffffff ->
+    {{Ns, N}, 28};
+find_arg({tuple, Elems}) when is_list(Elems) -> {arbo_key:encode(Elems), 12};
+find_arg(Elems) when is_list(Elems) -> {arbo_key:encode(Elems), 12};
+find_arg({opaque, B}) when is_binary(B), byte_size(B) =< 16#7fffffff -> {B, 53};
+find_arg(K) -> error({badarg, {key, K}}).
+
+%% A node's key as get_hkey0 reads it, turned into del_hkey's key and code
+%% and find_child's code.
+del_arg({binary, B}, _) -> {B, 15, 12};
+del_arg({B}, _) when is_binary(B) -> {B, 52, 53};
+del_arg({{Ns, Tag}}, _) -> {{signed(Ns), signed(Tag)}, 29, 28};
+del_arg({I}, _) -> {{I}, 13, 10};
+del_arg(K, _) -> {K, 13, 10}.
+
+key_term({binary, B}, _) ->
+    case arbo_key:decode(B) of
+        {ok, Elems} -> {tuple, Elems};
+        {error, _} -> {binary, B}
+    end;
+key_term({B}, _) when is_binary(B) -> {opaque, B};
+key_term({{Ns, Tag}}, _) -> {pair, Ns, signed(Tag)};
+key_term({I}, _) -> {int, I};
+key_term([Ns | Tag], _) -> {Ns, Tag};
+key_term(Tag, true) -> {pair, 0, signed(Tag)};
+key_term(Tag, false) -> Tag.
+
+signed(X) when X >= 16#80000000 -> X - 16#100000000;
+signed(X) -> X.
+
+native(T, Fun) ->
+    try Fun()
+    catch error:{R, File, Line} when is_atom(R), is_list(File), is_integer(Line) ->
+            error({R, T})
+    end.
