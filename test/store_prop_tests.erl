@@ -33,7 +33,7 @@
 %% ---- the property -------------------------------------------------------------
 
 model_test_() ->
-    N = case os:getenv("ARBO_PROP_TESTS") of false -> 100; S -> list_to_integer(S) end,
+    N = case os:getenv("ARBO_PROP_TESTS") of false -> 250; S -> list_to_integer(S) end,
     {timeout, 300, fun() ->
         ?assertEqual(true, proper:quickcheck(prop_model(), [{numtests, N}, {to_file, user}]))
     end}.
