@@ -22,7 +22,9 @@ using Bytes = std::vector<unsigned char>;
 struct Key {
   Bytes b;
   Key& put(uint64_t v, int n) {
-    for (int i = n - 1; i >= 0; --i) b.push_back(static_cast<unsigned char>(v >> (8 * i)));
+    for (int i = n - 1; i >= 0; --i) {
+      b.push_back(i < 8 ? static_cast<unsigned char>(v >> (8 * i)) : 0);  // wide fields: leading 0s
+    }
     return *this;
   }
   Key& el(int type, uint64_t v, int n) {
