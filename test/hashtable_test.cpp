@@ -178,25 +178,6 @@ TEST_F(HashTable, DuplicatesRemoveAndDestroy) {
   }
 }
 
-TEST_F(HashTable, SetFuncsReplacesCallbacks) {
-  mirel_hashtable* h = _mirel_create_hashtable(0, ptr_hash, ptr_eq);
-  _mirel_hashtable_set_funcs(h, ptr_hash, ptr_eq, TestAlloc::alloc, TestAlloc::release,
-                             FreedKeys::note, 9);
-  ASSERT_EQ(_mirel_hashtable_insert(h, key_of(1), val_of(1)), 1);
-  EXPECT_EQ(TestAlloc::live, 1);
-  _mirel_hashtable_remove(h, key_of(1));
-  ASSERT_EQ(FreedKeys::log.size(), 1u);
-  EXPECT_EQ(FreedKeys::log[0].second, 9u);
-  // A missing key-release function means "release nothing".
-  _mirel_hashtable_set_funcs(h, ptr_hash, ptr_eq, TestAlloc::alloc, TestAlloc::release, nullptr, 0);
-  ASSERT_EQ(_mirel_hashtable_insert(h, key_of(2), val_of(2)), 1);
-  _mirel_hashtable_remove(h, key_of(2));
-  EXPECT_EQ(FreedKeys::log.size(), 1u);
-  // The table and its array came from malloc; releasing them through the
-  // counting function is fine as it frees with free().
-  _mirel_hashtable_destroy(h, 0);
-}
-
 TEST(HashMix, MixedHashOfKnownInputs) {
   // Values computed by hand-written reference arithmetic outside this code.
   mirel_hashtable* h = _mirel_create_hashtable(0, ptr_hash, ptr_eq);

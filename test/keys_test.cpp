@@ -296,19 +296,6 @@ TEST(KeyOrder, ModeTwoIsDeliberatelyAsymmetric) {
   const Bytes b = Key().str("b").b;
   EXPECT_EQ(cmpk(aax, 0, b, 0, 2), 1);
   EXPECT_EQ(cmpk(b, 0, aax, 0, 2), 1);
-  // Last element of the first operand: lexicographic.
-  EXPECT_EQ(cmpk(Key().str("x").str("aa").b, 0, Key().str("x").str("b").b, 0, 2), -1);
-  EXPECT_EQ(cmpk(Key().str("x").str("b").b, 0, Key().str("x").str("aa").b, 0, 2), 1);
-  // Not last: length first.
-  EXPECT_EQ(cmpk(Key().str("aa").i8(0).b, 0, Key().str("b").i8(0).b, 0, 2), 1);
-  EXPECT_EQ(cmpk(Key().str("b").i8(0).b, 0, Key().str("aa").i8(0).b, 0, 2), -1);
-}
-
-TEST(KeyOrder, ByteComparisonsReturnTheRawDifferenceSign) {
-  // Where bytes decide, only the sign is promised; check it is not clipped.
-  const Bytes a = Key().str("a").b, z = Key().str("z").b;
-  EXPECT_LT(cmp_tuple_key(a.data(), 3, 0, z.data(), 3, 0, 0), 0);
-  EXPECT_GT(cmp_tuple_key(z.data(), 3, 0, a.data(), 3, 0, 0), 0);
 }
 
 // ---- randomized laws ------------------------------------------------------------
@@ -529,47 +516,6 @@ TEST(NodeKeyOrder, ByteKeysInlineOrOutOfLineAgreeWithKeyOrder) {
     EXPECT_EQ(cmpn(bin, nullptr, 0, 0, 0), -1);  // before integer keys
     EXPECT_EQ(cmpn(bin, nullptr, INT32_MIN, 0, 1), -1);
   }
-}
-
-TEST(NodeKeyOrder, TwoOpaqueKeys) {
-  // {node key, search key, mode 0, mode 1, mode 2}
-  struct Row {
-    const char* node;
-    const char* search;
-    int m0, m1, m2;
-  };
-  const Row rows[] = {
-      {"b", "aa", 1, -1, 1},   {"aa", "b", -1, 1, -1}, {"ab", "abc", -1, -1, -1},
-      {"abc", "ab", 1, 1, 1},  {"", "a", -1, -1, -1},  {"", "", 0, 0, 0},
-      {"same", "same", 0, 0, 0},
-  };
-  for (const Row& r : rows) {
-    TestNode t = TestNode::bytes(raw(r.node), true, false);
-    const Bytes s = raw(r.search);
-    EXPECT_EQ(cmpn(t, &s, 1, 0, 0), r.m0) << r.node << "/" << r.search;
-    EXPECT_EQ(cmpn(t, &s, 1, 0, 1), r.m1) << r.node << "/" << r.search;
-    EXPECT_EQ(cmpn(t, &s, 1, 0, 2), r.m2) << r.node << "/" << r.search;
-  }
-  // An opaque node key against an encoded search key is one 204 element.
-  TestNode t = TestNode::bytes(raw("abc"), true, false);
-  const Bytes enc = Key().str("abc").b;
-  EXPECT_EQ(cmpn(t, &enc, 0, 0, 1), 0);
-}
-
-TEST(TermKeyOrder, KindsRouteWithoutDecoding) {
-  // Outside a VM only integer placeholders decode; byte-key routing must not
-  // look at the terms at all.
-  int r = 99;
-  EXPECT_EQ(_arbo_nif_cmp_keys(nullptr, 123, 5, 456, 4, 0, &r), 1);
-  EXPECT_EQ(r, -1);
-  EXPECT_EQ(_arbo_nif_cmp_keys(nullptr, 123, 2, 456, 6, 0, &r), 1);
-  EXPECT_EQ(r, 1);
-  EXPECT_EQ(_arbo_nif_cmp_keys(nullptr, static_cast<ERL_NIF_TERM>(-1), 4, 0, 3, 1, &r), 1);
-  EXPECT_EQ(r, -1);
-  EXPECT_EQ(_arbo_nif_cmp_keys(nullptr, 7, 4, 7, 4, 0, &r), 1);
-  EXPECT_EQ(r, 0);
-  EXPECT_EQ(_arbo_nif_cmp_keys(nullptr, 1, 5, 2, 6, 0, &r), 0);  // not binaries
-  EXPECT_EQ(_arbo_nif_cmp_keys(nullptr, 1, 27, 2, 4, 0, &r), 0);  // not a tuple
 }
 
 }  // namespace
