@@ -7,6 +7,7 @@
 // the first comparison that reads a bad element is the one that stops.
 #include <cstdio>
 #include <cstring>
+#include <initializer_list>
 
 #include "arbo_alloc.h"
 #include "arbo_keys.h"
@@ -19,7 +20,7 @@ namespace {
 // either a fixed payload length or a big-endian length field at offset 1
 // (1, 2 or 4 bytes) that for some types also counts part of the header.
 struct ElementRule {
-  uint8_t hdr = 0;      // 0 with kValid clear: not an element type
+  uint8_t hdr = 0;      // header length, type byte included (0 for type 204)
   uint8_t fixed = 0;    // payload length when field == 0
   uint8_t field = 0;    // bytes of the length field, 0 for fixed elements
   uint8_t counted = 0;  // header bytes the length field includes
