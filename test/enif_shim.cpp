@@ -128,6 +128,13 @@ int enif_get_int(ErlNifEnv*, ERL_NIF_TERM term, int* ip) {
 }
 int enif_inspect_binary(ErlNifEnv*, ERL_NIF_TERM, ErlNifBinary*) { return 0; }
 int enif_get_tuple(ErlNifEnv*, ERL_NIF_TERM, int*, const ERL_NIF_TERM**) { return 0; }
+// Unsigned integers decode like the signed ones; there are no list cells.
+int enif_get_ulong(ErlNifEnv*, ERL_NIF_TERM term, unsigned long* ip) {
+  *ip = static_cast<unsigned long>(term);
+  return 1;
+}
+int enif_get_list_cell(ErlNifEnv*, ERL_NIF_TERM, ERL_NIF_TERM*, ERL_NIF_TERM*) { return 0; }
+ERL_NIF_TERM enif_make_list_cell(ErlNifEnv*, ERL_NIF_TERM, ERL_NIF_TERM) { return 0; }
 int enif_compare(ERL_NIF_TERM lhs, ERL_NIF_TERM rhs) {
   return lhs < rhs ? -1 : (lhs > rhs ? 1 : 0);
 }

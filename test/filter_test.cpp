@@ -1,0 +1,146 @@
+// Filter text comparison, the text forms of encoded elements and the node
+// stack's growth rule. The matcher itself works on runtime terms and is
+// tested by the EUnit suites (test/filter_tests.erl).
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+#include "arbo_filter.h"
+#include "enif_shim.h"
+
+using namespace arbo;
+
+namespace {
+
+int cmp_str(uint32_t op, const std::string& text, const std::string& pattern) {
+  return filter_cmp_str(op, text.c_str(), static_cast<int32_t>(text.size()), pattern.data(),
+                        static_cast<int32_t>(pattern.size()));
+}
+
+}  // namespace
+
+TEST(FilterText, CompareAsTextAndNumbers) {
+  struct Case {
+    uint32_t op;
+    const char* text;
+    const char* pattern;
+    int want;
+  };
+  const Case cases[] = {
+      {1, "abc", "abc", 1},  {1, "abc", "abd", 0},   {1, "ab", "abc", 0},  {1, "", "", 1},
+      {2, "abc", "abc", 0},  {2, "abc", "ab", 1},    {2, "", "x", 1},
+      // numbers, not text order
+      {3, "10", "9", 1},     {5, "10", "9", 0},      {4, "7", "7", 1},     {6, "7", "7", 1},
+      {3, "7", "7", 0},      {5, "-3", "2", 1},      {3, " 12", "+11", 1},
+      // doubles when either side is no integer
+      {3, "2.5", "2", 1},    {5, "2.5", "3", 1},     {6, "1e3", "1000", 1}, {3, "1e3", "999.5", 1},
+      {4, "0x10", "16", 1},
+      // out of range integers fall back to doubles; huge doubles are no number
+      {3, "99999999999999999999", "1", 1},           {3, "1e999", "1", 3}, {3, "1", "-1e999", 3},
+      {5, "1e-400", "1", 3},
+      // no number at all
+      {3, "abc", "9", 3},    {3, "9", "abc", 3},     {3, "", "1", 3},      {3, "1", "", 3},
+      {4, "12abc", "1", 3},  {6, "1 ", "1", 3},
+  };
+  for (const Case& c : cases)
+    EXPECT_EQ(cmp_str(c.op, c.text, c.pattern), c.want)
+        << "op " << c.op << " '" << c.text << "' vs '" << c.pattern << "'";
+  // The pattern is copied, so it needs no NUL of its own; long ones too.
+  const std::string longnum = "1" + std::string(100, '0');
+  EXPECT_EQ(filter_cmp_str(5, "7", 1, longnum.data(), static_cast<int32_t>(longnum.size())), 1);
+  EXPECT_EQ(filter_cmp_str(3, "123", 3, "12x", 2), 1);
+}
+
+TEST(FilterTextDeath, UnknownOperatorAborts) {
+  EXPECT_DEATH(cmp_str(7, "a", "a"), "Assertion `0' failed");
+  EXPECT_DEATH(cmp_str(0, "a", "a"), "Assertion `0' failed");
+}
+
+TEST(FilterText, ElementTextForms) {
+  struct Case {
+    std::basic_string<unsigned char> element;
+    int32_t want_len;
+    const char* text;
+  };
+  using B = std::basic_string<unsigned char>;
+  const Case cases[] = {
+      {B{200, 3, 'a', 'b', 'c'}, 3, "abc"},
+      {B{200, 0}, 0, ""},
+      {B{205, 0, 0, 0, 2, 'h', 'i'}, 2, "hi"},
+      {B{6, 0xfd}, 2, "-3"},
+      {B{7, 0xfe, 0xd4}, 4, "-300"},
+      {B{8, 0x80, 0, 0, 0}, 11, "-2147483648"},
+      {B{9, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xfb}, 2, "-5"},
+      {B{10, 200}, 3, "200"},
+      {B{11, 0xff, 0xff}, 5, "65535"},
+      {B{12, 0xff, 0xff, 0xff, 0xff}, 10, "4294967295"},
+      {B{13, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff}, 20, "18446744073709551615"},
+      {B{15, 192, 168, 0, 1}, 11, "192.168.0.1"},
+      {B{17, 0}, 5, "false"},
+      {B{17, 2}, 4, "true"},
+      {B{20, 0x07, 0xe8, 2, 9, 0, 0}, 10, "2024-02-09"},
+      {B{20, 0xff, 0xff, 12, 31, 0, 0}, 8, "-1-12-31"},
+  };
+  for (const Case& c : cases) {
+    char buf[65];
+    std::memset(buf, 'X', sizeof buf);
+    ASSERT_EQ(_arbo_nif_fmt_cs_val(c.element.data(), buf, sizeof buf), c.want_len)
+        << "type " << int{c.element[0]};
+    EXPECT_STREQ(buf, c.text);
+    EXPECT_EQ(text_element_len(c.element.data(), c.element.size()), c.element.size());
+    // One byte short of the element: not formatted.
+    EXPECT_EQ(text_element_len(c.element.data(), c.element.size() - 1), 0u);
+  }
+  // Types without a text form.
+  for (unsigned char t : {0, 2, 14, 16, 29, 30, 50, 201, 204, 255}) {
+    const unsigned char e[16] = {t, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
+    char buf[65];
+    EXPECT_EQ(_arbo_nif_fmt_cs_val(e, buf, sizeof buf), -1) << int{t};
+    EXPECT_EQ(text_element_len(e, sizeof e), 0u) << int{t};
+  }
+  EXPECT_EQ(text_element_len(nullptr, 0), 0u);
+}
+
+TEST(FilterText, StringsAreCutToTheBuffer) {
+  std::basic_string<unsigned char> e = {200, 100};
+  e.append(100, 'q');
+  char buf[65];
+  EXPECT_EQ(_arbo_nif_fmt_cs_val(e.data(), buf, sizeof buf), 64);
+  EXPECT_EQ(std::string(buf), std::string(64, 'q'));
+  const unsigned char num[] = {13, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff};
+  char small[6];
+  EXPECT_EQ(_arbo_nif_fmt_cs_val(num, small, sizeof small), 5);
+  EXPECT_STREQ(small, "18446");
+}
+
+TEST(NodeStack, GrowsByTwoAndPopsTopFirst) {
+  node_stack* s = node_stack_init();
+  EXPECT_EQ(s->pos, -1);
+  EXPECT_EQ(s->size, 2);
+  ERL_NIF_TERM f = 77;
+  EXPECT_EQ(node_stack_pop(s, &f), nullptr);
+  EXPECT_EQ(f, 77u);  // left alone on an empty stack
+  auto node = [](uintptr_t v) { return reinterpret_cast<arbo_node*>(v); };
+  const int32_t sizes[] = {2, 2, 4, 4, 6, 6, 8};
+  for (int32_t i = 0; i < 7; ++i) {
+    EXPECT_EQ(node_stack_push(s, node(100 + i), 1000 + i), i);
+    EXPECT_EQ(s->size, sizes[i]) << i;
+    if (i + 1 < s->size) {
+      EXPECT_EQ(s->nodes[i + 1], nullptr);  // newest entries zeroed
+    }
+  }
+  for (int32_t i = 6; i >= 0; --i) {
+    EXPECT_EQ(node_stack_pop(s, &f), node(100 + i));
+    EXPECT_EQ(f, static_cast<ERL_NIF_TERM>(1000 + i));
+    EXPECT_EQ(s->pos, i - 1);
+  }
+  EXPECT_EQ(node_stack_pop(s, &f), nullptr);
+  // A null node is an entry like any other.
+  node_stack_push(s, nullptr, 5);
+  EXPECT_EQ(s->pos, 0);
+  EXPECT_EQ(node_stack_pop(s, &f), nullptr);
+  EXPECT_EQ(f, 5u);
+  EXPECT_EQ(s->pos, -1);
+  node_stack_clear(s);
+}
