@@ -273,7 +273,7 @@ load_verified(Tree, Native, Checkpoint, Capture, Progress) ->
     try
         Reply = arbo_tree:exclusive(
                   Tree,
-                  fun(Handle) ->
+                  fun(Handle, _Stamp) ->
                           R = arbo:load_nif(Handle, <<Native/binary, 0>>, Checkpoint, Capture,
                                             forwarder_pid(Forwarder)),
                           {R, true}

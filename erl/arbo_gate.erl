@@ -10,26 +10,31 @@
 %% until no reader is announced and moves the epoch before it lets readers
 %% in again.
 %%
-%% Layout (one `atomics' array per tree, held in the handle's 4th element,
-%% which the library never reads): word 1 is `Epoch * 4 + Closed * 2 +
-%% Writer'. A node reference carries `Epoch * 4' of the moment it was made,
-%% so one comparison of word 1 with it says: no writer, not closed, not
-%% stale.
+%% Layout: every reader process has its own one-word `atomics' array,
+%% `Epoch * 2^24 + Closed * 2^23 + Writer * 2^22 + Count'. A node reference
+%% carries `Epoch * 4' of the moment it was made, so after the reader's
+%% single `add_get' on its own word, `Word bsr 22' equal to the reference's
+%% stamp says at once: announced, no writer, not closed, not stale.
 %%
-%% Readers: each process that reads a tree gets its own one-word `atomics'
-%% cell from the gate keeper once (kept in its process dictionary). It
-%% writes 1 to its cell, then reads word 1; on the way out it writes 0.
-%% The writer sets its bit in word 1, then waits until every cell is 0.
-%% Both steps are sequentially consistent, so either the reader sees the
-%% writer's bit (and backs off) or the writer sees the reader's cell (and
-%% waits): never neither.
+%% Readers: a reader adds 1 to its word (announce and read in one atomic
+%% step) and subtracts 1 after the native call. The writer adds its bit to
+%% every reader's word, then waits until every count is 0. Both are
+%% read-modify-writes of the same word, so they are ordered: either the
+%% reader's add comes first (the writer sees the count and waits) or the
+%% writer's (the reader sees the bit, withdraws and waits). When the writer
+%% is done it moves the epoch and removes its bit in one add per word. The
+%% creator's word travels in the tree handle (`self() =:= Owner' picks it);
+%% another process registers once with the keeper and keeps its word in its
+%% process dictionary, or takes its own handle with `arbo_tree:attach/1'.
+%% A word is only ever used by its own process.
 %%
-%% A process killed inside the gate: its cell stays 1. The keeper monitors
-%% every registered reader and drops the cell of a dead one, so a writer
+%% A process killed inside the gate: its count stays 1. The keeper monitors
+%% every registered reader and drops the word of a dead one, so a writer
 %% never waits for a dead reader. (A process cannot die inside a native
-%% call; a cell left at 1 belongs to a process that is not in the library.)
-%% Writers never run in the caller: the keeper runs the writer's function
-%% itself, so killing the caller cannot leave the writer bit set.
+%% call; a count left at 1 belongs to a process that is not in the library
+%% and never will be again.) Writers never run in the caller: the keeper
+%% runs the writer's function itself, so killing the caller cannot leave
+%% the writer bit set.
 %%
 %% Lifetime: the keeper monitors the process that created the tree; when
 %% that process exits, or on {@link close/1}, it closes the tree, marks the
@@ -41,27 +46,30 @@
 -export([start/2, register_reader/2, exclusive/2, close/1]).
 -export([init/1, handle_call/3, handle_cast/2, handle_info/2]).
 
--define(WRITER, 1).
--define(CLOSED, 2).
+-include("arbo_gate.hrl").
+-define(WRITER, ?ARBO_WRITER).
+-define(CLOSED, ?ARBO_CLOSED).
+-define(EPOCH, ?ARBO_EPOCH).
+-define(COUNT, ?ARBO_COUNT).
 
--record(st, {handle, atomics, owner, readers = #{}, closing = false}).
+-record(st, {handle, owner, epoch = 0, readers = #{}, closing = false}).
 
-%% @doc Start the keeper of a tree handle whose 4th element is `{arbo_gate,
-%% Atomics, _}' (filled in by the keeper with its own pid).
+%% @doc Start the keeper of a tree handle `{arbo, Res, View, {arbo_gate, _,
+%% Owner, Word}}', whose creator Owner reads through Word.
 -spec start(term(), pid()) -> {ok, pid()}.
 start(Handle, Owner) ->
     gen_server:start(?MODULE, {Handle, Owner}, []).
 
-%% @doc Give the calling process its reader cell (the same one on every
-%% call).
+%% @doc Give a process its reader word (the same one on every call).
 -spec register_reader(pid(), pid()) -> atomics:atomics_ref().
 register_reader(Keeper, Pid) ->
     gen_server:call(Keeper, {register, Pid}, infinity).
 
-%% @doc Run `Fun(Handle)' on the writer side, in the keeper. Fun returns
-%% `{Reply, Changed}'; when Changed is true (or Fun raises) the epoch moves
-%% and every node reference made before is stale.
--spec exclusive(pid(), fun((term()) -> {term(), boolean()})) ->
+%% @doc Run `Fun(Handle, Stamp)' on the writer side, in the keeper; Stamp is
+%% the current epoch as references carry it. Fun returns `{Reply,
+%% Changed}'; when Changed is true (or Fun raises) the epoch moves and every
+%% node reference made before is stale.
+-spec exclusive(pid(), fun((term(), non_neg_integer()) -> {term(), boolean()})) ->
           {ok, term()} | {raise, atom(), term(), list()}.
 exclusive(Keeper, Fun) ->
     gen_server:call(Keeper, {exclusive, Fun}, infinity).
@@ -73,28 +81,28 @@ close(Keeper) ->
 
 %% ---------------------------------------------------------------------------
 
-init({{arbo, _, _, {arbo_gate, A, _}} = Handle, Owner}) ->
-    _ = erlang:monitor(process, Owner),
-    {ok, #st{handle = Handle, atomics = A, owner = Owner}}.
+init({{arbo, _, _, {arbo_gate, _, Owner, Word}} = Handle, Owner}) ->
+    MRef = erlang:monitor(process, Owner),
+    {ok, #st{handle = Handle, owner = Owner, readers = #{Owner => {MRef, Word}}}}.
 
-handle_call({register, Pid}, _From, #st{readers = Rs} = St) ->
+handle_call({register, Pid}, _From, #st{readers = Rs, epoch = E} = St) ->
     case Rs of
-        #{Pid := {_, Cell}} -> {reply, Cell, St};
+        #{Pid := {_, Word}} -> {reply, Word, St};
         _ ->
-            Cell = atomics:new(1, [{signed, false}]),
+            Word = atomics:new(1, [{signed, true}]),
+            atomics:put(Word, 1, E * ?EPOCH),
             MRef = erlang:monitor(process, Pid),
-            {reply, Cell, St#st{readers = Rs#{Pid => {MRef, Cell}}}}
+            {reply, Word, St#st{readers = Rs#{Pid => {MRef, Word}}}}
     end;
-handle_call({exclusive, Fun}, _From, #st{handle = H} = St0) ->
+handle_call({exclusive, Fun}, _From, #st{handle = H, epoch = E} = St0) ->
     St = lock(St0),
     {Reply, Changed} =
-        try Fun(H) of
+        try Fun(H, E bsl 2) of
             {R, C} when is_boolean(C) -> {{ok, R}, C};
             Other -> {{raise, error, {bad_exclusive_result, Other}, []}, true}
         catch Class:Reason:Stack -> {{raise, Class, Reason, Stack}, true}
         end,
-    unlock(St, Changed),
-    after_write(Reply, St);
+    after_write(Reply, unlock(St, Changed, 0));
 handle_call(close, _From, St0) ->
     {stop, normal, ok, shut(St0)};
 handle_call(_, _From, St) ->
@@ -113,21 +121,21 @@ handle_info(_, St) -> {noreply, St}.
 after_write(Reply, #st{closing = true} = St) -> {stop, normal, Reply, shut(St)};
 after_write(Reply, St) -> {reply, Reply, St}.
 
-down(Pid, #st{owner = Pid} = St) -> St#st{closing = true};
+down(Pid, #st{owner = Pid, readers = Rs} = St) ->
+    St#st{closing = true, readers = maps:remove(Pid, Rs)};
 down(Pid, #st{readers = Rs} = St) -> St#st{readers = maps:remove(Pid, Rs)}.
 
 %% ---- writer side ---------------------------------------------------------
 
-lock(#st{atomics = A} = St) ->
-    W = atomics:get(A, 1),
-    atomics:put(A, 1, W bor ?WRITER),
+lock(#st{readers = Rs} = St) ->
+    maps:foreach(fun(_, {_, W}) -> atomics:add(W, 1, ?WRITER) end, Rs),
     drain(St, 0).
 
 %% Wait until no live reader is inside. Dead readers are dropped as their
 %% monitors fire; a reader still inside is at most one native call away
 %% from leaving.
 drain(#st{readers = Rs} = St, Spins) ->
-    Busy = maps:fold(fun(_, {_, C}, N) -> N + atomics:get(C, 1) end, 0, Rs),
+    Busy = maps:fold(fun(_, {_, W}, N) -> N + (atomics:get(W, 1) band ?COUNT) end, 0, Rs),
     if
         Busy =:= 0 -> St;
         Spins < 100 -> erlang:yield(), drain(St, Spins + 1);
@@ -138,18 +146,15 @@ drain(#st{readers = Rs} = St, Spins) ->
             end
     end.
 
-unlock(#st{atomics = A}, Changed) ->
-    W = atomics:get(A, 1),
-    Epoch = W bsr 2,
-    New = case Changed of
-              true -> Epoch + 1;
-              false -> Epoch
-          end,
-    atomics:put(A, 1, New bsl 2).
+%% Remove the writer bit, move the epoch when something changed, and set
+%% Extra (the closed bit) in every reader's word.
+unlock(#st{readers = Rs, epoch = E} = St, Changed, Extra) ->
+    Step = case Changed of true -> 1; false -> 0 end,
+    Delta = Step * ?EPOCH + Extra - ?WRITER,
+    maps:foreach(fun(_, {_, W}) -> atomics:add(W, 1, Delta) end, Rs),
+    St#st{epoch = E + Step}.
 
-shut(#st{handle = H, atomics = A} = St0) ->
+shut(#st{handle = H} = St0) ->
     St = lock(St0),
     _ = (catch arbo:close(H)),
-    Epoch = atomics:get(A, 1) bsr 2,
-    atomics:put(A, 1, ((Epoch + 1) bsl 2) bor ?CLOSED),
-    St.
+    unlock(St, true, ?CLOSED).

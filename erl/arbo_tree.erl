@@ -13,7 +13,9 @@
 %% `0..2^32-1', or `{Ns, Tag}' with a namespace. Instances are named by an
 %% {@link instance_key()}: `{int, N}' (a 32-bit integer), `{pair, Ns, N}',
 %% `{tuple, Elements}' (an encoded tuple key, elements as in {@link
-%% arbo_key}; a bare element list means the same) or `{opaque, Binary}'.
+%% arbo_key}; a bare element list means the same; `{encoded, Bytes}' is the
+%% same key already encoded, checked with {@link arbo_key:validate/1}) or
+%% `{opaque, Binary}' (a binary taken whole as one element).
 %%
 %% == Node references ==
 %% Functions hand out {@link tree_node()} references: opaque terms that carry the
@@ -45,7 +47,7 @@
 -module(arbo_tree).
 
 %% lifecycle
--export([new/0, new/1, close/1, info/1, root/1]).
+-export([new/0, new/1, attach/1, close/1, info/1, root/1]).
 %% adding, finding, deleting
 -export([add_container/3, add_leaf/3, add_list/4, add/3,
          find/3, lookup/2, find_after/3, find_after/4,
@@ -71,15 +73,18 @@
 -export_type([tree/0, tree_node/0, name/0, instance_key/0, key/0, order/0, filter/0,
               node_type/0, value/0]).
 
+-include("arbo_gate.hrl").
+
 -record(arbo_node, {table, stamp, addr, parent}).
 
--type tree() :: {arbo, reference(), non_neg_integer(), {arbo_gate, atomics:atomics_ref(), pid()}}.
+-type tree() :: {arbo, reference(), non_neg_integer(),
+                 {arbo_gate, pid(), pid(), atomics:atomics_ref()}}.
 -opaque tree_node() :: #arbo_node{table :: reference(), stamp :: non_neg_integer(),
                                   addr :: pos_integer(), parent :: non_neg_integer()}.
 -type name() :: 0..16#ffffffff | {0..16#ffffffff, 0..16#ffffffff}.
 -type instance_key() :: {int, -16#80000000..16#7fffffff}
                       | {pair, 0..16#7fffffff, -16#80000000..16#7fffffff}
-                      | {tuple, arbo_key:key()} | arbo_key:key()
+                      | {tuple, arbo_key:key()} | arbo_key:key() | {encoded, binary()}
                       | {opaque, binary()}.
 -type key() :: name() | instance_key().
 -type order() :: sorted | sorted_length_first | sorted_length_first_but_last | user_order.
@@ -126,16 +131,25 @@ new(Opts) when is_list(Opts) ->
                           (O, _) -> error({badarg, {option, O}})
                        end, 0, Opts),
     Res = arbo:new_arbo(),
-    A = atomics:new(1, [{signed, false}]),
-    {ok, Keeper} = arbo_gate:start({arbo, Res, View, {arbo_gate, A, undefined}}, self()),
-    {arbo, Res, View, {arbo_gate, A, Keeper}};
+    Word = atomics:new(1, [{signed, true}]),
+    {ok, Keeper} = arbo_gate:start({arbo, Res, View, {arbo_gate, undefined, self(), Word}},
+                                   self()),
+    {arbo, Res, View, {arbo_gate, Keeper, self(), Word}};
 new(Opts) -> error({badarg, Opts}).
+
+%% @doc A handle of the same tree for the calling process. Any process can
+%% use any handle of a tree; the handle a process made itself (with {@link
+%% new/1} or here) takes the shortest way through the gate.
+-spec attach(tree()) -> tree().
+attach({arbo, Res, View, {arbo_gate, Keeper, _, _}} = T) ->
+    {arbo, Res, View, {arbo_gate, Keeper, self(), word(T)}};
+attach(T) -> error({badarg, {tree, T}}).
 
 %% @doc Close the tree and free its nodes; every later call on it raises
 %% `error({arbo_closed, Tree})'. Closing a closed tree is `ok'.
 -spec close(tree()) -> ok.
 close(T) ->
-    {_, _, Keeper} = gate(T),
+    {_, Keeper} = gate(T),
     try arbo_gate:close(Keeper)
     catch exit:_ -> ok
     end.
@@ -144,11 +158,9 @@ close(T) ->
 -spec info(tree()) -> #{size := non_neg_integer(), mem := non_neg_integer(),
                         epoch := non_neg_integer()}.
 info(T) ->
-    {_, A, _} = gate(T),
-    W = atomics:get(A, 1),
-    W band 2 =:= 0 orelse error({arbo_closed, T}),
-    native(T, fun() -> #{size => arbo:get_size(T), mem => arbo:get_mem(T), epoch => W bsr 2}
-              end).
+    read(T, [], fun(S) ->
+        #{size => arbo:get_size(T), mem => arbo:get_mem(T), epoch => S bsr 2}
+    end).
 
 %% @doc The root node.
 -spec root(tree()) -> tree_node().
@@ -217,23 +229,26 @@ add(T, L, Key) ->
 %% @doc The child of a node under a name (children of containers, leaves,
 %% instances, the root) or an instance key (children of lists), or `none'.
 -spec find(tree(), tree_node(), key()) -> tree_node() | none.
-find({arbo, Res, _, {arbo_gate, A, _}} = T,
-     #arbo_node{table = Res, stamp = S, addr = Addr} = P, Key) ->
+find({arbo, Res, _, {arbo_gate, _, Owner, Word}} = T,
+     #arbo_node{table = Res, stamp = S, addr = Addr} = P, Key) when Owner =:= self() ->
     {K, Code} = find_arg(Key),
-    Cell = cell(T),
-    atomics:put(Cell, 1, 1),
-    case atomics:get(A, 1) of
+    case atomics:add_get(Word, 1, 1) bsr ?ARBO_SHIFT of
         S ->
-            R = try arbo:find_child(T, Addr, K, Code) after atomics:put(Cell, 1, 0) end,
+            R = try arbo:find_child(T, Addr, K, Code) after atomics:sub(Word, 1, 1) end,
             case R of
                 0 -> none;
                 _ -> #arbo_node{table = Res, stamp = S, addr = R, parent = Addr}
             end;
         _ ->
-            atomics:put(Cell, 1, 0),
+            atomics:sub(Word, 1, 1),
             read(T, [P], fun(S1) -> mk(T, S1, arbo:find_child(T, Addr, K, Code), Addr) end)
     end;
-find(T, P, Key) -> bad(T, [P], {key, Key}).
+find(T, P, Key) ->
+    {K, Code} = find_arg(Key),
+    read(T, [P], fun(S) ->
+        Addr = P#arbo_node.addr,
+        mk(T, S, arbo:find_child(T, Addr, K, Code), Addr)
+    end).
 
 %% @doc Follow a path of keys from the root: the node reached, or `none'.
 -spec lookup(tree(), [key()]) -> tree_node() | none.
@@ -260,7 +275,7 @@ find_after(T, L, Key) -> find_after(T, L, Key, exclusive).
           tree_node() | none.
 find_after(T, L, Key, Incl) ->
     {K, Code} = case add_arg(Key) of
-                    {{I}, 4} -> {I, 39};
+                    {I, 4} -> {I, 39};
                     {Pair, 27} -> {Pair, 40};
                     {Bin, 5} -> {Bin, 41};
                     {Bin, 6} -> {Bin, 54}
@@ -284,8 +299,8 @@ find_after(T, L, Key, Incl) ->
 delete(T, N) ->
     own(T, N),
     N#arbo_node.parent =/= 0 orelse error({root, N}),
-    Reply = exclusive(T, fun(H) ->
-        fresh(T, N),
+    Reply = exclusive(T, fun(H, S) ->
+        fresh(S, N),
         #arbo_node{addr = Addr, parent = Parent} = N,
         {K, Code, FCode} = del_arg(arbo:get_hkey0(H, Addr), is_list_addr(H, Parent)),
         %% The key must lead back to this very node (two instances that differ
@@ -306,8 +321,8 @@ delete(T, N) ->
 delete(T, P, Key) ->
     {K, Code} = find_arg(Key),
     own(T, P),
-    exclusive(T, fun(H) ->
-        fresh(T, P),
+    exclusive(T, fun(H, S) ->
+        fresh(S, P),
         Addr = P#arbo_node.addr,
         case arbo:find_child(H, Addr, K, Code) of
             0 -> {false, false};
@@ -323,8 +338,8 @@ delete(T, P, Key) ->
 delete_ns(T, P, Ns) ->
     ?U32(Ns) orelse error({badarg, {namespace, Ns}}),
     own(T, P),
-    exclusive(T, fun(H) ->
-        fresh(T, P),
+    exclusive(T, fun(H, S) ->
+        fresh(S, P),
         R = arbo:del_ns(H, P#arbo_node.addr, Ns),
         {R, R}
     end).
@@ -333,14 +348,17 @@ delete_ns(T, P, Ns) ->
 -spec clear(tree()) -> ok.
 clear(T) ->
     gate(T),
-    exclusive(T, fun(H) -> {arbo:del_all(H), true} end).
+    exclusive(T, fun(H, _) -> {arbo:del_all(H), true} end).
 
 %% @doc Give an instance a new key: `true', or `false' when another instance
 %% already has it. A sorted list puts it in its new place; a user-ordered
 %% one keeps it where it is.
 -spec rename(tree(), tree_node(), instance_key()) -> boolean().
 rename(T, I, NewKey) ->
-    {K, Code} = add_arg(NewKey),
+    {K, Code} = case add_arg(NewKey) of
+                    {N, 4} -> {{N}, 4};  % a tag form here
+                    Other -> Other
+                end,
     read(T, [I], fun(_) ->
         List = I#arbo_node.parent,
         List =/= 0 andalso is_list_addr(T, List) orelse error({wrong_node_type, I}),
@@ -371,23 +389,26 @@ first_child(T, N) ->
 
 %% @doc The next sibling, or `none'.
 -spec next_sibling(tree(), tree_node()) -> tree_node() | none.
-next_sibling({arbo, Res, _, {arbo_gate, A, _}} = T,
-             #arbo_node{table = Res, stamp = S, addr = Addr, parent = Parent} = N) ->
-    Cell = cell(T),
-    atomics:put(Cell, 1, 1),
-    case atomics:get(A, 1) of
+next_sibling({arbo, Res, _, {arbo_gate, _, Owner, Word}} = T,
+             #arbo_node{table = Res, stamp = S, addr = Addr, parent = Parent} = N)
+  when Owner =:= self() ->
+    case atomics:add_get(Word, 1, 1) bsr ?ARBO_SHIFT of
         S ->
-            R = try arbo:next_sibling_nif(T, Addr, [], 0) after atomics:put(Cell, 1, 0) end,
+            R = try arbo:next_sibling_nif(T, Addr, [], 0) after atomics:sub(Word, 1, 1) end,
             case R of
                 0 -> none;
                 _ -> #arbo_node{table = Res, stamp = S, addr = R, parent = Parent}
             end;
         _ ->
-            atomics:put(Cell, 1, 0),
+            atomics:sub(Word, 1, 1),
             read(T, [N], fun(S1) -> mk(T, S1, arbo:next_sibling_nif(T, Addr, [], 0), Parent)
                          end)
     end;
-next_sibling(T, N) -> bad(T, [N], none).
+next_sibling(T, N) ->
+    read(T, [N], fun(S) ->
+        #arbo_node{addr = Addr, parent = Parent} = N,
+        mk(T, S, arbo:next_sibling_nif(T, Addr, [], 0), Parent)
+    end).
 
 %% @doc The last child, or `none'. Inactive children are not skipped.
 -spec last_child(tree(), tree_node()) -> tree_node() | none.
@@ -498,17 +519,16 @@ value(T, N) ->
 %% @doc A node's value as the library hands it out: `undefined', a binary,
 %% or `{csval, Bytes}' for an encoded value.
 -spec value_raw(tree(), tree_node()) -> undefined | binary() | {csval, binary()}.
-value_raw({arbo, Res, _, {arbo_gate, A, _}} = T,
-          #arbo_node{table = Res, stamp = S, addr = Addr} = N) ->
-    Cell = cell(T),
-    atomics:put(Cell, 1, 1),
-    case atomics:get(A, 1) of
-        S -> try arbo:get_val_raw(T, Addr) after atomics:put(Cell, 1, 0) end;
+value_raw({arbo, Res, _, {arbo_gate, _, Owner, Word}} = T,
+          #arbo_node{table = Res, stamp = S, addr = Addr} = N) when Owner =:= self() ->
+    case atomics:add_get(Word, 1, 1) bsr ?ARBO_SHIFT of
+        S -> try arbo:get_val_raw(T, Addr) after atomics:sub(Word, 1, 1) end;
         _ ->
-            atomics:put(Cell, 1, 0),
+            atomics:sub(Word, 1, 1),
             read(T, [N], fun(_) -> arbo:get_val_raw(T, Addr) end)
     end;
-value_raw(T, N) -> bad(T, [N], none).
+value_raw(T, N) ->
+    read(T, [N], fun(_) -> arbo:get_val_raw(T, N#arbo_node.addr) end).
 
 %% @doc Set a leaf's or an instance's value: a binary is kept as it is, any
 %% other term is encoded with {@link arbo_val:encode/1} (`empty' is refused:
@@ -783,7 +803,7 @@ iter_top(T) ->
 iter_depth(T) -> length(iter_stack(iter_key(T))).
 
 iter_key(T) ->
-    {Res, _, _} = gate(T),
+    {Res, _} = gate(T),
     {'$arbo_iter', Res}.
 
 iter_stack(Key) ->
@@ -821,11 +841,11 @@ load(T, Path, Opts) ->
 %% The gate
 
 %% @private
-%% @doc Run `Fun(Handle)' on the writer side of the tree's gate; Fun returns
-%% `{Reply, Changed}' and Changed moves the epoch.
--spec exclusive(tree(), fun((tree()) -> {Reply, boolean()})) -> Reply.
+%% @doc Run `Fun(Handle, Stamp)' on the writer side of the tree's gate (in
+%% its keeper); Fun returns `{Reply, Changed}' and Changed moves the epoch.
+-spec exclusive(tree(), fun((tree(), non_neg_integer()) -> {Reply, boolean()})) -> Reply.
 exclusive(T, Fun) ->
-    {_, _, Keeper} = gate(T),
+    {_, Keeper} = gate(T),
     Reply = try arbo_gate:exclusive(Keeper, Fun)
             catch exit:_ -> closed
             end,
@@ -837,67 +857,64 @@ exclusive(T, Fun) ->
         closed -> error({arbo_closed, T})
     end.
 
-gate({arbo, Res, _, {arbo_gate, A, Keeper}}) when is_pid(Keeper) -> {Res, A, Keeper};
+gate({arbo, Res, _, {arbo_gate, Keeper, Owner, _}}) when is_pid(Keeper), is_pid(Owner) ->
+    {Res, Keeper};
 gate(T) -> error({badarg, {tree, T}}).
 
-%% The calling process's reader cell of this tree.
-cell({arbo, Res, _, {arbo_gate, _, Keeper}} = T) ->
-    case get(Res) of
+%% The calling process's gate word of this tree.
+word({arbo, _, _, {arbo_gate, _, Owner, Word}}) when Owner =:= self() -> Word;
+word({arbo, Res, _, {arbo_gate, Keeper, _, _}} = T) ->
+    case get({'$arbo_reader', Res}) of
         undefined ->
-            C = try arbo_gate:register_reader(Keeper, self())
+            W = try arbo_gate:register_reader(Keeper, self())
                 catch exit:_ -> error({arbo_closed, T})
                 end,
-            put(Res, C),
-            C;
-        C -> C
+            put({'$arbo_reader', Res}, W),
+            W;
+        W -> W
     end.
 
 %% A reader section: every node argument belongs to the tree and is as new
 %% as the epoch; Fun(Stamp) runs with deletions kept out.
 read(T, Nodes, Fun) ->
-    {_, A, _} = gate(T),
+    gate(T),
     lists:foreach(fun(N) -> own(T, N) end, Nodes),
-    Cell = cell(T),
-    S = enter(T, Cell, A, 0),
+    Word = word(T),
+    S = enter(T, Word, 0),
     case [N || #arbo_node{stamp = NS} = N <- Nodes, NS =/= S] of
         [] ->
             try Fun(S)
             catch error:{R, File, Line} when is_atom(R), is_list(File), is_integer(Line) ->
                     error({R, T})
-            after atomics:put(Cell, 1, 0)
+            after atomics:sub(Word, 1, 1)
             end;
         [Stale | _] ->
-            atomics:put(Cell, 1, 0),
+            atomics:sub(Word, 1, 1),
             error({stale_node, Stale})
     end.
 
-enter(T, Cell, A, Tries) ->
-    atomics:put(Cell, 1, 1),
-    W = atomics:get(A, 1),
-    case W band 3 of
-        0 -> W;
+%% Announce; wait while a writer is in; the stamp of the current epoch.
+enter(T, Word, Tries) ->
+    S = atomics:add_get(Word, 1, 1) bsr ?ARBO_SHIFT,
+    case S band 3 of
+        0 -> S;
         _ ->
-            atomics:put(Cell, 1, 0),
-            W band 2 =:= 0 orelse error({arbo_closed, T}),
+            atomics:sub(Word, 1, 1),
+            S band 2 =:= 0 orelse error({arbo_closed, T}),
             if
                 Tries < 50 -> erlang:yield();
                 true -> receive after 1 -> ok end
             end,
-            enter(T, Cell, A, Tries + 1)
+            enter(T, Word, Tries + 1)
     end.
 
-%% For readers that were not in the gate: the node is as new as the epoch.
-fresh({_, _, _, {arbo_gate, A, _}}, #arbo_node{stamp = S} = N) ->
-    atomics:get(A, 1) band (bnot 1) =:= S orelse error({stale_node, N}).
+%% On the writer side: the node is as new as the epoch.
+fresh(S, #arbo_node{stamp = S}) -> ok;
+fresh(_, N) -> error({stale_node, N}).
 
 own({arbo, Res, _, _}, #arbo_node{table = Res}) -> ok;
 own(_, #arbo_node{} = N) -> error({wrong_table, N});
 own(_, N) -> error({badarg, {node, N}}).
-
-bad(T, Nodes, Extra) ->
-    gate(T),
-    lists:foreach(fun(N) -> own(T, N) end, Nodes),
-    error({badarg, Extra}).
 
 mk(_, _, 0, _) -> none;
 mk({arbo, Res, _, _}, S, Addr, Parent) ->
@@ -957,11 +974,12 @@ htag({Ns, Tag}) when ?U32(Ns), ?U32(Tag) -> [Ns | Tag];
 htag(Name) -> error({badarg, {name, Name}}).
 
 %% Instance keys for add_hkey (and rename_instance0: the same codes).
-add_arg({int, N}) when ?I32(N) -> {{N}, 4};
-add_arg(N) when ?I32(N) -> {{N}, 4};
+add_arg({int, N}) when ?I32(N) -> {N, 4};
+add_arg(N) when ?I32(N) -> {N, 4};
 add_arg({pair, Ns, N}) when ?I32(N), is_integer(Ns), Ns >= 0, Ns =< 16#7fffffff -> {{Ns, N}, 27};
 add_arg({tuple, Elems}) when is_list(Elems) -> {arbo_key:encode(Elems), 5};
 add_arg(Elems) when is_list(Elems) -> {arbo_key:encode(Elems), 5};
+add_arg({encoded, B}) when is_binary(B) -> {encoded(B), 5};
 add_arg({opaque, B}) when is_binary(B), byte_size(B) =< 16#7fffffff -> {B, 6};
 add_arg(K) -> error({badarg, {key, K}}).
 
@@ -973,8 +991,16 @@ find_arg({pair, Ns, N}) when ?I32(N), is_integer(Ns), Ns >= 0, Ns =< 16#7fffffff
     {{Ns, N}, 28};
 find_arg({tuple, Elems}) when is_list(Elems) -> {arbo_key:encode(Elems), 12};
 find_arg(Elems) when is_list(Elems) -> {arbo_key:encode(Elems), 12};
+find_arg({encoded, B}) when is_binary(B) -> {encoded(B), 12};
 find_arg({opaque, B}) when is_binary(B), byte_size(B) =< 16#7fffffff -> {B, 53};
 find_arg(K) -> error({badarg, {key, K}}).
+
+%% An encoded tuple key given as bytes: only what the library can parse.
+encoded(B) ->
+    case arbo_key:validate(B) of
+        ok -> B;
+        {error, R} -> error({badarg, {key, {encoded, B}, R}})
+    end.
 
 %% A node's key as get_hkey0 reads it, turned into del_hkey's key and code
 %% and find_child's code.
@@ -998,9 +1024,3 @@ key_term(Tag, false) -> Tag.
 
 signed(X) when X >= 16#80000000 -> X - 16#100000000;
 signed(X) -> X.
-
-native(T, Fun) ->
-    try Fun()
-    catch error:{R, File, Line} when is_atom(R), is_list(File), is_integer(Line) ->
-            error({R, T})
-    end.

@@ -1,0 +1,77 @@
+%% The safe tree API against the raw library on the hot paths: find by key,
+%% next sibling, value read. Both run on the same tree, the same nodes, in
+%% the same order; batches of the two alternate and each side keeps its best
+%% batch, so that a busy machine slows both alike.
+%%
+%% The tree: a sorted list of N instances keyed by an encoded string key
+%% (like interface names), and a sorted list of N integer instances, each
+%% with a uint32 value. N = 100,000 (10,000 with ARBO_BENCH_QUICK=1).
+-module(arbo_bench_api).
+-export([rows/0, main/0]).
+
+main() ->
+    [io:format("~-34s raw ~7.1f ns  safe ~7.1f ns  overhead ~5.1f%~n",
+               [Name, Raw, Safe, 100 * (Safe / Raw - 1)])
+     || {Name, Raw, Safe} <- rows()],
+    ok.
+
+%% [{Operation, RawNs, SafeNs}]
+rows() ->
+    Quick = os:getenv("ARBO_BENCH_QUICK") =:= "1",
+    N = case Quick of true -> 10000; false -> 100000 end,
+    Rounds = case Quick of true -> 5; false -> 15 end,
+    T = arbo_tree:new(),
+    try measure(T, N, Rounds)
+    after arbo_tree:close(T)
+    end.
+
+name(I) -> <<"ge-0/0/", (integer_to_binary(I))/binary>>.
+
+measure(T, N, Rounds) ->
+    Root = arbo_tree:root(T),
+    Ifs = arbo_tree:add_list(T, Root, 1, sorted),
+    Ints = arbo_tree:add_list(T, Root, 2, sorted),
+    _ = [arbo_tree:add(T, Ifs, [{string, name(K)}]) || K <- lists:seq(1, N)],
+    Valued = [begin
+                  I = arbo_tree:add(T, Ints, {int, K}),
+                  ok = arbo_tree:set_value(T, I, {uint32, K}),
+                  I
+              end || K <- lists:seq(1, N)],
+    %% Lookup keys in a scattered order, as both sides are given them.
+    Order = [K || {_, K} <- lists:sort([{erlang:phash2(K), K} || K <- lists:seq(1, N)])],
+    StrKeys = [arbo_key:encode([{string, name(K)}]) || K <- Order],
+    IntKeys = [{K} || K <- Order],
+    Addr = fun(Ref) -> element(4, Ref) end,
+    IfsA = Addr(Ifs),
+    IntsA = Addr(Ints),
+    Refs = Valued,
+    Addrs = [Addr(R) || R <- Refs],
+    Cases =
+        [{"find (string key, 100k list)",
+          fun() -> [arbo:find_child(T, IfsA, K, 12) || K <- StrKeys] end,
+          fun() -> [arbo_tree:find(T, Ifs, {encoded, K}) || K <- StrKeys] end},
+         {"find (integer key)",
+          fun() -> [arbo:find_child(T, IntsA, K, 10) || K <- IntKeys] end,
+          fun() -> [arbo_tree:find(T, Ints, {int, K}) || {K} <- IntKeys] end},
+         {"next sibling (walk)",
+          fun() -> walk_raw(T, arbo:first_child_nif(T, IfsA, [], 0), 0) end,
+          fun() -> walk_safe(T, arbo_tree:first_child(T, Ifs), 0) end},
+         {"value read",
+          fun() -> [arbo:get_val_raw(T, A) || A <- Addrs] end,
+          fun() -> [arbo_tree:value_raw(T, R) || R <- Refs] end}],
+    [begin
+         {Raw, Safe} = best(Rounds, RawF, SafeF, infinity, infinity),
+         {Name, Raw * 1000 / N, Safe * 1000 / N}
+     end || {Name, RawF, SafeF} <- Cases].
+
+walk_raw(_, 0, C) -> C;
+walk_raw(T, A, C) -> walk_raw(T, arbo:next_sibling_nif(T, A, [], 0), C + 1).
+
+walk_safe(_, none, C) -> C;
+walk_safe(T, R, C) -> walk_safe(T, arbo_tree:next_sibling(T, R), C + 1).
+
+best(0, _, _, Raw, Safe) -> {Raw, Safe};
+best(K, RawF, SafeF, Raw, Safe) ->
+    {R, _} = timer:tc(RawF),
+    {S, _} = timer:tc(SafeF),
+    best(K - 1, RawF, SafeF, min(R, Raw), min(S, Safe)).
