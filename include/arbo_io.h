@@ -143,19 +143,39 @@ int32_t _arbo_nif_io_load(ErlNifEnv* env, arbo_t* table, const char* path, int64
 // Atom text of a load result code; "undefined_error" above 11.
 const char* _arbo_nif_io_load_res_str(uint32_t code);
 
+// Scratch for bytes read from the file: short runs stay in `local` (an
+// allocation per record costs more than the record itself), longer ones go
+// to enif_alloc. Not copyable: `bytes` may point into the object.
+template <size_t N>
+struct read_bytes {
+  unsigned char* bytes = nullptr;
+  unsigned char local[N];
+  read_bytes() = default;
+  read_bytes(const read_bytes&) = delete;
+  read_bytes& operator=(const read_bytes&) = delete;
+  ~read_bytes() { release(); }
+  // Room for n bytes (never a 0-byte allocation); null when refused.
+  unsigned char* reserve(size_t n) {
+    release();
+    bytes = n <= N ? local : static_cast<unsigned char*>(enif_alloc(n + 1));
+    return bytes;
+  }
+  void release() {
+    if (bytes != nullptr && bytes != local) enif_free(bytes);
+    bytes = nullptr;
+  }
+};
+
 // A key decoded from the file: kind is the key form it came from, except
 // that form 3 with type byte 12 decodes as kind 5 (a generic binary key).
-// Binary kinds (4, 5) own `bytes` (enif_alloc), freed by the destructor.
+// Binary kinds (4, 5) own their bytes, released with the key.
 struct decoded_key {
   int kind = -1;
   uint32_t ns = 0;   // namespace, or the type byte of kind 3
   uint32_t tag = 0;  // integer tag or instance key
-  unsigned char* bytes = nullptr;
+  read_bytes<48> buf;
   uint32_t len = 0;
-  decoded_key() = default;
-  decoded_key(const decoded_key&) = delete;
-  decoded_key& operator=(const decoded_key&) = delete;
-  ~decoded_key();
+  const unsigned char* bytes() const { return buf.bytes; }
 };
 
 // The child of `node` with that key: kinds 0..3 by tag and namespace, kinds
@@ -163,10 +183,11 @@ struct decoded_key {
 arbo_node* _arbo_nif_io_find_child(arbo_node* node, const decoded_key* key);
 
 // A csval read from the file: type byte, length prefix and payload as they
-// stood. Owned by the holder; freed by _arbo_nif_val_destroy.
+// stood (len 0: type 0, no value). _arbo_nif_val_destroy releases it.
 struct decoded_val {
-  unsigned char* bytes = nullptr;
+  read_bytes<80> buf;
   size_t len = 0;
+  const unsigned char* bytes() const { return buf.bytes; }
 };
 void _arbo_nif_val_destroy(decoded_val* val);
 

@@ -19,13 +19,8 @@ namespace arbo {
 
 // ---- decoded keys and values ---------------------------------------------------------
 
-decoded_key::~decoded_key() {
-  if (bytes != nullptr) enif_free(bytes);
-}
-
 void _arbo_nif_val_destroy(decoded_val* val) {
-  if (val->bytes != nullptr) enif_free(val->bytes);
-  val->bytes = nullptr;
+  val->buf.release();
   val->len = 0;
 }
 
@@ -38,7 +33,7 @@ arbo_node* _arbo_nif_io_find_child(arbo_node* node, const decoded_key* key) {
     case 4:
     case 5:
       if (node->type() != T_DYN_NODE) return nullptr;
-      return _arbo_nif_find_child_bin(node, key->kind == 4 ? 1 : 0, key->bytes, key->len);
+      return _arbo_nif_find_child_bin(node, key->kind == 4 ? 1 : 0, key->bytes(), key->len);
     default: return nullptr;
   }
 }
@@ -205,18 +200,27 @@ int _load_read(load_state* st, void* dst, size_t n) {
   return 0;
 }
 
-int read_u8(load_state* st, uint8_t* v) { return _load_read(st, v, 1); }
+// Fixed-size fields: straight from the buffer when it holds them.
+inline int read_small(load_state* st, void* dst, size_t n) {
+  if (st->valid - st->pos < n) return _load_read(st, dst, n);
+  std::memcpy(dst, st->buf + st->pos, n);
+  st->pos += static_cast<uint32_t>(n);
+  st->consumed += n;
+  return 1;
+}
+
+int read_u8(load_state* st, uint8_t* v) { return read_small(st, v, 1); }
 
 int read_u16(load_state* st, uint16_t* v) {
   unsigned char b[2];
-  if (!_load_read(st, b, 2)) return 0;
+  if (!read_small(st, b, 2)) return 0;
   *v = static_cast<uint16_t>(b[0] << 8 | b[1]);
   return 1;
 }
 
 int read_u32(load_state* st, uint32_t* v) {
   unsigned char b[4];
-  if (!_load_read(st, b, 4)) return 0;
+  if (!read_small(st, b, 4)) return 0;
   *v = static_cast<uint32_t>(b[0]) << 24 | static_cast<uint32_t>(b[1]) << 16 |
        static_cast<uint32_t>(b[2]) << 8 | b[3];
   return 1;
@@ -229,38 +233,30 @@ int read_u64(load_state* st, uint64_t* v) {
   return 1;
 }
 
-// Room for `len` bytes read from the file, refused ("io") when the file
-// cannot hold that many. `extra` bytes in front are the caller's.
-unsigned char* alloc_for_read(load_state* st, uint64_t extra, uint64_t len) {
-  if (len > st->remaining()) {
-    st->result = LOAD_IO;
-    return nullptr;
-  }
-  void* p = enif_alloc(static_cast<size_t>(extra + len) + 1);  // never 0 bytes
-  ARBO_ASSERT(p != nullptr);
-  return static_cast<unsigned char*>(p);
+// A record asks for `len` more bytes: refused ("io") when the file cannot
+// hold that many, before anything is allocated for them.
+int fits(load_state* st, uint64_t len) {
+  if (len <= st->remaining()) return 1;
+  st->result = LOAD_IO;
+  return 0;
 }
 
 // One csval: the type byte, then a fixed payload or a big-endian length
 // prefix of 1, 2 or 4 bytes and that many bytes. Type 0 is no value.
-int _load_csval(load_state* st, unsigned char** out, size_t* out_len) {
-  *out = nullptr;
-  *out_len = 0;
+int _load_csval(load_state* st, decoded_val* out) {
+  _arbo_nif_val_destroy(out);
   uint8_t type = 0;
   if (!read_u8(st, &type)) return 0;
   if (type == 0) return 1;
   int is_variable = 0, is_nested = 0;
   const int n = _arbo_nif_val_len(type, &is_variable, &is_nested);
   if (!is_variable) {
-    unsigned char* v = alloc_for_read(st, 1, static_cast<uint64_t>(n));
-    if (v == nullptr) return 0;
+    if (!fits(st, static_cast<uint64_t>(n))) return 0;
+    unsigned char* v = out->buf.reserve(1 + static_cast<size_t>(n));
+    ARBO_ASSERT(v != nullptr);
     v[0] = type;
-    if (!_load_read(st, v + 1, static_cast<size_t>(n))) {
-      enif_free(v);
-      return 0;
-    }
-    *out = v;
-    *out_len = 1 + static_cast<size_t>(n);
+    if (!_load_read(st, v + 1, static_cast<size_t>(n))) return 0;
+    out->len = 1 + static_cast<size_t>(n);
     return 1;
   }
   if (n != 1 && n != 2 && n != 4) {
@@ -271,28 +267,16 @@ int _load_csval(load_state* st, unsigned char** out, size_t* out_len) {
   if (!_load_read(st, prefix, static_cast<size_t>(n))) return 0;
   uint64_t len = 0;
   for (int i = 0; i < n; ++i) len = len << 8 | prefix[i];
-  unsigned char* v = alloc_for_read(st, 1 + static_cast<uint64_t>(n), len);
-  if (v == nullptr) return 0;
+  if (!fits(st, len)) return 0;
+  const size_t head = 1 + static_cast<size_t>(n);
+  unsigned char* v = out->buf.reserve(head + static_cast<size_t>(len));
+  ARBO_ASSERT(v != nullptr);
   v[0] = type;
   std::memcpy(v + 1, prefix, static_cast<size_t>(n));
-  if (!_load_read(st, v + 1 + n, static_cast<size_t>(len))) {
-    enif_free(v);
-    return 0;
-  }
-  *out = v;
-  *out_len = 1 + static_cast<size_t>(n) + static_cast<size_t>(len);
+  if (!_load_read(st, v + head, static_cast<size_t>(len))) return 0;
+  out->len = head + static_cast<size_t>(len);
   return 1;
 }
-
-// Frees a csval read from the file on every path.
-struct val_holder {
-  decoded_val v;
-  val_holder() = default;
-  val_holder(const val_holder&) = delete;
-  val_holder& operator=(const val_holder&) = delete;
-  ~val_holder() { _arbo_nif_val_destroy(&v); }
-  int read(load_state* st) { return _load_csval(st, &v.bytes, &v.len); }
-};
 
 // ---- the six key readers, key forms 0..5 ------------------------------------------
 
@@ -317,9 +301,7 @@ int _load_node_path_hkey_int_btuple(load_state* st, decoded_key* k) {
   if (!_load_read(st, b, 5)) return 0;
   if (b[0] == 12) {
     k->kind = 5;
-    k->bytes = static_cast<unsigned char*>(enif_alloc(5));
-    ARBO_ASSERT(k->bytes != nullptr);
-    std::memcpy(k->bytes, b, 5);
+    std::memcpy(k->buf.reserve(5), b, 5);
     k->len = 5;
     return 1;
   }
@@ -332,10 +314,9 @@ int _load_node_path_hkey_int_btuple(load_state* st, decoded_key* k) {
 
 int read_key_bytes(load_state* st, decoded_key* k) {
   uint32_t len = 0;
-  if (!read_u32(st, &len)) return 0;
-  unsigned char* b = alloc_for_read(st, 0, len);
-  if (b == nullptr) return 0;
-  k->bytes = b;
+  if (!read_u32(st, &len) || !fits(st, len)) return 0;
+  unsigned char* b = k->buf.reserve(len);
+  ARBO_ASSERT(b != nullptr);
   k->len = len;
   return _load_read(st, b, len);
 }
@@ -455,7 +436,7 @@ int _load_op_cd(load_state* st, uint8_t form) {
       break;
     case 4:
     case 5:
-      n = _arbo_nif_add_hkey_bin_hinted(st->cur, k.bytes, k.len, &st->ctx, k.kind == 4 ? 6 : 5,
+      n = _arbo_nif_add_hkey_bin_hinted(st->cur, k.bytes(), k.len, &st->ctx, k.kind == 4 ? 6 : 5,
                                         st->hint());
       break;
     default: st->result = LOAD_INVALID_DATA; return 0;
@@ -477,10 +458,11 @@ int _load_op_cd_up(load_state* st, uint8_t) {
 
 int _load_op_insert(load_state* st, uint8_t) {
   if (st->at_root()) return 0;
-  val_holder v;
-  if (!v.read(st)) return 0;
-  if (v.v.len == 0) return 1;  // type 0: no value
-  _arbo_nif_set_val(st->cur, &st->ctx, v.v.bytes, v.v.len, v.v.len < 65 ? 17 : 37);
+  decoded_val v;
+  if (!_load_csval(st, &v)) return 0;
+  if (v.len == 0) return 1;  // type 0: no value
+  _arbo_nif_set_val(st->cur, &st->ctx, v.bytes(), v.len, v.len < 65 ? 17 : 37);
+  _arbo_nif_val_destroy(&v);
   return 1;
 }
 
@@ -499,7 +481,7 @@ int _load_op_delete(load_state* st, uint8_t form) {
         st->result = LOAD_INVALID_NODE_TYPE;
         return 0;
       }
-      _arbo_nif_del_hkey_bin(st->cur, k.kind == 4 ? 1 : 0, k.bytes, k.len, &st->ctx);
+      _arbo_nif_del_hkey_bin(st->cur, k.kind == 4 ? 1 : 0, k.bytes(), k.len, &st->ctx);
       return 1;
     default: st->result = LOAD_INVALID_KEY_TYPE; return 0;
   }
@@ -535,10 +517,13 @@ void capture_value(load_state* st, const unsigned char* bytes, size_t len) {
 }
 
 int insert_bin(load_state* st, uint64_t len, bool capture) {
-  std::unique_ptr<unsigned char, free_deleter> bytes(alloc_for_read(st, 0, len));
-  if (!bytes || !_load_read(st, bytes.get(), static_cast<size_t>(len))) return 0;
-  _arbo_nif_set_val(st->cur, &st->ctx, bytes.get(), static_cast<size_t>(len), 18);
-  if (capture) capture_value(st, bytes.get(), static_cast<size_t>(len));
+  if (!fits(st, len)) return 0;
+  read_bytes<256> buf;
+  unsigned char* bytes = buf.reserve(static_cast<size_t>(len));
+  ARBO_ASSERT(bytes != nullptr);
+  if (!_load_read(st, bytes, static_cast<size_t>(len))) return 0;
+  _arbo_nif_set_val(st->cur, &st->ctx, bytes, static_cast<size_t>(len), 18);
+  if (capture) capture_value(st, bytes, static_cast<size_t>(len));
   return 1;
 }
 
@@ -597,9 +582,10 @@ int _load_op_set_flags16(load_state* st, uint8_t) {
 int _load_op_set_attribute(load_state* st, uint8_t) {
   uint32_t id = 0;
   if (!read_u32(st, &id)) return 0;
-  val_holder v;
-  if (!v.read(st)) return 0;
-  _arbo_nif_attr_set_with_gen(st->cur, id, v.v.bytes, v.v.len, &st->ctx);
+  decoded_val v;
+  if (!_load_csval(st, &v)) return 0;
+  _arbo_nif_attr_set_with_gen(st->cur, id, v.bytes(), v.len, &st->ctx);
+  _arbo_nif_val_destroy(&v);
   return 1;
 }
 
@@ -695,7 +681,7 @@ int _load_op_rename_instance_2(load_state* st, uint8_t form) {
   arbo_node* node = _arbo_nif_io_find_child(st->cur, &k);
   if (node == nullptr) return 1;
   forget_hints(st);
-  _arbo_nif_dn_rename_instance(st->cur, node, nk.kind, nk.bytes, nk.len, nk.ns,
+  _arbo_nif_dn_rename_instance(st->cur, node, nk.kind, nk.bytes(), nk.len, nk.ns,
                                static_cast<int32_t>(nk.tag), &st->ctx);
   return 1;
 }
@@ -723,7 +709,7 @@ void run(load_state* st) {
   }
   for (;;) {
     uint8_t op = 0;
-    if (!_load_read(st, &op, 1)) {
+    if (!read_u8(st, &op)) {
       st->result = LOAD_OK;  // the end of the file
       return;
     }
