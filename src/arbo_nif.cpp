@@ -28,7 +28,9 @@ bool get_arbo_t(ErlNifEnv* env, ERL_NIF_TERM term, arbo_t** table, uint32_t* opt
   void* obj = nullptr;
   unsigned opts = 0;
   if (!enif_get_tuple(env, term, &arity, &el) || arity != 4) return false;
-  if (enif_compare(el[0], am_arbo) != 0) return false;
+  // Atoms are unique immediates: equal exactly when identical. The runtime's
+  // general comparison would compare the atoms' texts on every call.
+  if (el[0] != am_arbo) return false;
   if (!enif_get_resource(env, el[1], arbo_type, &obj)) return false;
   if (!enif_get_uint(env, el[2], &opts)) return false;
   arbo_t* t = static_cast<arbo_t*>(obj);

@@ -1,14 +1,21 @@
 // The filter matcher: or / and / not over path existence, path comparisons
-// (with the resumable instance scan over list nodes) and own-key comparisons.
-// Text forms of values and the string/number comparison live in
-// arbo_nif_node_filter_text.cpp.
-#include <cstdio>
+// (with the resumable instance scan over list nodes) and own-key comparisons,
+// and the stepping loop of filtered walks.
+//
+// A filter term is decoded once per call into a compact form (a Prepared
+// filter) that is then evaluated for every sibling the walk examines. The
+// form keeps the term's meaning exactly: a malformed part becomes a leaf
+// that answers "unsupported" when, and only when, evaluation reaches it;
+// operator 6 becomes a leaf that re-reads its own tuple for ever.
+// The comparisons themselves are in arbo_nif_node_filter_cmp.cpp.
 #include <cstring>
+#include <memory>
+#include <new>
+#include <vector>
 
 #include "arbo_alloc.h"
 #include "arbo_atoms.h"
-#include "arbo_filter.h"
-#include "arbo_keys.h"
+#include "arbo_nif_node_filter.h"
 #include "arbo_store.h"
 
 namespace arbo {
@@ -24,9 +31,30 @@ constexpr int kScanStepLimit = 10;
 
 constexpr int32_t kResultsInitial = 32;  // pairs
 
-// Pending results of the or / and operators whose right operand is being
-// evaluated: pairs (operator, result), created on the first push, freed when
-// the matcher call that owns it returns.
+// Containers of the prepared form take their memory from the runtime.
+template <typename T>
+struct EnifAllocator {
+  using value_type = T;
+  EnifAllocator() = default;
+  template <typename U>
+  EnifAllocator(const EnifAllocator<U>&) {}
+  T* allocate(size_t n) {
+    void* p = enif_alloc(n * sizeof(T));
+    ARBO_ASSERT_MSG(p != nullptr, "filter");
+    return static_cast<T*>(p);
+  }
+  void deallocate(T* p, size_t) { enif_free(p); }
+  template <typename U>
+  bool operator==(const EnifAllocator<U>&) const { return true; }
+};
+template <typename T>
+using EVec = std::vector<T, EnifAllocator<T>>;
+
+// ---- pending results of or / and ----------------------------------------------------
+
+// Pairs (operator, result) of the or / and operators whose right operand is
+// being evaluated; created on the first push, freed when the evaluation
+// that owns it returns.
 struct result_stack {
   int32_t count;
   int32_t capacity;  // pairs
@@ -90,6 +118,8 @@ int unwind_results(result_stack** slot, int r) {
   return r;
 }
 
+// ---- paths --------------------------------------------------------------------------
+
 bool non_empty_list(ErlNifEnv* env, ERL_NIF_TERM t) {
   ERL_NIF_TERM h, tl;
   return enif_get_list_cell(env, t, &h, &tl) != 0;
@@ -132,6 +162,182 @@ arbo_node* find_int_child(arbo_node* parent, uint32_t ns, uint32_t tag) {
   return nullptr;
 }
 
+// One step of a path: an instance of a list node, else a child by (ns, tag).
+arbo_node* path_step(arbo_node* cur, uint32_t ns, uint32_t tag) {
+  if (cur->is_dyn())
+    return cur->child != nullptr ? dn_find(cur, nullptr, 0, static_cast<int32_t>(tag), ns)
+                                 : nullptr;
+  return find_int_child(cur, ns, tag);
+}
+
+// ---- the prepared form --------------------------------------------------------------
+
+enum class Op : uint8_t { kOr, kAnd, kNot, kExists, kPathCmp, kKeyCmp, kStall, kBad };
+
+// A decoded path element; `rest` is the list after it (the remainder when
+// the walk stops at a list node there).
+struct PathElem {
+  uint32_t ns;
+  uint32_t tag;
+  bool ok;
+  ERL_NIF_TERM rest;
+};
+
+struct PathRef {
+  uint32_t first = 0;  // index of the first element in Prepared::elems
+  uint32_t count = 0;  // list cells of the path
+  bool proper = false;  // the path is a proper list
+};
+
+struct FNode {
+  Op op = Op::kBad;
+  uint32_t a = 0, b = 0;  // operands of or / and / not
+  uint32_t cmp_op = 0;
+  int64_t index = -1;
+  uint64_t mask = 0;
+  ERL_NIF_TERM term = 0;  // the tuple itself (operator 6)
+  PathRef path;
+  CmpPattern pat;
+};
+
+struct Prepared {
+  EVec<FNode> nodes;
+  EVec<PathElem> elems;
+  ERL_NIF_TERM nil = 0;
+};
+
+PathRef compile_path(ErlNifEnv* env, ERL_NIF_TERM path, Prepared* pf) {
+  PathRef ref;
+  ref.first = static_cast<uint32_t>(pf->elems.size());
+  ERL_NIF_TERM head, tail;
+  while (enif_get_list_cell(env, path, &head, &tail)) {
+    PathElem e{0, 0, false, tail};
+    e.ok = path_element(env, head, &e.ns, &e.tag);
+    pf->elems.push_back(e);
+    path = tail;
+  }
+  ref.count = static_cast<uint32_t>(pf->elems.size()) - ref.first;
+  ref.proper = enif_is_empty_list(env, path) != 0;
+  return ref;
+}
+
+uint32_t new_node(Prepared* pf) {
+  pf->nodes.emplace_back();
+  return static_cast<uint32_t>(pf->nodes.size() - 1);
+}
+
+// Decodes `term` into the node `at` and, along the chain of right operands,
+// further nodes. Left operands recurse one level deeper.
+void compile(ErlNifEnv* env, ERL_NIF_TERM term, int depth, uint32_t at, Prepared* pf) {
+  for (;;) {
+    int arity = 0;
+    const ERL_NIF_TERM* el = nullptr;
+    int op = 0;
+    if (depth > kMaxFilterDepth || !enif_get_tuple(env, term, &arity, &el) || arity < 1 ||
+        !enif_get_int(env, el[0], &op)) {
+      pf->nodes[at].op = Op::kBad;
+      return;
+    }
+    switch (op) {
+      case 0:
+      case 1: {
+        if (arity != 3) break;
+        const uint32_t a = new_node(pf);
+        compile(env, el[1], depth + 1, a, pf);
+        const uint32_t b = new_node(pf);
+        FNode& f = pf->nodes[at];
+        f.op = op == 0 ? Op::kOr : Op::kAnd;
+        f.a = a;
+        f.b = b;
+        at = b;
+        term = el[2];
+        continue;
+      }
+      case 2: {
+        if (arity != 2) break;
+        const uint32_t a = new_node(pf);
+        compile(env, el[1], depth + 1, a, pf);
+        pf->nodes[at].op = Op::kNot;
+        pf->nodes[at].a = a;
+        return;
+      }
+      case 3:
+      case 5:
+      case 7: {
+        unsigned cmp_op = 0;
+        ErlNifUInt64 mask = 0;
+        if (arity != (op == 7 ? 5 : 4) || !enif_get_uint(env, el[1], &cmp_op) ||
+            (op == 7 && !enif_get_uint64(env, el[4], &mask)))
+          break;
+        const PathRef path = compile_path(env, el[2], pf);
+        FNode& f = pf->nodes[at];
+        f.op = Op::kPathCmp;
+        f.cmp_op = cmp_op;
+        f.mask = mask;
+        f.path = path;
+        prepare_pattern(env, el[3], &f.pat);
+        return;
+      }
+      case 4: {
+        if (arity != 2) break;
+        const PathRef path = compile_path(env, el[1], pf);
+        pf->nodes[at].op = Op::kExists;
+        pf->nodes[at].path = path;
+        return;
+      }
+      case 6:
+        pf->nodes[at].op = Op::kStall;
+        pf->nodes[at].term = term;
+        return;
+      case 101:
+      case 102: {
+        unsigned cmp_op = 0, index = 0;
+        if (arity != 4 || !enif_get_uint(env, el[1], &cmp_op) || !enif_get_uint(env, el[2], &index))
+          break;
+        FNode& f = pf->nodes[at];
+        f.op = Op::kKeyCmp;
+        f.cmp_op = cmp_op;
+        f.index = index;
+        prepare_pattern(env, el[3], &f.pat);
+        return;
+      }
+      default:
+        break;
+    }
+    pf->nodes[at].op = Op::kBad;
+    return;
+  }
+}
+
+void prepare(ErlNifEnv* env, ERL_NIF_TERM filter, Prepared* pf) {
+  pf->nil = enif_make_list(env, 0);
+  compile(env, filter, 0, new_node(pf), pf);
+}
+
+// Resolves a prepared path from `node`; as find_node. *rest is the remainder
+// when the walk stopped at a list node with elements to spare.
+arbo_node* find_prepared(arbo_node* node, const Prepared& pf, const PathRef& path, bool* has_rest,
+                         ERL_NIF_TERM* rest) {
+  *has_rest = false;
+  *rest = pf.nil;
+  if (node == nullptr) return nullptr;
+  arbo_node* cur = node;
+  for (uint32_t i = 0; i < path.count; ++i) {
+    const PathElem& e = pf.elems[path.first + i];
+    if (!e.ok) return nullptr;
+    cur = path_step(cur, e.ns, e.tag);
+    if (cur == nullptr) return nullptr;
+    if (cur->is_dyn() && i + 1 < path.count) {
+      *has_rest = true;
+      *rest = e.rest;
+      return cur;
+    }
+  }
+  return cur;
+}
+
+// ---- evaluation ---------------------------------------------------------------------
+
 // Pops entries until one holds a node; false when the stack ran out.
 bool pop_to_node(node_stack* stack, arbo_node** cur, ERL_NIF_TERM* path) {
   while (stack->pos >= 0) {
@@ -146,19 +352,12 @@ bool pop_to_node(node_stack* stack, arbo_node** cur, ERL_NIF_TERM* path) {
   return false;
 }
 
-struct PathCmp {
-  int match_flag;
-  uint32_t cmp_op;
-  ERL_NIF_TERM value;
-  uint64_t mask;
-};
-
 // Scans the instances below list node `dn` (and lists nested below them) for
 // one whose node at `path` compares 1. The node stack is the backtrack
 // stack; after kScanStepLimit + 1 steps the place to go on from is pushed
 // and the scan answers kMatchYield.
-int instance_scan(arbo_node* dn, ERL_NIF_TERM path, const PathCmp& pc, ErlNifEnv* env,
-                  node_stack* stack) {
+int instance_scan(arbo_node* dn, ERL_NIF_TERM path, const FNode& f, int match_flag,
+                  ErlNifEnv* env, node_stack* stack) {
   ARBO_ASSERT(stack);
   arbo_node* cur = dn;
   for (int step = 0;; ++step) {
@@ -180,7 +379,7 @@ int instance_scan(arbo_node* dn, ERL_NIF_TERM path, const PathCmp& pc, ErlNifEnv
         path = rest;
         cur = found;
         descended = true;
-      } else if (filter_cmp(found, pc.match_flag, pc.cmp_op, env, pc.value, -1, pc.mask) ==
+      } else if (filter_cmp_prepared(found, match_flag, f.cmp_op, env, f.pat, -1, f.mask) ==
                  kMatchFull) {
         return kMatchFull;
       }
@@ -199,214 +398,87 @@ int instance_scan(arbo_node* dn, ERL_NIF_TERM path, const PathCmp& pc, ErlNifEnv
 // {3|5, CmpOp, Path, Value} and {7, CmpOp, Path, Value, Mask}. A stack with
 // two entries or more means a scan is being resumed: its top says where.
 // A single entry does not count; that threshold is part of the contract.
-int path_compare(arbo_node* node, ERL_NIF_TERM path, const PathCmp& pc, ErlNifEnv* env,
-                 node_stack* stack) {
+int path_compare(arbo_node* node, const FNode& f, const Prepared& pf, int match_flag,
+                 ErlNifEnv* env, node_stack* stack) {
   arbo_node* reached;
   ERL_NIF_TERM rest;
-  if (stack != nullptr && stack->pos > 0) reached = node_stack_pop(stack, &rest);
-  else reached = find_node(node, env, path, &rest);
-  if (reached != nullptr && reached->is_dyn() && get_rest_length(env, rest) > 0)
-    return instance_scan(reached, rest, pc, env, stack);
-  return filter_cmp(reached, pc.match_flag, pc.cmp_op, env, pc.value, -1, pc.mask);
+  bool scan;
+  if (stack != nullptr && stack->pos > 0) {
+    reached = node_stack_pop(stack, &rest);
+    scan = reached != nullptr && reached->is_dyn() && get_rest_length(env, rest) > 0;
+  } else {
+    bool has_rest = false;
+    reached = find_prepared(node, pf, f.path, &has_rest, &rest);
+    scan = has_rest && f.path.proper;
+  }
+  if (scan) return instance_scan(reached, rest, f, match_flag, env, stack);
+  return filter_cmp_prepared(reached, match_flag, f.cmp_op, env, f.pat, -1, f.mask);
 }
 
-int match(arbo_node* node, int match_flag, ErlNifEnv* env, ERL_NIF_TERM filter,
-          node_stack* stack, int depth) {
-  if (depth > kMaxFilterDepth) return kMatchUnsupported;
+// Operator 6 takes up the very same tuple again, reads its operator anew,
+// and so on for ever: the established behaviour of that operator.
+[[noreturn]] void stall(ErlNifEnv* env, ERL_NIF_TERM term) {
+  for (;;) {
+    int arity = 0;
+    const ERL_NIF_TERM* el = nullptr;
+    int op = 0;
+    if (enif_get_tuple(env, term, &arity, &el) && arity >= 1) (void)enif_get_int(env, el[0], &op);
+  }
+}
+
+int eval(const Prepared& pf, uint32_t at, arbo_node* node, int match_flag, ErlNifEnv* env,
+         node_stack* stack) {
   PendingResults pending;
   result_stack** rs = pending.slot();
   // The right operands of or / and continue in this loop; only left operands
   // (and not) recurse.
   for (;;) {
-    int arity = 0;
-    const ERL_NIF_TERM* el = nullptr;
-    int op = 0;
-    if (!enif_get_tuple(env, filter, &arity, &el) || arity < 1 || !enif_get_int(env, el[0], &op))
-      return unwind_results(rs, kMatchUnsupported);
-    switch (op) {
-      case 0: {  // or
-        if (arity != 3) return unwind_results(rs, kMatchUnsupported);
-        const int r = match(node, match_flag, env, el[1], stack, depth + 1);
+    const FNode& f = pf.nodes[at];
+    switch (f.op) {
+      case Op::kOr: {
+        const int r = eval(pf, f.a, node, match_flag, env, stack);
         if (match_flag == 0 && r != kMatchNone) return unwind_results(rs, r);
         if (r == kMatchFull) return unwind_results(rs, kMatchFull);
         push_result(rs, 0, r);
-        filter = el[2];
+        at = f.b;
         continue;
       }
-      case 1: {  // and
-        if (arity != 3) return unwind_results(rs, kMatchUnsupported);
-        const int r = match(node, match_flag, env, el[1], stack, depth + 1);
+      case Op::kAnd: {
+        const int r = eval(pf, f.a, node, match_flag, env, stack);
         if (r == kMatchNone) return unwind_results(rs, kMatchNone);
         push_result(rs, 1, r);
-        filter = el[2];
+        at = f.b;
         continue;
       }
-      case 2: {  // not
-        if (arity != 2) return unwind_results(rs, kMatchUnsupported);
-        int r = match(node, match_flag, env, el[1], stack, depth + 1);
+      case Op::kNot: {
+        int r = eval(pf, f.a, node, match_flag, env, stack);
         if (r == kMatchFull) r = kMatchNone;
         else if (r == kMatchNone) r = kMatchFull;
         return unwind_results(rs, r);
       }
-      case 3:
-      case 5:
-      case 7: {  // compare the node at a path
-        unsigned cmp_op = 0;
-        ErlNifUInt64 mask = 0;
-        if (arity != (op == 7 ? 5 : 4) || !enif_get_uint(env, el[1], &cmp_op) ||
-            (op == 7 && !enif_get_uint64(env, el[4], &mask)))
-          return unwind_results(rs, kMatchUnsupported);
-        const PathCmp pc{match_flag, cmp_op, el[3], mask};
-        return unwind_results(rs, path_compare(node, el[2], pc, env, stack));
-      }
-      case 4: {  // a node exists at a path
-        if (arity != 2) return unwind_results(rs, kMatchUnsupported);
+      case Op::kExists: {
+        bool has_rest = false;
         ERL_NIF_TERM rest;
-        arbo_node* found = find_node(node, env, el[1], &rest);
+        const arbo_node* found = find_prepared(node, pf, f.path, &has_rest, &rest);
         int r;
-        if (found != nullptr) r = non_empty_list(env, rest) ? kMatchMissing : kMatchFull;
+        if (found != nullptr) r = has_rest ? kMatchMissing : kMatchFull;
         else r = match_flag == 0 ? kMatchNone : kMatchMissing;
         return unwind_results(rs, r);
       }
-      case 6:
-        // Takes up the very same tuple again, for ever: the established
-        // behaviour of this operator, kept as it is.
-        continue;
-      case 101:
-      case 102: {  // compare an element of the node's own key
-        unsigned cmp_op = 0, index = 0;
-        if (arity != 4 || !enif_get_uint(env, el[1], &cmp_op) || !enif_get_uint(env, el[2], &index))
-          return unwind_results(rs, kMatchUnsupported);
-        return unwind_results(rs, filter_cmp(node, match_flag, cmp_op, env, el[3], index, 0));
-      }
-      default:
+      case Op::kPathCmp:
+        return unwind_results(rs, path_compare(node, f, pf, match_flag, env, stack));
+      case Op::kKeyCmp:
+        return unwind_results(
+            rs, filter_cmp_prepared(node, match_flag, f.cmp_op, env, f.pat, f.index, 0));
+      case Op::kStall:
+        stall(env, f.term);
+      case Op::kBad:
         return unwind_results(rs, kMatchUnsupported);
     }
   }
 }
 
-// ---- one comparison ------------------------------------------------------------------
-
-constexpr int32_t kNoValue = -2;  // nothing to compare: no match
-constexpr int32_t kNoText = -1;   // a value or key element without a text form
-
-// Text scratch of max(64, pattern length) + 1 bytes: inline when it can be.
-class TextBuf {
- public:
-  explicit TextBuf(size_t pattern_len) {
-    size_ = static_cast<int32_t>((pattern_len > 64 ? pattern_len : 64) + 1);
-    if (static_cast<size_t>(size_) > sizeof small_) {
-      heap_ = static_cast<char*>(enif_alloc(static_cast<size_t>(size_)));
-      ARBO_ASSERT_MSG(heap_ != nullptr, "text");
-    }
-    data()[0] = '\0';
-  }
-  ~TextBuf() { enif_free(heap_); }
-  TextBuf(const TextBuf&) = delete;
-  TextBuf& operator=(const TextBuf&) = delete;
-  char* data() { return heap_ != nullptr ? heap_ : small_; }
-  int32_t size() const { return size_; }
-
- private:
-  char small_[65];
-  char* heap_ = nullptr;
-  int32_t size_;
-};
-
-int32_t raw_text(TextBuf& buf, const unsigned char* bytes, size_t len) {
-  const size_t n = len < static_cast<size_t>(buf.size() - 1) ? len : buf.size() - 1;
-  if (n > 0) std::memcpy(buf.data(), bytes, n);
-  buf.data()[n] = '\0';
-  return static_cast<int32_t>(n);
-}
-
-int32_t element_text(TextBuf& buf, const unsigned char* e, size_t avail) {
-  if (text_element_len(e, avail) == 0) return kNoText;
-  return _arbo_nif_fmt_cs_val(e, buf.data(), buf.size());
-}
-
-// The node's value as text: encoded values through their element's text
-// form, plain binaries as their bytes.
-int32_t value_text(const arbo_node* node, TextBuf& buf) {
-  if (!node->is_gen() || node->has(F_KEY_IS_BIN)) return kNoValue;
-  bin_ref ref{0, nullptr};
-  switch (_arbo_nif_fetch_bin_value(node, &ref)) {
-    case 1: return ref.len == 0 ? kNoValue : element_text(buf, ref.ptr, ref.len);
-    case 2: return raw_text(buf, ref.ptr, ref.len);
-    default: return kNoValue;
-  }
-}
-
-// Element `index` of the node's key as text; an integer key as "%d".
-int32_t key_text(const arbo_node* node, uint32_t index, TextBuf& buf) {
-  if (!node->has(F_KEY_IS_BIN)) {
-    const int n = std::snprintf(buf.data(), static_cast<size_t>(buf.size()), "%d",
-                                static_cast<int32_t>(node->hkey()));
-    return n < buf.size() ? n : buf.size() - 1;
-  }
-  const key_bytes kb = node_key_bytes(node);
-  const int single = node->has(F_KEY_IS_TUPLE) ? 1 : 0;
-  const unsigned char* p = kb.ptr;
-  int32_t left = kb.len;
-  for (uint32_t i = 0;; ++i) {
-    if (left <= 0) return kNoValue;  // the key has fewer elements
-    int32_t hdr = 0, payload = 0;
-    int type = 0, varlen = 0;
-    get_tuple_key(single, p, left, &hdr, &payload, &type, &varlen);
-    if (i == index) {
-      // An opaque element (a whole single key, or an opaque rest) is its bytes.
-      if (type == 204) return raw_text(buf, p + hdr, static_cast<size_t>(payload));
-      return element_text(buf, p, static_cast<size_t>(hdr) + static_cast<size_t>(payload));
-    }
-    p += hdr + payload;
-    left -= hdr + payload;
-  }
-}
-
-bool holds_value(const arbo_node* node) {
-  if (!node->is_gen() || node->has(F_KEY_IS_BIN)) return false;
-  return node->has(F_VAL_IS_BIN) || as_gen(node)->small_len != 0;
-}
-
 }  // namespace
-
-int filter_cmp(arbo_node* node, int match_flag, uint32_t cmp_op, ErlNifEnv* env,
-               ERL_NIF_TERM value, int64_t index, uint64_t mask) {
-  switch (cmp_op) {
-    case 1000:    // every bit of the mask is set
-    case 1001: {  // no bit of the mask is set
-      ErlNifUInt64 m = 0;
-      if (!enif_get_uint64(env, value, &m)) return kMatchUnsupported;
-      if (node == nullptr) return cmp_op == 1000 ? kMatchNone : kMatchFull;
-      const uint64_t f = _arbo_nif_get_flags(env, node);
-      return (cmp_op == 1000 ? (f & m) == m : (f & m) == 0) ? kMatchFull : kMatchNone;
-    }
-    case 1003: {  // the flags under the operator's mask equal the value
-      ErlNifUInt64 want = 0;
-      if (!enif_get_uint64(env, value, &want)) return kMatchUnsupported;
-      if (node == nullptr) return kMatchNone;
-      return (_arbo_nif_get_flags(env, node) & mask) == want ? kMatchFull : kMatchNone;
-    }
-    default:
-      break;
-  }
-  if (node == nullptr) return match_flag != 0 ? kMatchMissing : kMatchNone;
-  if (cmp_op == 1002) return holds_value(node) ? kMatchFull : kMatchNone;
-  if (cmp_op == 9 || cmp_op == 10) return kMatchUnsupported;
-  ErlNifBinary pattern;
-  if (!enif_inspect_binary(env, value, &pattern)) return kMatchUnsupported;
-  TextBuf buf(pattern.size);
-  const int32_t len =
-      index < 0 ? value_text(node, buf) : key_text(node, static_cast<uint32_t>(index), buf);
-  if (len == kNoValue) return kMatchNone;
-  if (len == kNoText) return kMatchUnsupported;
-  int r = filter_cmp_str(cmp_op, buf.data(), len, reinterpret_cast<const char*>(pattern.data),
-                         static_cast<int32_t>(pattern.size));
-  // A text that fills the buffer may have been cut: a match is then only
-  // "missing", not "full".
-  if (r == kMatchFull && len >= buf.size() - 1) r = kMatchMissing;
-  return r;
-}
 
 uint32_t get_rest_length(ErlNifEnv* env, ERL_NIF_TERM list) {
   unsigned len = 0;
@@ -422,13 +494,7 @@ arbo_node* find_node(arbo_node* node, ErlNifEnv* env, ERL_NIF_TERM path,
   while (enif_get_list_cell(env, path, &head, &tail)) {
     uint32_t ns = 0, tag = 0;
     if (!path_element(env, head, &ns, &tag)) return nullptr;
-    if (cur->is_dyn()) {
-      cur = cur->child != nullptr
-                ? dn_find(cur, nullptr, 0, static_cast<int32_t>(tag), ns)
-                : nullptr;
-    } else {
-      cur = find_int_child(cur, ns, tag);
-    }
+    cur = path_step(cur, ns, tag);
     if (cur == nullptr) return nullptr;
     path = tail;
     if (cur->is_dyn() && non_empty_list(env, path)) {
@@ -441,7 +507,9 @@ arbo_node* find_node(arbo_node* node, ErlNifEnv* env, ERL_NIF_TERM path,
 
 int _arbo_nif_match_filter(arbo_node* node, int match_flag, ErlNifEnv* env, ERL_NIF_TERM filter,
                            node_stack* stack) {
-  return match(node, match_flag, env, filter, stack, 0);
+  Prepared pf;
+  prepare(env, filter, &pf);
+  return eval(pf, 0, node, match_flag, env, stack);
 }
 
 // ---- filtered stepping ----------------------------------------------------------------
@@ -468,6 +536,9 @@ ERL_NIF_TERM filter_match_next(ErlNifEnv* env, arbo_node* start, int match_flag,
                                ERL_NIF_TERM filter, node_stack* stack) {
   if (start == nullptr) return enif_make_int(env, 0);
   const bool filtered = enif_is_tuple(env, filter);
+  // Decoded once for all the siblings this call examines.
+  Prepared pf;
+  if (filtered) prepare(env, filter, &pf);
   arbo_node* n = start;
   for (int examined = 0;; ++examined) {
     if (options & kOptHideInactive) {
@@ -477,7 +548,7 @@ ERL_NIF_TERM filter_match_next(ErlNifEnv* env, arbo_node* start, int match_flag,
       }
     }
     if (!filtered) return answer(env, n, match_flag, kMatchFull);
-    const int r = _arbo_nif_match_filter(n, match_flag, env, filter, stack);
+    const int r = eval(pf, 0, n, match_flag, env, stack);
     if (r == kMatchYield) return yield(env, stack, n);
     if (r != kMatchNone) return answer(env, n, match_flag, r);
     // The node that did not match is handed back: resumption starts at it.

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "arbo_filter.h"
+#include "arbo_nif_node_filter.h"
 
 namespace arbo {
 
@@ -126,32 +127,81 @@ int32_t _arbo_nif_fmt_cs_val(const unsigned char* e, char* dst, int32_t cap) {
   }
 }
 
-int filter_cmp_str(uint32_t cmp_op, const char* text, int32_t text_len, const char* pattern,
-                   int32_t pattern_len) {
+void parse_pattern_numbers(CmpPattern* p) {
+  CString pat(p->bytes, p->len);
+  p->ll_ok = parse_ll(pat.str(), pat.len(), &p->ll);
+  p->d_ok = parse_d(pat.str(), pat.len(), &p->d);
+}
+
+int cmp_text_prepared(uint32_t cmp_op, const char* text, int32_t text_len, const CmpPattern& p) {
   switch (cmp_op) {
     case 1:
     case 2: {
-      const bool same = text_len == pattern_len &&
-                        (text_len <= 0 || std::memcmp(text, pattern, text_len) == 0);
+      const bool same =
+          text_len == p.len && (text_len <= 0 || std::memcmp(text, p.bytes, text_len) == 0);
       return (cmp_op == 1) == same ? 1 : 0;
     }
     case 3:
     case 4:
     case 5:
     case 6: {
-      CString pat(pattern, pattern_len);
       const size_t tlen = text_len > 0 ? static_cast<size_t>(text_len) : 0;
-      long long a = 0, b = 0;
-      if (parse_ll(text, tlen, &a) && parse_ll(pat.str(), pat.len(), &b))
-        return ordered(cmp_op, a, b);
-      double x = 0, y = 0;
-      if (!parse_d(text, tlen, &x) || !parse_d(pat.str(), pat.len(), &y))
-        return kMatchUnsupported;
-      return ordered(cmp_op, x, y);
+      long long a = 0;
+      if (p.ll_ok && parse_ll(text, tlen, &a)) return ordered(cmp_op, a, p.ll);
+      double x = 0;
+      if (!parse_d(text, tlen, &x) || !p.d_ok) return kMatchUnsupported;
+      return ordered(cmp_op, x, p.d);
     }
     default:
       ARBO_ASSERT_MSG(false, "0");
   }
+}
+
+// The decimal text of an integer always reads back whole: as the same
+// integer when it fits in 64 signed bits, else as its nearest double. So
+// the text need not be written for an ordering, only for an equality.
+int cmp_int_prepared(uint32_t cmp_op, bool negative, uint64_t mag, const CmpPattern& p) {
+  switch (cmp_op) {
+    case 1:
+    case 2: {
+      char digits[24];
+      char* end = digits + sizeof digits;
+      char* q = end;
+      uint64_t m = mag;
+      do {
+        *--q = static_cast<char>('0' + m % 10);
+        m /= 10;
+      } while (m != 0);
+      if (negative) *--q = '-';
+      return cmp_text_prepared(cmp_op, q, static_cast<int32_t>(end - q), p);
+    }
+    case 3:
+    case 4:
+    case 5:
+    case 6: {
+      constexpr uint64_t kMaxPos = static_cast<uint64_t>(LLONG_MAX);
+      const bool fits = negative ? mag <= kMaxPos + 1 : mag <= kMaxPos;
+      if (fits && p.ll_ok) {
+        const long long v = negative ? static_cast<long long>(0 - mag) : static_cast<long long>(mag);
+        return ordered(cmp_op, v, p.ll);
+      }
+      if (!p.d_ok) return kMatchUnsupported;
+      const double x = negative ? -static_cast<double>(mag) : static_cast<double>(mag);
+      return ordered(cmp_op, x, p.d);
+    }
+    default:
+      ARBO_ASSERT_MSG(false, "0");
+  }
+}
+
+int filter_cmp_str(uint32_t cmp_op, const char* text, int32_t text_len, const char* pattern,
+                   int32_t pattern_len) {
+  CmpPattern p;
+  p.is_binary = true;
+  p.bytes = pattern;
+  p.len = pattern_len;
+  if (cmp_op >= 3 && cmp_op <= 6) parse_pattern_numbers(&p);
+  return cmp_text_prepared(cmp_op, text, text_len, p);
 }
 
 // Length of a well-formed element of a type that has a text form, or 0 when

@@ -3,9 +3,12 @@
 // tested by the EUnit suites (test/filter_tests.erl).
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <cstring>
+#include <random>
 #include <string>
 
+#include "../src/arbo_nif_node_filter.h"
 #include "arbo_filter.h"
 #include "enif_shim.h"
 
@@ -143,4 +146,38 @@ TEST(NodeStack, GrowsByTwoAndPopsTopFirst) {
   EXPECT_EQ(f, 5u);
   EXPECT_EQ(s->pos, -1);
   node_stack_clear(s);
+}
+
+// Integers skip their text: the shortcut must answer what the text would.
+TEST(FilterText, IntegersAnswerAsTheirText) {
+  const char* patterns[] = {"0", "-0", "7", "+7", " 7", "-7", "10", "9.5", "-2.5", "1e3", "abc",
+                            "", "7x", "9223372036854775807", "9223372036854775808",
+                            "-9223372036854775808", "-9223372036854775809",
+                            "18446744073709551615", "18446744073709551616", "1e19", "-1e19"};
+  std::mt19937_64 rng(12345);
+  std::vector<std::pair<bool, uint64_t>> values = {
+      {false, 0}, {false, 7}, {true, 7}, {false, 10}, {false, 9}, {false, 1000},
+      {false, static_cast<uint64_t>(LLONG_MAX)}, {false, static_cast<uint64_t>(LLONG_MAX) + 1},
+      {true, static_cast<uint64_t>(LLONG_MAX) + 1}, {false, ULLONG_MAX},
+      {false, 10000000000000000000ull}};
+  for (int i = 0; i < 300; ++i) {
+    const uint64_t bits = rng();
+    values.push_back({(bits & 1) != 0, bits >> (rng() % 64)});
+  }
+  for (const auto& [negative, mag] : values) {
+    if (negative && mag == 0) continue;  // no "-0" text is ever written
+    const std::string text = (negative ? "-" : "") + std::to_string(mag);
+    for (const char* pattern : patterns) {
+      CmpPattern p;
+      p.is_binary = true;
+      p.bytes = pattern;
+      p.len = static_cast<int32_t>(std::strlen(pattern));
+      parse_pattern_numbers(&p);
+      for (uint32_t op = 1; op <= 6; ++op)
+        EXPECT_EQ(cmp_int_prepared(op, negative, mag, p), cmp_str(op, text, pattern))
+            << text << " op " << op << " '" << pattern << "'";
+    }
+  }
+  CmpPattern p;
+  EXPECT_DEATH(cmp_int_prepared(7, false, 1, p), "Assertion `0' failed");
 }

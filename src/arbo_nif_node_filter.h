@@ -1,0 +1,48 @@
+// Private to the filter sources (arbo_nif_node_filter*.cpp): a comparison's
+// Value decoded once per walk, and the comparison that uses it.
+//
+// Contract
+// - A CmpPattern points into the Value binary of the running call's
+//   environment; it lives no longer than that call.
+// - filter_cmp_prepared answers exactly what filter_cmp answers for the same
+//   Value term (filter_cmp is a thin wrapper around it).
+#ifndef ARBO_NIF_NODE_FILTER_H
+#define ARBO_NIF_NODE_FILTER_H
+
+#include <erl_nif.h>
+
+#include <cstdint>
+
+#include "arbo_filter.h"
+
+namespace arbo {
+
+struct CmpPattern {
+  bool is_uint = false;  // Value decodes as an unsigned 64-bit integer
+  uint64_t u = 0;
+  bool is_binary = false;  // Value is a binary: the text pattern
+  const char* bytes = nullptr;
+  int32_t len = 0;
+  bool ll_ok = false;  // the pattern read whole as a base-10 integer
+  long long ll = 0;
+  bool d_ok = false;  // the pattern read whole as a double
+  double d = 0;
+};
+
+// Decodes Value for every kind of comparison (mask, or text pattern with its
+// numeric readings).
+void prepare_pattern(ErlNifEnv* env, ERL_NIF_TERM value, CmpPattern* out);
+// The numeric readings of a text pattern (bytes/len already set).
+void parse_pattern_numbers(CmpPattern* p);
+// filter_cmp_str against a prepared pattern.
+int cmp_text_prepared(uint32_t cmp_op, const char* text, int32_t text_len, const CmpPattern& p);
+// The same comparison for a text that is the decimal form of an integer
+// (negative when `negative`, magnitude `mag`), without writing the text.
+int cmp_int_prepared(uint32_t cmp_op, bool negative, uint64_t mag, const CmpPattern& p);
+// filter_cmp with Value prepared.
+int filter_cmp_prepared(arbo_node* node, int match_flag, uint32_t cmp_op, ErlNifEnv* env,
+                        const CmpPattern& p, int64_t index, uint64_t mask);
+
+}  // namespace arbo
+
+#endif  // ARBO_NIF_NODE_FILTER_H

@@ -1,0 +1,211 @@
+// One filter comparison: a node (its user flags, whether it holds a value,
+// its value or an element of its key) against the comparison's Value.
+//
+// Values and key elements compare as text (filter_cmp_str); integer
+// elements take a shortcut that gives the same answers without writing and
+// re-reading their text.
+#include <cstdio>
+#include <cstring>
+
+#include "arbo_alloc.h"
+#include "arbo_keys.h"
+#include "arbo_nif_node_filter.h"
+#include "arbo_store.h"
+
+namespace arbo {
+
+namespace {
+
+// Text scratch of max(64, pattern length) + 1 bytes: inline when it can be.
+class TextBuf {
+ public:
+  explicit TextBuf(size_t pattern_len) {
+    size_ = static_cast<int32_t>((pattern_len > 64 ? pattern_len : 64) + 1);
+    if (static_cast<size_t>(size_) > sizeof small_) {
+      heap_ = static_cast<char*>(enif_alloc(static_cast<size_t>(size_)));
+      ARBO_ASSERT_MSG(heap_ != nullptr, "text");
+    }
+    data()[0] = '\0';
+  }
+  ~TextBuf() { enif_free(heap_); }
+  TextBuf(const TextBuf&) = delete;
+  TextBuf& operator=(const TextBuf&) = delete;
+  char* data() { return heap_ != nullptr ? heap_ : small_; }
+  int32_t size() const { return size_; }
+
+ private:
+  char small_[65];
+  char* heap_ = nullptr;
+  int32_t size_;
+};
+
+// What a comparison looks at: nothing, something without a text form, an
+// integer, raw bytes (plain binary values, opaque key elements) or an
+// encoded element (type byte first, bounds checked).
+struct Subject {
+  enum Kind { kNone, kNoText, kInt, kRaw, kElement } kind = kNone;
+  bool negative = false;
+  uint64_t mag = 0;
+  const unsigned char* bytes = nullptr;
+  size_t len = 0;
+};
+
+uint64_t be(const unsigned char* p, int n) {
+  uint64_t v = 0;
+  for (int i = 0; i < n; ++i) v = (v << 8) | p[i];
+  return v;
+}
+
+Subject signed_int(int64_t v) {
+  Subject s;
+  s.kind = Subject::kInt;
+  s.negative = v < 0;
+  s.mag = v < 0 ? 0 - static_cast<uint64_t>(v) : static_cast<uint64_t>(v);
+  return s;
+}
+
+Subject unsigned_int(uint64_t v) {
+  Subject s;
+  s.kind = Subject::kInt;
+  s.mag = v;
+  return s;
+}
+
+// An encoded element that lies within `avail` bytes.
+Subject element(const unsigned char* e, size_t avail) {
+  const size_t n = text_element_len(e, avail);
+  if (n == 0) return Subject{Subject::kNoText};
+  const unsigned char* p = e + 1;
+  switch (e[0]) {
+    case 6: return signed_int(static_cast<int8_t>(p[0]));
+    case 7: return signed_int(static_cast<int16_t>(be(p, 2)));
+    case 8: return signed_int(static_cast<int32_t>(be(p, 4)));
+    case 9: return signed_int(static_cast<int64_t>(be(p, 8)));
+    case 10: return unsigned_int(p[0]);
+    case 11: return unsigned_int(be(p, 2));
+    case 12: return unsigned_int(be(p, 4));
+    case 13: return unsigned_int(be(p, 8));
+    default: {
+      Subject s{Subject::kElement};
+      s.bytes = e;
+      s.len = n;
+      return s;
+    }
+  }
+}
+
+Subject raw(const unsigned char* bytes, size_t len) {
+  Subject s{Subject::kRaw};
+  s.bytes = bytes;
+  s.len = len;
+  return s;
+}
+
+// The node's value: encoded values by their element, plain binaries as
+// their bytes.
+Subject value_subject(const arbo_node* node) {
+  if (!node->is_gen() || node->has(F_KEY_IS_BIN)) return Subject{};
+  bin_ref ref{0, nullptr};
+  switch (_arbo_nif_fetch_bin_value(node, &ref)) {
+    case 1: return ref.len == 0 ? Subject{} : element(ref.ptr, ref.len);
+    case 2: return raw(ref.ptr, ref.len);
+    default: return Subject{};
+  }
+}
+
+// Element `index` of the node's key; an integer key is the signed tag.
+Subject key_subject(const arbo_node* node, uint32_t index) {
+  if (!node->has(F_KEY_IS_BIN)) return signed_int(static_cast<int32_t>(node->hkey()));
+  const key_bytes kb = node_key_bytes(node);
+  const int single = node->has(F_KEY_IS_TUPLE) ? 1 : 0;
+  const unsigned char* p = kb.ptr;
+  int32_t left = kb.len;
+  for (uint32_t i = 0;; ++i) {
+    if (left <= 0) return Subject{};  // the key has fewer elements
+    int32_t hdr = 0, payload = 0;
+    int type = 0, varlen = 0;
+    get_tuple_key(single, p, left, &hdr, &payload, &type, &varlen);
+    if (i == index) {
+      // An opaque element (a whole single key, or an opaque rest) is its bytes.
+      if (type == 204) return raw(p + hdr, static_cast<size_t>(payload));
+      return element(p, static_cast<size_t>(hdr) + static_cast<size_t>(payload));
+    }
+    p += hdr + payload;
+    left -= hdr + payload;
+  }
+}
+
+bool holds_value(const arbo_node* node) {
+  if (!node->is_gen() || node->has(F_KEY_IS_BIN)) return false;
+  return node->has(F_VAL_IS_BIN) || as_gen(node)->small_len != 0;
+}
+
+}  // namespace
+
+void prepare_pattern(ErlNifEnv* env, ERL_NIF_TERM value, CmpPattern* p) {
+  *p = CmpPattern{};
+  ErlNifUInt64 u = 0;
+  if (enif_get_uint64(env, value, &u)) {
+    p->is_uint = true;
+    p->u = u;
+  }
+  ErlNifBinary bin;
+  if (enif_inspect_binary(env, value, &bin)) {
+    p->is_binary = true;
+    p->bytes = reinterpret_cast<const char*>(bin.data);
+    p->len = static_cast<int32_t>(bin.size);
+    parse_pattern_numbers(p);
+  }
+}
+
+int filter_cmp_prepared(arbo_node* node, int match_flag, uint32_t cmp_op, ErlNifEnv* env,
+                        const CmpPattern& p, int64_t index, uint64_t mask) {
+  switch (cmp_op) {
+    case 1000:    // every bit of the mask is set
+    case 1001: {  // no bit of the mask is set
+      if (!p.is_uint) return kMatchUnsupported;
+      if (node == nullptr) return cmp_op == 1000 ? kMatchNone : kMatchFull;
+      const uint64_t f = _arbo_nif_get_flags(env, node);
+      return (cmp_op == 1000 ? (f & p.u) == p.u : (f & p.u) == 0) ? kMatchFull : kMatchNone;
+    }
+    case 1003:  // the flags under the operator's mask equal the value
+      if (!p.is_uint) return kMatchUnsupported;
+      if (node == nullptr) return kMatchNone;
+      return (_arbo_nif_get_flags(env, node) & mask) == p.u ? kMatchFull : kMatchNone;
+    default:
+      break;
+  }
+  if (node == nullptr) return match_flag != 0 ? kMatchMissing : kMatchNone;
+  if (cmp_op == 1002) return holds_value(node) ? kMatchFull : kMatchNone;
+  if (cmp_op == 9 || cmp_op == 10) return kMatchUnsupported;
+  if (!p.is_binary) return kMatchUnsupported;
+  const Subject s = index < 0 ? value_subject(node) : key_subject(node, static_cast<uint32_t>(index));
+  if (s.kind == Subject::kNone) return kMatchNone;
+  if (s.kind == Subject::kNoText) return kMatchUnsupported;
+  // An integer's text never comes near the buffer's 64 bytes.
+  if (s.kind == Subject::kInt) return cmp_int_prepared(cmp_op, s.negative, s.mag, p);
+  TextBuf buf(static_cast<size_t>(p.len));
+  int32_t len;
+  if (s.kind == Subject::kRaw) {
+    const size_t n = s.len < static_cast<size_t>(buf.size() - 1) ? s.len : buf.size() - 1;
+    if (n > 0) std::memcpy(buf.data(), s.bytes, n);
+    buf.data()[n] = '\0';
+    len = static_cast<int32_t>(n);
+  } else {
+    len = _arbo_nif_fmt_cs_val(s.bytes, buf.data(), buf.size());
+  }
+  int r = cmp_text_prepared(cmp_op, buf.data(), len, p);
+  // A text that fills the buffer may have been cut: a match is then only
+  // "missing", not "full".
+  if (r == kMatchFull && len >= buf.size() - 1) r = kMatchMissing;
+  return r;
+}
+
+int filter_cmp(arbo_node* node, int match_flag, uint32_t cmp_op, ErlNifEnv* env,
+               ERL_NIF_TERM value, int64_t index, uint64_t mask) {
+  CmpPattern p;
+  prepare_pattern(env, value, &p);
+  return filter_cmp_prepared(node, match_flag, cmp_op, env, p, index, mask);
+}
+
+}  // namespace arbo
