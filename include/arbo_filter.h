@@ -3,8 +3,11 @@
 //
 // Contract
 // - Everything here runs under the caller's table lock (shared is enough):
-//   nothing changes the tree. The matcher allocates only its pending-result
-//   stack and text buffers, freed before it returns.
+//   nothing changes the tree. The matcher allocates only the decoded form of
+//   its filter, its pending-result stacks and text buffers, all freed before
+//   it returns. A walk decodes its filter once and evaluates the decoded form
+//   for every sibling it examines; the answers are those of evaluating the
+//   term itself.
 // - A node stack belongs to one native call. It does not own its nodes; its
 //   terms belong to the environment of the running call. The caller creates
 //   it with node_stack_init and frees it with node_stack_clear.
