@@ -235,11 +235,14 @@ int read_u64(load_state* st, uint64_t* v) {
 
 // A record asks for `len` more bytes: refused ("io") when the file cannot
 // hold that many, before anything is allocated for them.
-int fits(load_state* st, uint64_t len) {
-  if (len <= st->remaining()) return 1;
+int refuse_io(load_state* st) {
   st->result = LOAD_IO;
   return 0;
 }
+
+int fits(load_state* st, uint64_t len) { return len <= st->remaining() ? 1 : refuse_io(st); }
+// (A stream whose size cannot be told has no such bound: a refused
+// allocation for it answers "io" as well.)
 
 // One csval: the type byte, then a fixed payload or a big-endian length
 // prefix of 1, 2 or 4 bytes and that many bytes. Type 0 is no value.
@@ -270,7 +273,7 @@ int _load_csval(load_state* st, decoded_val* out) {
   if (!fits(st, len)) return 0;
   const size_t head = 1 + static_cast<size_t>(n);
   unsigned char* v = out->buf.reserve(head + static_cast<size_t>(len));
-  ARBO_ASSERT(v != nullptr);
+  if (v == nullptr) return refuse_io(st);
   v[0] = type;
   std::memcpy(v + 1, prefix, static_cast<size_t>(n));
   if (!_load_read(st, v + head, static_cast<size_t>(len))) return 0;
@@ -316,7 +319,7 @@ int read_key_bytes(load_state* st, decoded_key* k) {
   uint32_t len = 0;
   if (!read_u32(st, &len) || !fits(st, len)) return 0;
   unsigned char* b = k->buf.reserve(len);
-  ARBO_ASSERT(b != nullptr);
+  if (b == nullptr) return refuse_io(st);
   k->len = len;
   return _load_read(st, b, len);
 }
@@ -520,7 +523,7 @@ int insert_bin(load_state* st, uint64_t len, bool capture) {
   if (!fits(st, len)) return 0;
   read_bytes<256> buf;
   unsigned char* bytes = buf.reserve(static_cast<size_t>(len));
-  ARBO_ASSERT(bytes != nullptr);
+  if (bytes == nullptr) return refuse_io(st);
   if (!_load_read(st, bytes, static_cast<size_t>(len))) return 0;
   _arbo_nif_set_val(st->cur, &st->ctx, bytes, static_cast<size_t>(len), 18);
   if (capture) capture_value(st, bytes, static_cast<size_t>(len));
@@ -774,7 +777,7 @@ int32_t _arbo_nif_io_load(ErlNifEnv* env, arbo_t* table, const char* path, int64
 
   enif_free(st.stack);
   enif_free(st.hints);
-  result->file_size = size < 0 ? 0 : static_cast<uint64_t>(size);
+  result->file_size = static_cast<uint64_t>(size);  // -1 when it cannot be told
   result->table_size = table->size;
   return st.result;
 }
