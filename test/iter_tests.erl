@@ -277,7 +277,9 @@ traps_test_() ->
                         ?assertNotEqual(nomatch, string:find(Out, Text))
                 end,
         Stall = fun(Expr, Seen, Unseen) ->
-                        {Status, Out} = child_vm(Expr, 5),
+                        %% Long enough for a slow machine to start the VM
+                        %% and print the marker.
+                        {Status, Out} = child_vm(Expr, 15),
                         ?assertEqual(137, Status),
                         ?assertNotEqual(nomatch, string:find(Out, Seen)),
                         ?assertEqual(nomatch, string:find(Out, Unseen))
