@@ -4,7 +4,9 @@
 %% The list has N integer-keyed instances (N = 1,000,000, or 100,000 with
 %% ARBO_BENCH_QUICK=1). Instance K holds the encoded value K rem 1000
 %% (an unsigned 32-bit element) and user flag 2#100 when K rem 1000 is 0; the
-%% ETS rows are {K, K rem 1000, Flags}.
+%% ETS rows are {K, K rem 1000, Flags}. Both are filled with the same keys in
+%% the same order, once in ascending order and once in a random order (a
+%% list that grew over time: its nodes lie scattered in memory).
 %%
 %% Rows:
 %% - stepping: next_sibling_nif/4 from the first instance to the end, against
@@ -25,32 +27,34 @@ rows() ->
     Quick = os:getenv("ARBO_BENCH_QUICK") =:= "1",
     N = case Quick of true -> 100000; false -> 1000000 end,
     Runs = case Quick of true -> 1; false -> 5 end,
+    lists:append([layout(Order, N, Runs) || Order <- [ascending, random]]).
+
+layout(Order, N, Runs) ->
     T = arbo:new(),
     E = ets:new(arbo_bench_walk, [ordered_set, public]),
-    try measure(T, E, N, Runs)
+    try measure(T, E, N, Runs, Order)
     after
         arbo:close(T),
         ets:delete(E)
     end.
 
-measure(T, E, N, Runs) ->
+measure(T, E, N, Runs, Order) ->
     L = arbo:add_hkey_dyn(T, arbo:get_root(T), 1, 0),
+    Keys = case Order of
+               ascending -> lists:seq(1, N);
+               random -> shuffle(lists:seq(1, N))
+           end,
     [begin
          I = arbo:add_hkey(T, L, K, 4),
          arbo:set_val(T, I, 17, <<12, (K rem 1000):32>>),
-         K rem 1000 =:= 0 andalso arbo:set_flag(T, I, ?FLAG)
-     end || K <- shuffle(lists:seq(1, N))],
-    true = ets:insert(E, [{K, K rem 1000, flags(K)} || K <- lists:seq(1, N)]),
+         K rem 1000 =:= 0 andalso arbo:set_flag(T, I, ?FLAG),
+         ets:insert(E, {K, K rem 1000, flags(K)})
+     end || K <- Keys],
     Flagged = N div 1000,
     Above = N div 1000 * (999 - ?LIMIT),
 
     Step = med(Runs, fun() -> ns(N, N, fun() -> step(T, arbo:first_child_nif(T, L, [], 0), 0) end) end),
     EtsStep = med(Runs, fun() -> ns(N, N, fun() -> ets_step(E, ets:first(E), 0) end) end),
-
-    Probes = [rand:uniform(N) - 1 || _ <- lists:seq(1, 100000)],
-    Found = length(Probes),
-    Probe = med(Runs, fun() -> ns(Found, Found, fun() -> probe(T, L, Probes, 0) end) end),
-    EtsProbe = med(Runs, fun() -> ns(Found, Found, fun() -> ets_probe(E, Probes, 0) end) end),
 
     FlagF = {3, 1000, [], ?FLAG},
     FlagMs = [{{'$1', '_', '$3'}, [{'=:=', {'band', '$3', ?FLAG}, ?FLAG}], ['$1']}],
@@ -62,14 +66,23 @@ measure(T, E, N, Runs) ->
     NumWalk = med(Runs, fun() -> per_s(N, Above, fun() -> walk(T, L, NumF) end) end),
     NumSel = med(Runs, fun() -> per_s(N, Above, fun() -> select(E, NumMs) end) end),
 
-    Size = integer_to_list(N div 1000) ++ "k",
-    [#{row => "step next_sibling_nif/4, " ++ Size, arbo => Step, peer => EtsStep, unit => "ns/op",
-       peer_name => "ets:next/2", target => "arbo/peer <= 0.6"},
-     #{row => "probe find_next_nif/6, " ++ Size, arbo => Probe, peer => EtsProbe, unit => "ns/op",
-       peer_name => "ets:next/2", target => "arbo/peer <= 0.6"},
-     #{row => "filtered walk, flag mask, " ++ Size, arbo => FlagWalk, peer => FlagSel,
+    Tag = ", " ++ integer_to_list(N div 1000) ++ "k " ++ atom_to_list(Order),
+    Probes = case Order of
+                 ascending -> [];
+                 random ->
+                     Ks = [rand:uniform(N) - 1 || _ <- lists:seq(1, 100000)],
+                     P = length(Ks),
+                     Probe = med(Runs, fun() -> ns(P, P, fun() -> probe(T, L, Ks, 0) end) end),
+                     EtsProbe = med(Runs, fun() -> ns(P, P, fun() -> ets_probe(E, Ks, 0) end) end),
+                     [#{row => "probe find_next_nif/6" ++ Tag, arbo => Probe, peer => EtsProbe,
+                        unit => "ns/op", peer_name => "ets:next/2", target => "arbo/peer <= 0.6"}]
+             end,
+    [#{row => "step next_sibling_nif/4" ++ Tag, arbo => Step, peer => EtsStep, unit => "ns/op",
+       peer_name => "ets:next/2", target => "arbo/peer <= 0.6"}] ++
+    Probes ++
+    [#{row => "filtered walk, flag mask" ++ Tag, arbo => FlagWalk, peer => FlagSel,
        unit => "nodes/s", peer_name => "ets:select/3", target => "arbo/peer >= 3"},
-     #{row => "filtered walk, value > " ++ integer_to_list(?LIMIT) ++ ", " ++ Size,
+     #{row => "filtered walk, value > " ++ integer_to_list(?LIMIT) ++ Tag,
        arbo => NumWalk, peer => NumSel, unit => "nodes/s", peer_name => "ets:select/3",
        target => "arbo/peer >= 3"}].
 

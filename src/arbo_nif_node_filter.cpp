@@ -478,6 +478,19 @@ int eval(const Prepared& pf, uint32_t at, arbo_node* node, int match_flag, ErlNi
   }
 }
 
+// A filter that is one comparison of the node itself (the common case) goes
+// straight to the comparison: no operand to fold, no path to resolve, and
+// no resumption pending on the stack. Same answers as eval.
+int eval_root(const Prepared& pf, arbo_node* node, int match_flag, ErlNifEnv* env,
+              node_stack* stack) {
+  const FNode& f = pf.nodes[0];
+  if (f.op == Op::kKeyCmp)
+    return filter_cmp_prepared(node, match_flag, f.cmp_op, env, f.pat, f.index, 0);
+  if (f.op == Op::kPathCmp && f.path.count == 0 && (stack == nullptr || stack->pos <= 0))
+    return filter_cmp_prepared(node, match_flag, f.cmp_op, env, f.pat, -1, f.mask);
+  return eval(pf, 0, node, match_flag, env, stack);
+}
+
 }  // namespace
 
 uint32_t get_rest_length(ErlNifEnv* env, ERL_NIF_TERM list) {
@@ -548,7 +561,7 @@ ERL_NIF_TERM filter_match_next(ErlNifEnv* env, arbo_node* start, int match_flag,
       }
     }
     if (!filtered) return answer(env, n, match_flag, kMatchFull);
-    const int r = eval(pf, 0, n, match_flag, env, stack);
+    const int r = eval_root(pf, n, match_flag, env, stack);
     if (r == kMatchYield) return yield(env, stack, n);
     if (r != kMatchNone) return answer(env, n, match_flag, r);
     // The node that did not match is handed back: resumption starts at it.

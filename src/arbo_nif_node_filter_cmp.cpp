@@ -4,7 +4,7 @@
 // Values and key elements compare as text (filter_cmp_str); integer
 // elements take a shortcut that gives the same answers without writing and
 // re-reading their text.
-#include <cstdio>
+#include <climits>
 #include <cstring>
 
 #include "arbo_alloc.h"
@@ -50,6 +50,16 @@ struct Subject {
   size_t len = 0;
 };
 
+template <typename T>
+int ordered(uint32_t cmp_op, T a, T b) {
+  switch (cmp_op) {
+    case 3: return a > b ? 1 : 0;
+    case 4: return a >= b ? 1 : 0;
+    case 5: return a < b ? 1 : 0;
+    default: return a <= b ? 1 : 0;
+  }
+}
+
 uint64_t be(const unsigned char* p, int n) {
   uint64_t v = 0;
   for (int i = 0; i < n; ++i) v = (v << 8) | p[i];
@@ -73,25 +83,27 @@ Subject unsigned_int(uint64_t v) {
 
 // An encoded element that lies within `avail` bytes.
 Subject element(const unsigned char* e, size_t avail) {
+  if (avail < 1) return Subject{Subject::kNoText};
+  const unsigned char* p = e + 1;
+  // Integers first, each with its own bounds check: the usual values.
+  switch (e[0]) {
+    case 6: if (avail >= 2) return signed_int(static_cast<int8_t>(p[0])); break;
+    case 7: if (avail >= 3) return signed_int(static_cast<int16_t>(be(p, 2))); break;
+    case 8: if (avail >= 5) return signed_int(static_cast<int32_t>(be(p, 4))); break;
+    case 9: if (avail >= 9) return signed_int(static_cast<int64_t>(be(p, 8))); break;
+    case 10: if (avail >= 2) return unsigned_int(p[0]); break;
+    case 11: if (avail >= 3) return unsigned_int(be(p, 2)); break;
+    case 12: if (avail >= 5) return unsigned_int(be(p, 4)); break;
+    case 13: if (avail >= 9) return unsigned_int(be(p, 8)); break;
+    default: break;
+  }
+  // An integer type that did not fit lands here too and has no text.
   const size_t n = text_element_len(e, avail);
   if (n == 0) return Subject{Subject::kNoText};
-  const unsigned char* p = e + 1;
-  switch (e[0]) {
-    case 6: return signed_int(static_cast<int8_t>(p[0]));
-    case 7: return signed_int(static_cast<int16_t>(be(p, 2)));
-    case 8: return signed_int(static_cast<int32_t>(be(p, 4)));
-    case 9: return signed_int(static_cast<int64_t>(be(p, 8)));
-    case 10: return unsigned_int(p[0]);
-    case 11: return unsigned_int(be(p, 2));
-    case 12: return unsigned_int(be(p, 4));
-    case 13: return unsigned_int(be(p, 8));
-    default: {
-      Subject s{Subject::kElement};
-      s.bytes = e;
-      s.len = n;
-      return s;
-    }
-  }
+  Subject s{Subject::kElement};
+  s.bytes = e;
+  s.len = n;
+  return s;
 }
 
 Subject raw(const unsigned char* bytes, size_t len) {
@@ -102,15 +114,18 @@ Subject raw(const unsigned char* bytes, size_t len) {
 }
 
 // The node's value: encoded values by their element, plain binaries as
-// their bytes.
+// their bytes. Read in place (the layout of arbo_node.h): this runs for
+// every sibling a filtered walk examines.
 Subject value_subject(const arbo_node* node) {
   if (!node->is_gen() || node->has(F_KEY_IS_BIN)) return Subject{};
-  bin_ref ref{0, nullptr};
-  switch (_arbo_nif_fetch_bin_value(node, &ref)) {
-    case 1: return ref.len == 0 ? Subject{} : element(ref.ptr, ref.len);
-    case 2: return raw(ref.ptr, ref.len);
-    default: return Subject{};
-  }
+  const gen_node* g = as_gen(node);
+  if (!node->has(F_VAL_IS_BIN))
+    return g->small_len == 0 ? Subject{} : element(g->val, g->small_len);
+  const arbo_bin* b;
+  std::memcpy(&b, g->val, sizeof b);  // `val` is not pointer-aligned
+  if (node->has(F_VAL_IS_SMALL | F_VAL_IS_BIN_NOSTR))
+    return b->len == 0 ? Subject{} : element(b->bytes(), b->len);
+  return raw(b->bytes(), b->len);
 }
 
 // Element `index` of the node's key; an integer key is the signed tag.
@@ -141,6 +156,61 @@ bool holds_value(const arbo_node* node) {
 }
 
 }  // namespace
+
+// Length of a well-formed element of a type that has a text form, or 0 when
+// the type has none or the element does not fit in `avail` bytes.
+size_t text_element_len(const unsigned char* e, size_t avail) {
+  if (avail < 1) return 0;
+  size_t need;
+  switch (e[0]) {
+    case 6: case 10: case 17: need = 2; break;
+    case 7: case 11: need = 3; break;
+    case 8: case 12: case 15: need = 5; break;
+    case 9: case 13: need = 9; break;
+    case 20: need = 7; break;
+    case 200: need = avail >= 2 ? 2 + size_t{e[1]} : 2; break;
+    case 205: need = avail >= 5 ? 5 + size_t{be(e + 1, 4)} : 5; break;
+    default: return 0;
+  }
+  return need <= avail ? need : 0;
+}
+
+// The decimal text of an integer always reads back whole: as the same
+// integer when it fits in 64 signed bits, else as its nearest double. So
+// the text need not be written for an ordering, only for an equality.
+int cmp_int_prepared(uint32_t cmp_op, bool negative, uint64_t mag, const CmpPattern& p) {
+  switch (cmp_op) {
+    case 1:
+    case 2: {
+      char digits[24];
+      char* end = digits + sizeof digits;
+      char* q = end;
+      uint64_t m = mag;
+      do {
+        *--q = static_cast<char>('0' + m % 10);
+        m /= 10;
+      } while (m != 0);
+      if (negative) *--q = '-';
+      return cmp_text_prepared(cmp_op, q, static_cast<int32_t>(end - q), p);
+    }
+    case 3:
+    case 4:
+    case 5:
+    case 6: {
+      constexpr uint64_t kMaxPos = static_cast<uint64_t>(LLONG_MAX);
+      const bool fits = negative ? mag <= kMaxPos + 1 : mag <= kMaxPos;
+      if (fits && p.ll_ok) {
+        const long long v = negative ? static_cast<long long>(0 - mag) : static_cast<long long>(mag);
+        return ordered(cmp_op, v, p.ll);
+      }
+      if (!p.d_ok) return kMatchUnsupported;
+      const double x = negative ? -static_cast<double>(mag) : static_cast<double>(mag);
+      return ordered(cmp_op, x, p.d);
+    }
+    default:
+      ARBO_ASSERT_MSG(false, "0");
+  }
+}
 
 void prepare_pattern(ErlNifEnv* env, ERL_NIF_TERM value, CmpPattern* p) {
   *p = CmpPattern{};

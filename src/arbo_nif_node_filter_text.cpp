@@ -157,43 +157,6 @@ int cmp_text_prepared(uint32_t cmp_op, const char* text, int32_t text_len, const
   }
 }
 
-// The decimal text of an integer always reads back whole: as the same
-// integer when it fits in 64 signed bits, else as its nearest double. So
-// the text need not be written for an ordering, only for an equality.
-int cmp_int_prepared(uint32_t cmp_op, bool negative, uint64_t mag, const CmpPattern& p) {
-  switch (cmp_op) {
-    case 1:
-    case 2: {
-      char digits[24];
-      char* end = digits + sizeof digits;
-      char* q = end;
-      uint64_t m = mag;
-      do {
-        *--q = static_cast<char>('0' + m % 10);
-        m /= 10;
-      } while (m != 0);
-      if (negative) *--q = '-';
-      return cmp_text_prepared(cmp_op, q, static_cast<int32_t>(end - q), p);
-    }
-    case 3:
-    case 4:
-    case 5:
-    case 6: {
-      constexpr uint64_t kMaxPos = static_cast<uint64_t>(LLONG_MAX);
-      const bool fits = negative ? mag <= kMaxPos + 1 : mag <= kMaxPos;
-      if (fits && p.ll_ok) {
-        const long long v = negative ? static_cast<long long>(0 - mag) : static_cast<long long>(mag);
-        return ordered(cmp_op, v, p.ll);
-      }
-      if (!p.d_ok) return kMatchUnsupported;
-      const double x = negative ? -static_cast<double>(mag) : static_cast<double>(mag);
-      return ordered(cmp_op, x, p.d);
-    }
-    default:
-      ARBO_ASSERT_MSG(false, "0");
-  }
-}
-
 int filter_cmp_str(uint32_t cmp_op, const char* text, int32_t text_len, const char* pattern,
                    int32_t pattern_len) {
   CmpPattern p;
@@ -202,24 +165,6 @@ int filter_cmp_str(uint32_t cmp_op, const char* text, int32_t text_len, const ch
   p.len = pattern_len;
   if (cmp_op >= 3 && cmp_op <= 6) parse_pattern_numbers(&p);
   return cmp_text_prepared(cmp_op, text, text_len, p);
-}
-
-// Length of a well-formed element of a type that has a text form, or 0 when
-// the type has none or the element does not fit in `avail` bytes.
-size_t text_element_len(const unsigned char* e, size_t avail) {
-  if (avail < 1) return 0;
-  size_t need;
-  switch (e[0]) {
-    case 6: case 10: case 17: need = 2; break;
-    case 7: case 11: need = 3; break;
-    case 8: case 12: case 15: need = 5; break;
-    case 9: case 13: need = 9; break;
-    case 20: need = 7; break;
-    case 200: need = avail >= 2 ? 2 + size_t{e[1]} : 2; break;
-    case 205: need = avail >= 5 ? 5 + size_t{be32(e + 1)} : 5; break;
-    default: return 0;
-  }
-  return need <= avail ? need : 0;
 }
 
 }  // namespace arbo

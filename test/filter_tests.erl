@@ -208,6 +208,12 @@ resume_from_stack_test() ->
         ?assertEqual({C, full}, arbo:next_sibling_nif(T, C, F, 1, {[C, Z], [[1], [1]]})),
         ?assertEqual(0, arbo:next_sibling_nif(T, C, F, 1, {[Z], [[1]]})),
         ?assertEqual({C, missing}, arbo:next_sibling_nif(T, C, F, 1, {[C, 0], [[1], [1]]})),
+        %% Also when the comparison is of the node itself (an empty path).
+        Own = {3, 1, [], <<"z">>},
+        ?assertEqual(0, arbo:next_sibling_nif(T, C, Own, 1, {[], []})),
+        ?assertEqual({C, full}, arbo:next_sibling_nif(T, C, Own, 1, {[C, Z], [[], []]})),
+        ?assertEqual({C, full}, arbo:next_sibling_nif(T, C, {0, {4, [99]}, Own}, 1,
+                                                      {[C, Z], [[], []]})),
         %% A stack term whose node list ends first is accepted.
         ?assertEqual(0, arbo:next_sibling_nif(T, C, F, 1, {[], [[1], [2]]}))
     end).
