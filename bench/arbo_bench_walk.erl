@@ -67,16 +67,12 @@ measure(T, E, N, Runs, Order) ->
     NumSel = med(Runs, fun() -> per_s(N, Above, fun() -> select(E, NumMs) end) end),
 
     Tag = ", " ++ integer_to_list(N div 1000) ++ "k " ++ atom_to_list(Order),
-    Probes = case Order of
-                 ascending -> [];
-                 random ->
-                     Ks = [rand:uniform(N) - 1 || _ <- lists:seq(1, 100000)],
-                     P = length(Ks),
-                     Probe = med(Runs, fun() -> ns(P, P, fun() -> probe(T, L, Ks, 0) end) end),
-                     EtsProbe = med(Runs, fun() -> ns(P, P, fun() -> ets_probe(E, Ks, 0) end) end),
-                     [#{row => "probe find_next_nif/6" ++ Tag, arbo => Probe, peer => EtsProbe,
-                        unit => "ns/op", peer_name => "ets:next/2", target => "arbo/peer <= 0.6"}]
-             end,
+    Ks = [rand:uniform(N) - 1 || _ <- lists:seq(1, 100000)],
+    P = length(Ks),
+    Probe = med(Runs, fun() -> ns(P, P, fun() -> probe(T, L, Ks, 0) end) end),
+    EtsProbe = med(Runs, fun() -> ns(P, P, fun() -> ets_probe(E, Ks, 0) end) end),
+    Probes = [#{row => "probe find_next_nif/6" ++ Tag, arbo => Probe, peer => EtsProbe,
+                unit => "ns/op", peer_name => "ets:next/2", target => "arbo/peer <= 0.6"}],
     [#{row => "step next_sibling_nif/4" ++ Tag, arbo => Step, peer => EtsStep, unit => "ns/op",
        peer_name => "ets:next/2", target => "arbo/peer <= 0.6"}] ++
     Probes ++
