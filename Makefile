@@ -46,7 +46,7 @@ test/ebin/.stamp: $(TEST_SRC) $(BENCH_SRC) ebin/.stamp
 # Every suite: C++ unit tests, the Erlang suites against the release build,
 # then the Erlang suites again against the sanitizer build.
 test: build asan
-	$(MAKE) unit eunit eunit-asan
+	$(MAKE) unit eunit eunit-asan check
 
 unit:
 	cd $(BUILD) && ctest --output-on-failure -j$(JOBS)
@@ -65,6 +65,14 @@ demo: build
 bench: build
 	$(BUILD)/arbo_micro_bench --benchmark_min_time=0.2 || true
 	$(ERL) -noshell -pa ebin -pa test/ebin -eval 'arbo_bench:main(), halt().'
+
+# Dialyzer over the Erlang modules (the PLT of erts, kernel and stdlib is
+# built once into $(BUILD)/), then the API docs with EDoc into doc/.
+PLT ?= $(BUILD)/arbo.plt
+check: erl
+	@test -f $(PLT) || dialyzer --build_plt --apps erts kernel stdlib --output_plt $(PLT)
+	dialyzer --plt $(PLT) ebin/*.beam
+	$(ERL) -noshell -eval 'edoc:files(filelib:wildcard("erl/*.erl"), [{dir, "doc"}, {preprocess, true}, {includes, ["erl"]}]), halt().'
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD) ebin test/ebin priv

@@ -75,6 +75,9 @@
 
 -include("arbo_gate.hrl").
 
+%% The library's tag form [Ns | Tag] is an improper list on purpose.
+-dialyzer({no_improper_lists, [cpath/1, htag/1, find_arg/1]}).
+
 -record(arbo_node, {table, stamp, addr, parent}).
 
 -type tree() :: {arbo, reference(), non_neg_integer(),
