@@ -109,7 +109,9 @@
 %% </ul>
 %% A Path is a list of tags or `{Ns, Tag}' pairs; below a list, a tag names
 %% an integer instance, and a path that ends inside a list matches when any
-%% instance matches.
+%% instance matches. As the library decides it, a comparison it cannot make
+%% (`gt' on text that is not a number, a value too long for its text
+%% buffer) counts as a match in a select, like a full one.
 -type filter() :: all | tuple().
 
 -define(ORDERS, [{sorted, 0}, {sorted_length_first, 1}, {sorted_length_first_but_last, 2},
