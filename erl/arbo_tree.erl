@@ -664,9 +664,7 @@ user_list(T, I) ->
 %% cannot go on and raises `{stale_node, Parent}'.
 -spec fold(tree(), tree_node(), filter(), fun((tree_node(), Acc) -> Acc), Acc) -> Acc.
 fold(T, P, Filter, Fun, Acc) when is_function(Fun, 2) ->
-    F = compile_filter(Filter),
-    First = read(T, [P], fun(_) -> arbo:first_child_nif(T, P#arbo_node.addr, F, 0) end),
-    fold_loop(T, P, F, Fun, Acc, First, infinity);
+    walk_chunks(T, P, compile_filter(Filter), Fun, Acc, first, infinity);
 fold(_, _, _, Fun, _) -> error({badarg, Fun}).
 
 %% @doc The children of a node that match a filter.
@@ -679,21 +677,39 @@ select(T, P, Filter, Limit) ->
     (Limit =:= infinity orelse (is_integer(Limit) andalso Limit > 0))
         orelse error({badarg, {limit, Limit}}),
     F = compile_filter(Filter),
-    First = read(T, [P], fun(_) -> arbo:first_child_nif(T, P#arbo_node.addr, F, 0) end),
-    lists:reverse(fold_loop(T, P, F, fun(C, Acc) -> [C | Acc] end, [], First, Limit)).
+    lists:reverse(walk_chunks(T, P, F, fun(C, Acc) -> [C | Acc] end, [], first, Limit)).
 
-%% The walk's results: a match, the end, or a yield with the library's own
+%% A walk takes the gate once per chunk of up to ?CHUNK native steps (so a
+%% writer waits for one chunk at most) and calls Fun outside it. The
+%% library's results: a match, the end, or a yield with the library's own
 %% stack, which goes straight back to the library and nowhere else.
-fold_loop(_, _, _, _, Acc, 0, _) -> Acc;
-fold_loop(_, _, _, _, Acc, _, 0) -> Acc;
-fold_loop(T, P, F, Fun, Acc, {yield, Stack, At}, Left) ->
-    Next = read(T, [P], fun(_) -> arbo:next_sibling_nif(T, At, F, 0, Stack) end),
-    fold_loop(T, P, F, Fun, Acc, Next, Left);
-fold_loop(T, P, F, Fun, Acc, Addr, Left) when is_integer(Addr) ->
-    C = P#arbo_node{addr = Addr, parent = P#arbo_node.addr},
-    Acc1 = Fun(C, Acc),
-    Next = read(T, [P], fun(_) -> arbo:next_sibling_nif(T, Addr, F, 0) end),
-    fold_loop(T, P, F, Fun, Acc1, Next, dec(Left)).
+-define(CHUNK, 64).
+
+walk_chunks(_, _, _, _, Acc, done, _) -> Acc;
+walk_chunks(_, _, _, _, Acc, _, 0) -> Acc;
+walk_chunks(T, P, F, Fun, Acc, Cont, Left) ->
+    {Found, Next} = read(T, [P], fun(_) -> steps(T, P#arbo_node.addr, F, Cont, ?CHUNK, []) end),
+    {Acc1, Left1} = visit(Found, P, Fun, Acc, Left),
+    walk_chunks(T, P, F, Fun, Acc1, Next, Left1).
+
+steps(_, _, _, Cont, 0, Found) -> {lists:reverse(Found), Cont};
+steps(T, PA, F, Cont, N, Found) ->
+    R = case Cont of
+            first -> arbo:first_child_nif(T, PA, F, 0);
+            {next, A} -> arbo:next_sibling_nif(T, A, F, 0);
+            {resume, Stack, At} -> arbo:next_sibling_nif(T, At, F, 0, Stack)
+        end,
+    case R of
+        0 -> {lists:reverse(Found), done};
+        {yield, Stack1, At1} -> steps(T, PA, F, {resume, Stack1, At1}, N - 1, Found);
+        A1 -> steps(T, PA, F, {next, A1}, N - 1, [A1 | Found])
+    end.
+
+visit(_, _, _, Acc, 0) -> {Acc, 0};
+visit([], _, _, Acc, Left) -> {Acc, Left};
+visit([A | More], P, Fun, Acc, Left) ->
+    C = P#arbo_node{addr = A, parent = P#arbo_node.addr},
+    visit(More, P, Fun, Fun(C, Acc), dec(Left)).
 
 dec(infinity) -> infinity;
 dec(N) -> N - 1.
