@@ -62,9 +62,10 @@ child_vm(Expr, Secs) ->
               false -> "";
               Dir -> "ARBO_NIF_DIR=" ++ Dir ++ " "
           end,
+    %% Two schedulers, so that one stuck in a trap leaves the other free.
     Cmd = lists:flatten(
-            io_lib:format("~stimeout -s KILL ~b erl -noshell -pa ~s -eval '~s' 2>&1; echo \"EXIT=$?\"",
-                          [Env, Secs, Ebin, Expr])),
+            io_lib:format("~stimeout -s KILL ~b erl +S 2:2 -noshell -pa ~s -eval '~s' 2>&1; "
+                          "echo \"EXIT=$?\"", [Env, Secs, Ebin, Expr])),
     Out = os:cmd(Cmd),
     [_, Status] = string:split(Out, "EXIT=", trailing),
     {list_to_integer(string:trim(Status)), Out}.
