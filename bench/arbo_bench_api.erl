@@ -1,7 +1,10 @@
 %% The safe tree API against the raw library on the hot paths: find by key,
-%% next sibling, value read. Both run on the same tree, the same nodes, in
+%% next sibling, value read, each call through the gate on its own and all
+%% of them inside one arbo_tree:reading/2 pass. Both run on the same tree, the same nodes, in
 %% the same order; batches of the two alternate and each side keeps its best
-%% batch, so that a busy machine slows both alike.
+%% batch, so that a busy machine slows both alike. Where the safe side walks
+%% a list of node references, the raw side reads its addresses out of the
+%% same list, so that both touch the same memory.
 %%
 %% The tree: a sorted list of N instances keyed by an encoded string key
 %% (like interface names), and a sorted list of N integer instances, each
@@ -51,7 +54,6 @@ measure(T, N, Rounds) ->
     IfsA = Addr(Ifs),
     IntsA = Addr(Ints),
     Refs = Valued,
-    Addrs = [Addr(R) || R <- Refs],
     Cases =
         [{"find (string key, 100k list)",
           fun() -> [arbo:find_child(T, IfsA, K, 12) || K <- StrKeys] end,
@@ -63,8 +65,28 @@ measure(T, N, Rounds) ->
           fun() -> walk_raw(T, arbo:first_child_nif(T, IfsA, [], 0), 0) end,
           fun() -> walk_safe(T, arbo_tree:first_child(T, Ifs), 0) end},
          {"value read",
-          fun() -> [arbo:get_val_raw(T, A) || A <- Addrs] end,
-          fun() -> [arbo_tree:value_raw(T, R) || R <- Refs] end}],
+          fun() -> [arbo:get_val_raw(T, Addr(R)) || R <- Refs] end,
+          fun() -> [arbo_tree:value_raw(T, R) || R <- Refs] end},
+         %% The same calls inside one arbo_tree:reading/2 pass.
+         {"find (string key), in reading/2",
+          fun() -> [arbo:find_child(T, IfsA, K, 12) || K <- StrKeys] end,
+          fun() -> arbo_tree:reading(T, fun(RT) ->
+                       [arbo_tree:find(RT, Ifs, {encoded, K}) || K <- StrKeys] end) end},
+         {"find (integer key), in reading/2",
+          fun() -> [arbo:find_child(T, IntsA, K, 10) || K <- IntKeys] end,
+          fun() -> arbo_tree:reading(T, fun(RT) ->
+                       [arbo_tree:find(RT, Ints, {int, K}) || {K} <- IntKeys] end) end},
+         {"walk with fold/5 (gate per 64 steps)",
+          fun() -> walk_raw(T, arbo:first_child_nif(T, IfsA, [], 0), 0) end,
+          fun() -> arbo_tree:fold(T, Ifs, all, fun(_, C) -> C + 1 end, 0) end},
+         {"next sibling, in reading/2",
+          fun() -> walk_raw(T, arbo:first_child_nif(T, IfsA, [], 0), 0) end,
+          fun() -> arbo_tree:reading(T, fun(RT) ->
+                       walk_safe(RT, arbo_tree:first_child(RT, Ifs), 0) end) end},
+         {"value read, in reading/2",
+          fun() -> [arbo:get_val_raw(T, Addr(R)) || R <- Refs] end,
+          fun() -> arbo_tree:reading(T, fun(RT) ->
+                       [arbo_tree:value_raw(RT, R) || R <- Refs] end) end}],
     [begin
          {Raw, Safe} = best(Rounds, RawF, SafeF, infinity, infinity),
          {Name, Raw * 1000 / N, Safe * 1000 / N}

@@ -47,7 +47,7 @@
 -module(arbo_tree).
 
 %% lifecycle
--export([new/0, new/1, attach/1, close/1, info/1, root/1]).
+-export([new/0, new/1, attach/1, reading/2, close/1, info/1, root/1]).
 %% adding, finding, deleting
 -export([add_container/3, add_leaf/3, add_list/4, add/3,
          find/3, lookup/2, find_after/3, find_after/4,
@@ -150,11 +150,31 @@ attach({arbo, Res, View, {arbo_gate, Keeper, _, _}} = T) ->
     {arbo, Res, View, {arbo_gate, Keeper, self(), word(T)}};
 attach(T) -> error({badarg, {tree, T}}).
 
+%% @doc Run `Fun(Reader)' in one pass through the gate: Reader is a handle
+%% of the tree with which the calls inside Fun skip the gate (node
+%% references are still checked for their tree and epoch, but the epoch
+%% cannot move while Fun runs). Changes that free nodes wait until Fun
+%% returns, so Fun should be short, and must not wait for another process
+%% that deletes in this tree; deleting in it from inside Fun, with either
+%% handle, raises `{in_reading, Tree}'. Reader is good only inside Fun (or
+%% another pass) and only in the calling process (`{reading_over, Reader}'
+%% elsewhere): the calling process's gate word must show it inside.
+%% Returns what Fun returns.
+-spec reading(tree(), fun((tree()) -> R)) -> R.
+reading({arbo, Res, View, {arbo_gate, _, _, _}} = T, Fun) when is_function(Fun, 1) ->
+    Word = word(T),
+    S = enter(T, Word, 0),
+    try Fun({arbo, Res, View, {arbo_reading, Word, S, self()}})
+    after atomics:sub(Word, 1, 1)
+    end;
+reading(T, Fun) -> error({badarg, {T, Fun}}).
+
 %% @doc Close the tree and free its nodes; every later call on it raises
 %% `error({arbo_closed, Tree})'. Closing a closed tree is `ok'.
 -spec close(tree()) -> ok.
 close(T) ->
     {_, Keeper} = gate(T),
+    not_inside(T),
     try arbo_gate:close(Keeper)
     catch exit:_ -> ok
     end.
@@ -247,6 +267,14 @@ find({arbo, Res, _, {arbo_gate, _, Owner, Word}} = T,
         _ ->
             atomics:sub(Word, 1, 1),
             read(T, [P], fun(S1) -> mk(T, S1, arbo:find_child(T, Addr, K, Code), Addr) end)
+    end;
+find({arbo, Res, _, {arbo_reading, Word, S, Owner}} = T,
+     #arbo_node{table = Res, stamp = S, addr = Addr}, Key) when Owner =:= self() ->
+    {K, Code} = find_arg(Key),
+    inside(T, Word, S),
+    case arbo:find_child(T, Addr, K, Code) of
+        0 -> none;
+        R -> #arbo_node{table = Res, stamp = S, addr = R, parent = Addr}
     end;
 find(T, P, Key) ->
     {K, Code} = find_arg(Key),
@@ -409,6 +437,14 @@ next_sibling({arbo, Res, _, {arbo_gate, _, Owner, Word}} = T,
             read(T, [N], fun(S1) -> mk(T, S1, arbo:next_sibling_nif(T, Addr, [], 0), Parent)
                          end)
     end;
+next_sibling({arbo, Res, _, {arbo_reading, Word, S, Owner}} = T,
+             #arbo_node{table = Res, stamp = S, addr = Addr, parent = Parent})
+  when Owner =:= self() ->
+    inside(T, Word, S),
+    case arbo:next_sibling_nif(T, Addr, [], 0) of
+        0 -> none;
+        R -> #arbo_node{table = Res, stamp = S, addr = R, parent = Parent}
+    end;
 next_sibling(T, N) ->
     read(T, [N], fun(S) ->
         #arbo_node{addr = Addr, parent = Parent} = N,
@@ -532,6 +568,10 @@ value_raw({arbo, Res, _, {arbo_gate, _, Owner, Word}} = T,
             atomics:sub(Word, 1, 1),
             read(T, [N], fun(_) -> arbo:get_val_raw(T, Addr) end)
     end;
+value_raw({arbo, Res, _, {arbo_reading, Word, S, Owner}} = T,
+          #arbo_node{table = Res, stamp = S, addr = Addr}) when Owner =:= self() ->
+    inside(T, Word, S),
+    arbo:get_val_raw(T, Addr);
 value_raw(T, N) ->
     read(T, [N], fun(_) -> arbo:get_val_raw(T, N#arbo_node.addr) end).
 
@@ -823,6 +863,7 @@ iter_top(T) ->
 -spec iter_depth(tree()) -> non_neg_integer().
 iter_depth(T) -> length(iter_stack(iter_key(T))).
 
+iter_key({arbo, Res, _, {arbo_reading, _, _, _}}) -> {'$arbo_iter', Res};
 iter_key(T) ->
     {Res, _} = gate(T),
     {'$arbo_iter', Res}.
@@ -867,6 +908,7 @@ load(T, Path, Opts) ->
 -spec exclusive(tree(), fun((tree(), non_neg_integer()) -> {Reply, boolean()})) -> Reply.
 exclusive(T, Fun) ->
     {_, Keeper} = gate(T),
+    not_inside(T),
     Reply = try arbo_gate:exclusive(Keeper, Fun)
             catch exit:_ -> closed
             end,
@@ -880,7 +922,20 @@ exclusive(T, Fun) ->
 
 gate({arbo, Res, _, {arbo_gate, Keeper, Owner, _}}) when is_pid(Keeper), is_pid(Owner) ->
     {Res, Keeper};
+gate({arbo, _, _, {arbo_reading, _, _, _}} = T) -> error({in_reading, T});
 gate(T) -> error({badarg, {tree, T}}).
+
+%% The writer side waits for every reader to leave: a process inside a
+%% pass of its own would wait for itself.
+not_inside(T) ->
+    atomics:get(word(T), 1) band ?ARBO_COUNT =:= 0 orelse error({in_reading, T}).
+
+%% A reader handle is good while its process is inside the gate in the
+%% epoch it was made in (a waiting writer's bit aside).
+inside(T, Word, S) ->
+    V = atomics:get(Word, 1),
+    (V band ?ARBO_COUNT > 0 andalso (V bsr ?ARBO_SHIFT) band (bnot 1) =:= S)
+        orelse error({reading_over, T}).
 
 %% The calling process's gate word of this tree.
 word({arbo, _, _, {arbo_gate, _, Owner, Word}}) when Owner =:= self() -> Word;
@@ -897,8 +952,18 @@ word({arbo, Res, _, {arbo_gate, Keeper, _, _}} = T) ->
 
 %% A reader section: every node argument belongs to the tree and is as new
 %% as the epoch; Fun(Stamp) runs with deletions kept out.
-read(T, Nodes, Fun) ->
-    gate(T),
+read({arbo, _, _, {arbo_reading, Word, S, Owner}} = T, Nodes, Fun) when Owner =:= self() ->
+    inside(T, Word, S),
+    lists:foreach(fun(N) -> own(T, N) end, Nodes),
+    case [N || #arbo_node{stamp = NS} = N <- Nodes, NS =/= S] of
+        [] -> native(T, fun() -> Fun(S) end);
+        [Stale | _] -> error({stale_node, Stale})
+    end;
+read({arbo, _, _, {arbo_reading, _, _, _}} = T, _, _) -> error({reading_over, T});
+read({arbo, _, _, {arbo_gate, _, _, _}} = T, Nodes, Fun) -> gated_read(T, Nodes, Fun);
+read(T, _, _) -> error({badarg, {tree, T}}).
+
+gated_read(T, Nodes, Fun) ->
     lists:foreach(fun(N) -> own(T, N) end, Nodes),
     Word = word(T),
     S = enter(T, Word, 0),
@@ -914,11 +979,22 @@ read(T, Nodes, Fun) ->
             error({stale_node, Stale})
     end.
 
+%% A native call whose exceptions name the tree instead of a source line.
+native(T, Fun) ->
+    try Fun()
+    catch error:{R, File, Line} when is_atom(R), is_list(File), is_integer(Line) ->
+            error({R, T})
+    end.
+
 %% Announce; wait while a writer is in; the stamp of the current epoch.
 enter(T, Word, Tries) ->
-    S = atomics:add_get(Word, 1, 1) bsr ?ARBO_SHIFT,
+    V = atomics:add_get(Word, 1, 1),
+    S = V bsr ?ARBO_SHIFT,
     case S band 3 of
         0 -> S;
+        %% Inside already (a reading/2 pass): the writer waits for this
+        %% process, which must not wait for it.
+        1 when V band ?ARBO_COUNT > 1 -> S band (bnot 1);
         _ ->
             atomics:sub(Word, 1, 1),
             S band 2 =:= 0 orelse error({arbo_closed, T}),

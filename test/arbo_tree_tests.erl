@@ -430,3 +430,39 @@ other_process_test() ->
                end),
     receive {keys, A, B} -> ?assertEqual(A, B), ?assertEqual(3, length(A)) end,
     ok = arbo_tree:close(T).
+
+%% One pass through the gate for many calls: the reader handle works only
+%% inside, only in its process; writers wait for the pass, and a pass that
+%% meets a waiting writer does not deadlock on itself.
+reading_test() ->
+    T = config(),
+    R = arbo_tree:root(T),
+    Ifs = arbo_tree:lookup(T, [1, 2]),
+    Self = self(),
+    {Keys, Reader} =
+        arbo_tree:reading(T, fun(RT) ->
+            First = arbo_tree:first_child(RT, Ifs),
+            Eth1 = arbo_tree:next_sibling(RT, First),
+            Mtu = arbo_tree:find(RT, Eth1, 5),
+            ?assertEqual({csval, <<12, 1500:32>>}, arbo_tree:value_raw(RT, Mtu)),
+            %% nested, and the plain handle inside
+            2 = arbo_tree:reading(T, fun(RT2) -> arbo_tree:num_children(RT2, Eth1) end),
+            ?assertEqual(3, arbo_tree:num_children(T, Ifs)),
+            ?assertError({in_reading, _}, arbo_tree:delete(T, Eth1)),
+            ?assertError({in_reading, _}, arbo_tree:clear(RT)),
+            %% a writer of another process waits; this pass still reads
+            {W, WRef} = spawn_monitor(fun() -> exit(arbo_tree:delete(T, R, 7)) end),
+            receive after 100 -> ok end,
+            ?assertEqual(3, length(arbo_tree:children(T, Ifs))),
+            ?assertEqual(3, length(arbo_tree:children(RT, Ifs))),
+            Self ! {writer, W, WRef},
+            {[arbo_tree:key(RT, N) || N <- [First, Eth1]], RT}
+        end),
+    ?assertEqual([{tuple, [{string, <<"eth0">>}]}, {tuple, [{string, <<"eth1">>}]}], Keys),
+    receive {writer, W, WRef} ->
+        receive {'DOWN', WRef, process, W, Done} -> ?assertEqual(true, Done)
+        after 5000 -> error(writer_stuck)
+        end
+    end,
+    ?assertError({reading_over, _}, arbo_tree:root(Reader)),
+    ok = arbo_tree:close(T).
