@@ -93,7 +93,8 @@ call(M, F, Args) ->
 arg() ->
     oneof([small_term(), tree, other_tree, closed_tree, node, stale_node, foreign_node, closed_node,
            filter(), key_arg(), binary(), {encoded, binary()}, list(key_elem()),
-           oneof([sorted, user_order, inclusive, all]), int(), function(2, small_term())]).
+           oneof([sorted, user_order, inclusive, all]), int(), function(2, small_term()),
+           function(1, small_term())]).
 
 %% Small random terms (PropEr's any() grows too large to generate quickly).
 small_term() ->
