@@ -128,6 +128,42 @@ Subject value_subject(const arbo_node* node) {
   return raw(b->bytes(), b->len);
 }
 
+// An encoded integer value (inline or out of line), read in place; false
+// for any other value or none.
+inline bool int_value(const arbo_node* node, bool* negative, uint64_t* mag) {
+  if (!node->is_gen() || node->has(F_KEY_IS_BIN)) return false;
+  const gen_node* g = as_gen(node);
+  const unsigned char* e;
+  size_t len;
+  if (!node->has(F_VAL_IS_BIN)) {
+    e = g->val;
+    len = g->small_len;
+  } else {
+    if (!node->has(F_VAL_IS_SMALL | F_VAL_IS_BIN_NOSTR)) return false;
+    const arbo_bin* b;
+    std::memcpy(&b, g->val, sizeof b);
+    e = b->bytes();
+    len = b->len;
+  }
+  if (len < 2) return false;
+  const unsigned char* q = e + 1;
+  int64_t sv;
+  switch (e[0]) {
+    case 6: sv = static_cast<int8_t>(q[0]); break;
+    case 7: if (len < 3) return false; sv = static_cast<int16_t>(be(q, 2)); break;
+    case 8: if (len < 5) return false; sv = static_cast<int32_t>(be(q, 4)); break;
+    case 9: if (len < 9) return false; sv = static_cast<int64_t>(be(q, 8)); break;
+    case 10: *negative = false; *mag = q[0]; return true;
+    case 11: if (len < 3) return false; *negative = false; *mag = be(q, 2); return true;
+    case 12: if (len < 5) return false; *negative = false; *mag = be(q, 4); return true;
+    case 13: if (len < 9) return false; *negative = false; *mag = be(q, 8); return true;
+    default: return false;
+  }
+  *negative = sv < 0;
+  *mag = sv < 0 ? 0 - static_cast<uint64_t>(sv) : static_cast<uint64_t>(sv);
+  return true;
+}
+
 // Element `index` of the node's key; an integer key is the signed tag.
 Subject key_subject(const arbo_node* node, uint32_t index) {
   if (!node->has(F_KEY_IS_BIN)) return signed_int(static_cast<int32_t>(node->hkey()));
@@ -230,6 +266,12 @@ void prepare_pattern(ErlNifEnv* env, ERL_NIF_TERM value, CmpPattern* p) {
 
 int filter_cmp_prepared(arbo_node* node, int match_flag, uint32_t cmp_op, ErlNifEnv* env,
                         const CmpPattern& p, int64_t index, uint64_t mask) {
+  // The usual case first: an integer value against a text pattern.
+  bool negative = false;
+  uint64_t mag = 0;
+  if (node != nullptr && index < 0 && p.is_binary && cmp_op >= 1 && cmp_op <= 6 &&
+      int_value(node, &negative, &mag))
+    return cmp_int_prepared(cmp_op, negative, mag, p);
   switch (cmp_op) {
     case 1000:    // every bit of the mask is set
     case 1001: {  // no bit of the mask is set
