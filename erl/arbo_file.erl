@@ -236,7 +236,10 @@ load(Tree, Path) -> load(Tree, Path, []).
 %%  <li>`{capture, true}': keep a copy of a short binary value on a top
 %%      level node with tag 0 (`captured' in the result).</li>
 %% </ul>
-%% Returns `{ok, Info}' (also when the file ends in a truncation mark or
+%% The bytes verified are the bytes loaded: they go to the library through a
+%% private copy in the temporary directory (`TMPDIR', else `/tmp'), so the
+%% file cannot be swapped between the check and the load. Returns `{ok,
+%% Info}' (also when the file ends in a truncation mark or
 %% stops at a checkpoint: `truncated_at' says where), `{error, {invalid_file,
 %% {Reason, Offset}}}' when verification fails (nothing is loaded), `{error,
 %% {Reason, 0}}' when the file cannot be read, or `{error, Atom}' for a
@@ -262,14 +265,44 @@ load(Tree, Path, Opts) ->
                 {error, R} -> {error, {R, 0}};
                 {ok, Bin} ->
                     case verify_binary(Bin) of
-                        ok -> load_verified(Tree, Native, Checkpoint, Capture, Progress);
+                        ok -> load_copy(Tree, Bin, Checkpoint, Capture,
+                                        {Progress, unicode:characters_to_list(Native, file:native_name_encoding())});
                         {error, E} -> {error, {invalid_file, E}}
                     end
             end
     end.
 
-load_verified(Tree, Native, Checkpoint, Capture, Progress) ->
-    Forwarder = forwarder(Progress),
+%% The library loads the very bytes that were verified, from a private copy:
+%% the file at Path could be replaced between the check and the load.
+load_copy(Tree, Bin, Checkpoint, Capture, Progress) ->
+    Dir = case os:getenv("TMPDIR") of
+              false -> "/tmp";
+              "" -> "/tmp";
+              D -> D
+          end,
+    case native_path(filename:join(Dir, "arbo_load")) of
+        {ok, Base} -> load_copy(Tree, Bin, temp_name(Base), Checkpoint, Capture, Progress);
+        error -> {error, badarg}
+    end.
+
+load_copy(Tree, Bin, Copy, Checkpoint, Capture, Progress) ->
+    case file:open(Copy, [write, exclusive, raw, binary]) of
+        {ok, Fd} ->
+            Written = file:write(Fd, Bin),
+            ok = file:close(Fd),
+            try
+                case Written of
+                    ok -> load_verified(Tree, Copy, Checkpoint, Capture, Progress);
+                    {error, _} = E -> E
+                end
+            after
+                _ = file:delete(Copy)
+            end;
+        {error, _} = E -> E
+    end.
+
+load_verified(Tree, Native, Checkpoint, Capture, {Progress, Shown}) ->
+    Forwarder = forwarder(Progress, Shown),
     try
         Reply = arbo_tree:exclusive(
                   Tree,
@@ -294,21 +327,24 @@ load_verified(Tree, Native, Checkpoint, Capture, Progress) ->
 
 %% Progress goes through a helper process: the library sends its messages
 %% from inside the load, while the caller is blocked in it.
-forwarder(undefined) -> undefined;
-forwarder(To) ->
-    {Pid, MRef} = spawn_monitor(fun() -> forward(To) end),
+forwarder(undefined, _) -> undefined;
+forwarder(To, Shown) ->
+    {Pid, MRef} = spawn_monitor(fun() -> forward(To, Shown) end),
     {Pid, MRef}.
 
 forwarder_pid(undefined) -> undefined;
 forwarder_pid({Pid, _}) -> Pid.
 
-forward(To) ->
+%% The library names the private copy it reads; the messages name the file
+%% the caller gave.
+forward(To, Shown) ->
     receive
-        {msg, Tuple} = Msg ->
-            _ = if is_pid(To) -> To ! Msg;
-                   true -> catch To(progress_map(Tuple))
+        {msg, Tuple} when tuple_size(Tuple) =:= 7 ->
+            Msg = setelement(3, Tuple, Shown),
+            _ = if is_pid(To) -> To ! {msg, Msg};
+                   true -> catch To(progress_map(Msg))
                 end,
-            forward(To);
+            forward(To, Shown);
         stop -> ok
     end.
 
