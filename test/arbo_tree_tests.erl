@@ -358,6 +358,10 @@ readers_against_deleters_test_() ->
                                  I = arbo_tree:find(T, Li, {int, 100}),
                                  I =/= none andalso arbo_tree:value(T, I),
                                  walk(T, arbo_tree:first_child(T, Li)),
+                                 %% walks hold addresses across many native
+                                 %% steps inside one pass through the gate
+                                 true = 200 >= length(arbo_tree:children(T, Li)),
+                                 arbo_tree:select(T, Li, {value, eq, [], <<"1">>}),
                                  Stale
                              catch error:{stale_node, _} -> Stale + 1
                              end,
