@@ -58,7 +58,7 @@
 %% values, flags, attributes
 -export([value/2, value_raw/2, set_value/3, clear_value/2,
          flags/2, set_flags/3, add_flags/3, clear_flags/3,
-         attr/3, set_attr/4, delete_attr/3]).
+         attr/3, set_attr/4, delete_attr/3, set_active/3, is_active/2]).
 %% moves
 -export([move_to/3, move_before/3, move_after/3]).
 %% filtered walks
@@ -652,6 +652,34 @@ delete_attr(T, N, Id) ->
     read(T, [N], fun(_) -> _ = arbo:do_set_attr(T, N#arbo_node.addr, Id, <<>>), ok end).
 
 attr_id(Id) -> (?U32(Id) andalso Id > 0) orelse error({badarg, {attribute, Id}}).
+
+%% @doc Mark a list instance active (`true') or inactive (`false'). A tree
+%% made with the `hide_inactive' option leaves inactive instances out of
+%% counting and stepping (`last_child/2' excepted); the mark is the
+%% library's attribute 0, kept in save files. Raises `{wrong_node_type,
+%% Node}' for a node that is not a list instance.
+-spec set_active(tree(), tree_node(), boolean()) -> ok.
+set_active(T, N, Active) when is_boolean(Active) ->
+    read(T, [N], fun(_) ->
+        instance(T, N),
+        Mark = case Active of
+                   true -> <<>>;                  % removes the mark
+                   false -> arbo_val:encode({bool, true})
+               end,
+        _ = arbo:do_set_attr(T, N#arbo_node.addr, 0, Mark),
+        ok
+    end);
+set_active(_, _, Active) -> error({badarg, {active, Active}}).
+
+%% @doc Whether a node is active (every node but a marked list instance is).
+-spec is_active(tree(), tree_node()) -> boolean().
+is_active(T, N) ->
+    read(T, [N], fun(_) -> arbo:do_get_attr(T, N#arbo_node.addr, 0) =:= [] end).
+
+instance(T, N) ->
+    P = N#arbo_node.parent,
+    (P =/= 0 andalso is_list_addr(T, P) andalso not is_list_addr(T, N#arbo_node.addr))
+        orelse error({wrong_node_type, N}).
 
 %% ===========================================================================
 %% Moves (user-ordered lists)

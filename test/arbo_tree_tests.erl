@@ -470,3 +470,30 @@ reading_test() ->
     end,
     ?assertError({reading_over, _}, arbo_tree:root(Reader)),
     ok = arbo_tree:close(T).
+
+%% Inactive instances, hidden by a tree made with hide_inactive.
+inactive_test() ->
+    T = arbo_tree:new([hide_inactive]),
+    L = arbo_tree:add_list(T, arbo_tree:root(T), 1, sorted),
+    [A, B, C] = [arbo_tree:add(T, L, {int, K}) || K <- [1, 2, 3]],
+    ok = arbo_tree:set_attr(T, B, 4, {uint8, 1}),
+    ok = arbo_tree:set_active(T, B, false),
+    ?assertNot(arbo_tree:is_active(T, B)),
+    ?assertEqual({uint8, 1}, arbo_tree:attr(T, B, 4)),
+    ?assertEqual([{int, 1}, {int, 3}], keys(T, L)),
+    ?assertEqual(2, arbo_tree:num_children(T, L)),
+    ?assert(arbo_tree:is_same(C, arbo_tree:next_sibling(T, A))),
+    ?assert(arbo_tree:is_same(C, arbo_tree:nth_child(T, L, 2))),
+    %% the mark survives a save and a load
+    F = filename:join("/tmp", "arbo_inactive_" ++ os:getpid()),
+    ok = arbo_tree:save(T, F),
+    T2 = arbo_tree:new([hide_inactive]),
+    {ok, _} = arbo_tree:load(T2, F),
+    ?assertEqual([{int, 1}, {int, 3}], keys(T2, arbo_tree:find(T2, arbo_tree:root(T2), 1))),
+    ok = arbo_tree:set_active(T, B, true),
+    ?assert(arbo_tree:is_active(T, B)),
+    ?assertEqual(3, arbo_tree:num_children(T, L)),
+    ?assertError({wrong_node_type, _}, arbo_tree:set_active(T, L, false)),
+    ?assertError({badarg, _}, arbo_tree:set_active(T, A, maybe)),
+    [arbo_tree:close(X) || X <- [T, T2]],
+    file:delete(F).
