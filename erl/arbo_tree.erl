@@ -75,8 +75,7 @@
 
 -include("arbo_gate.hrl").
 
-%% The library's tag form [Ns | Tag] is an improper list on purpose.
--dialyzer({no_improper_lists, [cpath/1, htag/1, find_arg/1]}).
+-import(arbo_tree_keys, [htag/1, add_arg/1, find_arg/1, del_arg/2, key_term/2]).
 
 -record(arbo_node, {table, stamp, addr, parent}).
 
@@ -788,61 +787,8 @@ dec(N) -> N - 1.
 %% included).
 -spec compile_filter(filter()) -> term().
 compile_filter(all) -> [];
-compile_filter(F) -> cf(F, 0).
+compile_filter(F) -> arbo_tree_filter:compile(F).
 
--define(MAX_DEPTH, 64).
-cf(F, D) when D > ?MAX_DEPTH -> error({bad_filter, {too_deep, F}});
-cf({'and', A, B}, D) -> {1, cf(A, D + 1), cf(B, D + 1)};
-cf({'or', A, B}, D) -> {0, cf(A, D + 1), cf(B, D + 1)};
-cf({'not', A}, D) -> {2, cf(A, D + 1)};
-cf({exists, Path}, _) -> {4, cpath(Path)};
-cf({value, Op, Path, Pat}, _) -> {3, text_op(Op), cpath(Path), pattern(Pat)};
-cf({key, Op, I, Pat}, _) when ?U32(I) -> {101, text_op(Op), I, pattern(Pat)};
-cf({has_value, Path}, _) -> {3, 1002, cpath(Path), <<>>};
-cf({flags_all, Path, M}, _) when ?U64(M) -> {3, 1000, cpath(Path), M};
-cf({flags_none, Path, M}, _) when ?U64(M) -> {3, 1001, cpath(Path), M};
-cf({flags_masked, Path, M, V}, _) when ?U64(M), ?U64(V) -> {7, 1003, cpath(Path), V, M};
-%% The library's numeric forms.
-cf({Op, A, B}, D) when Op =:= 0; Op =:= 1 -> {Op, cf(A, D + 1), cf(B, D + 1)};
-cf({2, A}, D) -> {2, cf(A, D + 1)};
-cf({4, Path}, _) -> {4, npath(Path)};
-cf({Op, C, Path, V}, _) when Op =:= 3; Op =:= 5 -> {Op, ncmp(C, V), npath(Path), V};
-cf({7, C, Path, V, M}, _) when ?U64(M) -> {7, ncmp(C, V), npath(Path), V, M};
-cf({Op, C, I, V}, _) when (Op =:= 101 orelse Op =:= 102), ?U32(I) -> {Op, ncmp(C, V), I, V};
-cf(F, _) -> error({bad_filter, F}).
-
-text_op(eq) -> 1;
-text_op(ne) -> 2;
-text_op(gt) -> 3;
-text_op(ge) -> 4;
-text_op(lt) -> 5;
-text_op(le) -> 6;
-text_op(Op) -> error({bad_filter, {operator, Op}}).
-
-pattern(B) when is_binary(B) -> B;
-pattern(I) when is_integer(I) -> integer_to_binary(I);
-pattern(P) -> error({bad_filter, {pattern, P}}).
-
-cpath(Path) when is_list(Path) ->
-    [case E of
-         {Ns, Tag} when ?U32(Ns), ?U32(Tag) -> [Ns | Tag];
-         Tag when ?U32(Tag) -> Tag;
-         _ -> error({bad_filter, {path, Path}})
-     end || E <- Path];
-cpath(Path) -> error({bad_filter, {path, Path}}).
-
-npath(Path) when is_list(Path) ->
-    lists:foreach(fun([Ns | Tag]) when ?U32(Ns), ?U32(Tag) -> ok;
-                     (Tag) when ?U32(Tag) -> ok;
-                     (_) -> error({bad_filter, {path, Path}})
-                  end, Path),
-    Path;
-npath(Path) -> error({bad_filter, {path, Path}}).
-
-%% Comparison operators the library knows; any other one aborts it.
-ncmp(C, _) when C >= 1, C =< 6, is_integer(C) -> C;
-ncmp(C, _) when C >= 1000, C =< 1003, is_integer(C) -> C;
-ncmp(C, _) -> error({bad_filter, {operator, C}}).
 
 %% ===========================================================================
 %% Iterator stacks
@@ -1092,60 +1038,3 @@ holds_value(T, N) ->
         _ -> error({wrong_node_type, N})
     end.
 
-%% ---- key arguments ---------------------------------------------------------
-
-htag(Tag) when ?U32(Tag) -> Tag;
-htag({Ns, Tag}) when ?U32(Ns), ?U32(Tag) -> [Ns | Tag];
-htag(Name) -> error({badarg, {name, Name}}).
-
-%% Instance keys for add_hkey (and rename_instance0: the same codes).
-add_arg({int, N}) when ?I32(N) -> {N, 4};
-add_arg(N) when ?I32(N) -> {N, 4};
-add_arg({pair, Ns, N}) when ?I32(N), is_integer(Ns), Ns >= 0, Ns =< 16#7fffffff -> {{Ns, N}, 27};
-add_arg({tuple, Elems}) when is_list(Elems) -> {arbo_key:encode(Elems), 5};
-add_arg(Elems) when is_list(Elems) -> {arbo_key:encode(Elems), 5};
-add_arg({encoded, B}) when is_binary(B) -> {encoded(B), 5};
-add_arg({opaque, B}) when is_binary(B), byte_size(B) =< 16#7fffffff -> {B, 6};
-add_arg(K) -> error({badarg, {key, K}}).
-
-%% Keys for find_child: names, and instance keys.
-find_arg(Tag) when ?U32(Tag) -> {Tag, 10};
-find_arg({Ns, Tag}) when ?U32(Ns), ?U32(Tag) -> {[Ns | Tag], 10};
-find_arg({int, N}) when ?I32(N) -> {{N}, 10};
-find_arg({pair, Ns, N}) when ?I32(N), is_integer(Ns), Ns >= 0, Ns =< 16#7fffffff ->
-    {{Ns, N}, 28};
-find_arg({tuple, Elems}) when is_list(Elems) -> {arbo_key:encode(Elems), 12};
-find_arg(Elems) when is_list(Elems) -> {arbo_key:encode(Elems), 12};
-find_arg({encoded, B}) when is_binary(B) -> {encoded(B), 12};
-find_arg({opaque, B}) when is_binary(B), byte_size(B) =< 16#7fffffff -> {B, 53};
-find_arg(K) -> error({badarg, {key, K}}).
-
-%% An encoded tuple key given as bytes: only what the library can parse.
-encoded(B) ->
-    case arbo_key:validate(B) of
-        ok -> B;
-        {error, R} -> error({badarg, {key, {encoded, B}, R}})
-    end.
-
-%% A node's key as get_hkey0 reads it, turned into del_hkey's key and code
-%% and find_child's code.
-del_arg({binary, B}, _) -> {B, 15, 12};
-del_arg({B}, _) when is_binary(B) -> {B, 52, 53};
-del_arg({{Ns, Tag}}, _) -> {{signed(Ns), signed(Tag)}, 29, 28};
-del_arg({I}, _) -> {{I}, 13, 10};
-del_arg(K, _) -> {K, 13, 10}.
-
-key_term({binary, B}, _) ->
-    case arbo_key:decode(B) of
-        {ok, Elems} -> {tuple, Elems};
-        {error, _} -> {binary, B}
-    end;
-key_term({B}, _) when is_binary(B) -> {opaque, B};
-key_term({{Ns, Tag}}, _) -> {pair, Ns, signed(Tag)};
-key_term({I}, _) -> {int, I};
-key_term([Ns | Tag], _) -> {Ns, Tag};
-key_term(Tag, true) -> {pair, 0, signed(Tag)};
-key_term(Tag, false) -> Tag.
-
-signed(X) when X >= 16#80000000 -> X - 16#100000000;
-signed(X) -> X.
