@@ -205,6 +205,7 @@ inline bool is_inactive(const arbo_node* n) {
 // ---- the table handle ----------------------------------------------------------
 struct arbo_alloc_state;
 struct iter_stack;
+struct node_pool;
 
 struct arbo_t {
   ErlNifRWLock* lock;
@@ -215,6 +216,7 @@ struct arbo_t {
   arbo_alloc_state* alloc_state;
   arbo_node* root;      // null once closed
   iter_stack* iter_nodes;
+  node_pool* pool;      // where the nodes live; null before creation and once closed
 };
 
 // Every allocating store operation receives the table (for the counters) and

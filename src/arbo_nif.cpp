@@ -138,6 +138,7 @@ ARBO_NIF_FN(new_arbo) {
   ARBO_ASSERT_MSG(t->lock != nullptr, "d->lock");
   t->mem = 0;
   t->alloc_state = _arbo_nif_get_alloc_state(env);
+  t->pool = _arbo_pool_create();
   store_ctx ctx{t, env};
   // The root is counted in mem but not in size: a fresh table reports size 0.
   t->root = _arbo_nif_node_alloc(&ctx, T_GEN_NODE_MAX);
@@ -149,12 +150,15 @@ ARBO_NIF_FN(new_arbo) {
   return term;
 }
 
-// Frees the stacks and the whole tree; the table is closed afterwards.
+// Frees the stacks, the whole tree and then the node pool; the table is
+// closed afterwards.
 static void free_tree(arbo_t* t, ErlNifEnv* env) {
   iter_nodes_free_all(t);
   store_ctx ctx{t, env};
   _arbo_nif_do_del_node(t->root, &ctx, 1, 1);
   t->root = nullptr;
+  _arbo_pool_destroy(t->pool);
+  t->pool = nullptr;
 }
 
 ARBO_NIF_FN(close_arbo) {
@@ -200,6 +204,8 @@ static void arbo_type_destroy(ErlNifEnv* env, void* obj) {
   auto* t = static_cast<arbo_t*>(obj);
   // Nobody else holds a reference any more: no lock needed.
   if (t->root != nullptr) free_tree(t, env);
+  _arbo_pool_destroy(t->pool);
+  t->pool = nullptr;
   if (t->lock != nullptr) enif_rwlock_destroy(t->lock);
 }
 

@@ -99,9 +99,23 @@ long _arbo_nif_random(ErlNifEnv* env) {
 
 // ---- nodes and binaries ----------------------------------------------------------
 
+// Under AddressSanitizer every node is its own enif_alloc block, so the
+// sanitizer sees each node's lifetime; a table without a pool does the same.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr bool kPoolNodes = false;
+#else
+constexpr bool kPoolNodes = true;
+#endif
+
 arbo_node* _arbo_nif_node_alloc(store_ctx* ctx, uint32_t type) {
   size_t sz = node_size(type);
-  auto* node = static_cast<arbo_node*>(enif_alloc(sz));
+  ARBO_ASSERT(sz != 0);
+  node_pool* pool = ctx->table->pool;
+  arbo_node* node;
+  if (kPoolNodes && pool != nullptr)
+    node = static_cast<arbo_node*>(_arbo_pool_alloc(pool, _arbo_pool_class(sz)));
+  else
+    node = static_cast<arbo_node*>(enif_alloc(sz));
   ARBO_ASSERT(node);
   std::memset(static_cast<void*>(node), 0, sz);
   node->tw = type;
@@ -115,7 +129,9 @@ arbo_node* _arbo_nif_node_alloc(store_ctx* ctx, uint32_t type) {
 int _arbo_nif_node_free(arbo_node* node, store_ctx* ctx) {
   if (node == nullptr) return 0;
   size_t sz = node_size(node->type());
-  enif_free(node);
+  node_pool* pool = ctx->table->pool;
+  if (kPoolNodes && pool != nullptr) _arbo_pool_free(pool, node);
+  else enif_free(node);
   ctx->table->mem -= sz;
   ctx->table->size--;
   ctx->table->alloc_state->mem -= sz;

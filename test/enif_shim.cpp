@@ -162,6 +162,7 @@ TestTable::TestTable() {
   }
   std::memset(static_cast<void*>(&table), 0, sizeof(table));
   table.alloc_state = static_cast<arbo::arbo_alloc_state*>(enif_priv_data(nullptr));
+  table.pool = arbo::_arbo_pool_create();
   ctx = arbo::store_ctx{&table, nullptr};
   table.root = arbo::_arbo_nif_node_alloc(&ctx, arbo::T_GEN_NODE_MAX);
   table.size = 0;
@@ -169,6 +170,7 @@ TestTable::TestTable() {
 
 TestTable::~TestTable() {
   if (table.root != nullptr) arbo::_arbo_nif_do_del_node(table.root, &ctx, 1, arbo::kNoFixup);
+  arbo::_arbo_pool_destroy(table.pool);
 }
 
 }  // namespace arbo_shim
