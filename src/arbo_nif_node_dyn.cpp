@@ -200,9 +200,23 @@ bool is_user_list(const arbo_node* parent) {
 
 arbo_node* sl_search(arbo_node* parent, const skey& k, sl_path update) {
   dyn_node* d = as_dyn(parent);
+  const int mode = d->cmp;
   gen_node* x = dn_header(parent);
+  // The node that ended the level above compares >= k; met again one level
+  // down it ends that level too, without a second comparison.
+  arbo_node* stop = nullptr;
   for (int i = d->curh; i >= 0; --i) {
-    while (x->next[i] != nullptr && sl_cmp(x->next[i], k, d->cmp) < 0) x = as_gen(x->next[i]);
+    // The candidate after a step down is x->next[i - 1]: start fetching it
+    // while this level is still being compared.
+    if (i > 0) __builtin_prefetch(x->next[i - 1]);
+    for (arbo_node* nx = x->next[i]; nx != stop; nx = x->next[i]) {
+      if (sl_cmp(nx, k, mode) >= 0) {
+        stop = nx;
+        break;
+      }
+      x = as_gen(nx);
+      if (i > 0) __builtin_prefetch(x->next[i - 1]);
+    }
     update[i] = x;
   }
   return update[0]->next[0];
