@@ -11,6 +11,9 @@ if [ "${ARBO_ASAN:-0}" = 1 ]; then
   export LD_PRELOAD="$(g++ -print-file-name=libasan.so) $(g++ -print-file-name=libubsan.so)"
   export ASAN_OPTIONS="detect_leaks=0:abort_on_error=1:halt_on_error=1"
   export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
+  # +Mea min: the VM's own allocators step aside for malloc, so the sanitizer
+  # sees every node's lifetime (and child VMs started by the suites inherit it).
+  export ERL_FLAGS="${ERL_FLAGS:-} +Mea min"
   label="sanitizer build"
 else
   label="release build"
