@@ -11,8 +11,10 @@
 // Each chunk serves one class, hands out slots first from its own free list,
 // then from a bump pointer, and counts its live slots. Chunks with room are
 // linked per class; a chunk whose last slot is freed goes back to the
-// runtime at once. Chunks grow from 1 page to 16 pages as a class grows, so a
-// small table stays small.
+// runtime at once (a table that shrinks gives memory back; one node freed and
+// made again at a chunk boundary pays one enif_alloc, as it would without the
+// pool). Chunks grow from 1 page to 16 pages as a class grows, so a small
+// table stays small.
 #include <cstddef>
 #include <cstring>
 
@@ -32,9 +34,9 @@ struct free_slot {
   free_slot* next;
 };
 
-// The chunk header, in the first 64 bytes of the chunk's first page.
 }  // namespace
 
+// The chunk header, in the first 128 bytes of the chunk's first page.
 struct pool_chunk {
   pool_chunk* self;  // every page starts with this word
   void* block;       // what enif_alloc returned
