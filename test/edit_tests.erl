@@ -1,8 +1,9 @@
 %% Tree editing from Erlang: containers and namespaces, sorted lists in the
 %% cases the store model leaves out, key storage and renames with exact
-%% accounting, user-ordered lists across their index thresholds, deletion,
-%% generation moves, and one table-driven generator per error family.
-%% Random sequences of the same calls are checked in store_prop_tests.
+%% accounting, deletion, generation moves, and one table-driven generator per
+%% error family. Random sequences of the same calls, user-ordered lists
+%% across their index thresholds included, are checked in store_prop_tests
+%% (their exact per-step figures in store_test.cpp).
 -module(edit_tests).
 -include_lib("eunit/include/eunit.hrl").
 
@@ -15,7 +16,6 @@
 -define(DYN_MEM, 120).
 -define(ONE_MEM, 56).
 -define(TWO_MEM, 64).
--define(HT_KEY, 16).
 
 %% An encoded key of one string element.
 str(S) -> <<200, (byte_size(S)), S/binary>>.
@@ -136,39 +136,6 @@ rename_instance_test() ->
         ?assertEqual({[{binary, str(<<"k">>)}, {binary:copy(<<"k">>, 20)}], M0 - 38 + 28},
                      {child_keys(T, L), arbo:get_mem(T)})
     end).
-
-%% ---- user-ordered lists across the index thresholds ---------------------------
-
-%% Instances have a fixed size here, so every figure is exact: the index is
-%% built at the 128th instance (a 16-byte key record per instance), each
-%% removal while it exists leaves its lookup record counted (kept), and the
-%% index goes when a removal starts at 64 instances.
-user_ordered_thresholds_test() ->
-    with_table(fun(T) ->
-        L = arbo:add_hkey_dyn(T, arbo:get_root(T), 1, 3),
-        Base = ?ROOT_MEM + ?DYN_MEM,
-        Mem = fun(N, Indexed, Leaked) ->
-                  Base + N * ?TWO_MEM + (N * b2i(Indexed) + Leaked) * ?HT_KEY
-              end,
-        [begin
-             _ = arbo:add_hkey(T, L, K, 4),
-             ?assertEqual({K, Mem(K, K >= 128, 0)}, {K, arbo:get_mem(T)})
-         end || K <- lists:seq(1, 200)],
-        [begin
-             true = arbo:del_hkey(T, L, {K}, 13),
-             ?assertEqual({K, Mem(200 - K, 200 - K >= 64, min(K, 137))}, {K, arbo:get_mem(T)})
-         end || K <- lists:seq(1, 150)],
-        ?assertEqual([{K} || K <- lists:seq(151, 200)], child_keys(T, L)),
-        %% rebuild past the threshold, then drop the whole list: the index
-        %% and every key record go with it, the leaked lookups stay
-        [arbo:add_hkey(T, L, K, 4) || K <- lists:seq(1000, 1100)],
-        ?assertEqual(Mem(151, true, 137), arbo:get_mem(T)),
-        ?assert(arbo:del_hkey(T, arbo:get_root(T), 1, 13)),
-        ?assertEqual({0, ?ROOT_MEM + 137 * ?HT_KEY}, {arbo:get_size(T), arbo:get_mem(T)})
-    end).
-
-b2i(true) -> 1;
-b2i(false) -> 0.
 
 %% ---- deletion and accounting ----------------------------------------------------
 

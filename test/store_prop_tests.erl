@@ -5,17 +5,13 @@
 %% generation) and once more, in full, at the end, where freeing the tree
 %% must give back every byte but the lookup records that indexed
 %% user-ordered lists keep on purpose.
-%%
-%% For other suites: commands/0 is a generator of random trees (command
-%% lists), build/2 applies one to a fresh table, snapshot/1 reads any tree
-%% back as a plain term (keys, types, values, flags, attributes, children in
-%% order), so that round trips can compare snapshot before and after.
 -module(store_prop_tests).
 -include_lib("eunit/include/eunit.hrl").
 
--export([commands/0, build/2, snapshot/1, prop_model/0]).
+-export([prop_model/0]).
 
--import(arbo_tree_util, [with_table/1, children/2]).
+-import(walk_util, [with_table/1, children/2]).
+-import(proper_types, [range/2, elements/1, frequency/1]).
 
 %% The lists every tree starts with, under the root at tags 1..7 (ns 0):
 %% {tag, ordering mode, key family}.
@@ -27,7 +23,7 @@
 
 -record(it, {key, ref, kflags = [], val = undefined, uflags = 0, attrs = []}).
 -record(l, {ref, mode, fam, idx = false, items = []}).
--record(m, {t, root, lists = #{}, leaves = [], gen = 0, leaked = 0, check = true,
+-record(m, {t, root, lists = #{}, leaves = [], gen = 0, leaked = 0,
             events = []}).  % index_built / index_dropped, for the statistics
 
 %% ---- the property -------------------------------------------------------------
@@ -42,7 +38,7 @@ prop_model() ->
     proper:forall(commands(), fun(Cmds) ->
         %% failures come back as false, not as exceptions: this PropEr
         %% cannot report an exception on this OTP (no get_stacktrace)
-        try with_table(fun(T) -> run(T, Cmds, true) end) of
+        try with_table(fun(T) -> run(T, Cmds) end) of
             Events -> proper:aggregate([{index, lists:usort(Events)}], true)
         catch
             C:E:St ->
@@ -57,40 +53,22 @@ prop_model() ->
 commands() -> proper_types:resize(60, proper_types:list(command())).
 
 command() ->
-    Idx = proper_types:range(1, length(?LISTS)),
-    Seed = proper_types:range(0, 337),
-    Pos = proper_types:range(0, 999),
+    Idx = range(1, length(?LISTS)),
+    {Seed, Pos} = {range(0, 337), range(0, 999)},
     %% bulk changes mostly hit the user-ordered lists, to cross their thresholds
-    Bulk = proper_types:frequency([{1, Idx}, {3, proper_types:elements([6, 7])}]),
-    proper_types:frequency([
-        {10, {add, Idx, Seed}},
-        {3, {add_many, Bulk, Seed, proper_types:range(1, 200)}},
-        {6, {del, Idx, Seed}},
-        {3, {del_many, Bulk, Seed, proper_types:range(1, 200)}},
-        {2, {thin, Bulk, proper_types:range(0, 80)}},
-        {4, {rename, Idx, Pos, Seed}},
-        {4, {set_val, Idx, Pos, proper_types:elements([17, 18, 37, 99]),
-             proper_types:range(0, 24)}},
-        {2, {set_flags, Idx, Pos, proper_types:elements(?FLAG_VALUES)}},
-        {3, {set_attr, Idx, Pos, proper_types:range(0, 3), proper_types:range(0, 14)}},
-        {3, {leaf_add, proper_types:range(1, 3), proper_types:range(0, 5)}},
-        {1, {leaf_del, proper_types:range(1, 3), proper_types:range(0, 5)}},
-        {1, {leaf_del_ns, proper_types:range(1, 4)}},
-        {2, {leaf_rename, Pos, proper_types:range(1, 3)}}]).
+    Bulk = frequency([{1, Idx}, {3, elements([6, 7])}]),
+    frequency([{10, {add, Idx, Seed}}, {3, {add_many, Bulk, Seed, range(1, 200)}},
+               {6, {del, Idx, Seed}}, {3, {del_many, Bulk, Seed, range(1, 200)}},
+               {2, {thin, Bulk, range(0, 80)}}, {4, {rename, Idx, Pos, Seed}},
+               {4, {set_val, Idx, Pos, elements([17, 18, 37, 99]), range(0, 24)}},
+               {2, {set_flags, Idx, Pos, elements(?FLAG_VALUES)}},
+               {3, {set_attr, Idx, Pos, range(0, 3), range(0, 14)}},
+               {3, {leaf_add, range(1, 3), range(0, 5)}}, {1, {leaf_del, range(1, 3), range(0, 5)}},
+               {1, {leaf_del_ns, range(1, 4)}}, {2, {leaf_rename, Pos, range(1, 3)}}]).
 
-%% Applies Cmds to the fresh table T without checking; returns ok.
-build(T, Cmds) ->
-    M = lists:foldl(fun(C, M) -> step(C, M) end, new_model(T, false), Cmds),
-    _ = M,
-    ok.
-
-run(T, Cmds, Check) ->
-    M0 = new_model(T, Check),
-    M = lists:foldl(fun(C, Acc) ->
-            Acc1 = step(C, Acc),
-            check_step(C, Acc1),
-            Acc1
-        end, M0, Cmds),
+run(T, Cmds) ->
+    M = lists:foldl(fun(C, Acc) -> Acc1 = step(C, Acc), check_step(C, Acc1), Acc1 end,
+                    new_model(T), Cmds),
     check_all(M),
     %% freeing everything gives back every byte but the kept lookup records
     ok = arbo:del_all(T),
@@ -99,11 +77,11 @@ run(T, Cmds, Check) ->
     expect(final_mem, ?ROOT_MEM + ?HT_KEY * M#m.leaked, arbo:get_mem(T)),
     M#m.events.
 
-new_model(T, Check) ->
+new_model(T) ->
     R = arbo:get_root(T),
     Ls = maps:from_list([{Tag, #l{ref = arbo:add_hkey_dyn(T, R, Tag, Mode), mode = Mode, fam = F}}
                          || {Tag, Mode, F} <- ?LISTS]),
-    #m{t = T, root = R, lists = Ls, check = Check}.
+    #m{t = T, root = R, lists = Ls}.
 
 %% ---- keys of each family ----------------------------------------------------------
 
@@ -121,7 +99,7 @@ rename_key(int, S) when S rem 7 =:= 5, S div 2 >= 40 ->
     H = S div 2 - 40, Ns = (S div 2) rem 3, {4, [Ns | H], {int, H, Ns}, [tuple]};
 rename_key(int, S) -> H = S div 2 - 40, Ns = (S div 2) rem 3, {27, {Ns, H}, {int, H, Ns}, [btuple]};
 rename_key(int3, S) -> {4, {S - 20}, {int, S - 20, 0}, [tuple]};
-rename_key(Fam, S) -> {C, B, K, F} = add_key(Fam, S), {C, B, K, F}.
+rename_key(Fam, S) -> add_key(Fam, S).
 
 letters(S, Mod) -> binary:copy(<<($a + (S div Mod) rem 26)>>, S rem Mod).
 
@@ -131,15 +109,11 @@ enc(S) when S rem 50 =:= 1 -> <<>>;
 enc(S) when S rem 3 =:= 0 -> <<8, (S div 3 - 30):32/signed>>;
 enc(S) -> Str = letters(S, 14), <<200, (byte_size(Str)), Str/binary>>.
 
-del_form({int, Tag, 0}) -> {13, {Tag}};
-del_form({int, Tag, Ns}) -> {29, {Ns, Tag}};
-del_form({bin, 5, B}) -> {15, B};
-del_form({bin, 6, B}) -> {52, B}.
-
-find_form({int, Tag, 0}) -> {11, {Tag}};
-find_form({int, Tag, Ns}) -> {28, {Ns, Tag}};
-find_form({bin, 5, B}) -> {12, B};
-find_form({bin, 6, B}) -> {53, B}.
+%% {delete code, find code, key term}
+key_form({int, Tag, 0}) -> {13, 11, {Tag}};
+key_form({int, Tag, Ns}) -> {29, 28, {Ns, Tag}};
+key_form({bin, 5, B}) -> {15, 12, B};
+key_form({bin, 6, B}) -> {52, 53, B}.
 
 %% The key order of sorted lists: byte keys first; integers by signed tag,
 %% then namespace; opaque bytes by content then length (mode 1: length
@@ -271,7 +245,7 @@ del(Idx, S, M) ->
 
 del_key(Idx, Key, M) ->
     L = get_list(Idx, M),
-    {Code, Term} = del_form(Key),
+    {Code, _, Term} = key_form(Key),
     Want = lists:keymember(Key, #it.key, L#l.items),
     expect({del, Term, Code}, Want, arbo:del_hkey(M#m.t, L#l.ref, Term, Code)),
     case Want of
@@ -320,14 +294,10 @@ b2i(false) -> 0.
 expect(_What, Want, Want) -> ok;
 expect(What, Want, Got) -> error({mismatch, What, {want, Want}, {got, Got}}).
 
-check_step(_, #m{check = false}) -> ok;
 check_step(Cmd, M) ->
     check_shape(M),
-    case element(1, Cmd) of
-        leaf_add -> ok;
-        leaf_del -> ok;
-        leaf_del_ns -> ok;
-        leaf_rename -> ok;
+    case atom_to_list(element(1, Cmd)) of
+        "leaf_" ++ _ -> ok;
         _ -> check_list(element(2, Cmd), M)
     end.
 
@@ -356,7 +326,7 @@ check_list(Idx, M = #m{t = T}) ->
     expect({order, Idx}, [It#it.ref || It <- L#l.items], children(T, L#l.ref)),
     lists:foreach(fun(It = #it{ref = Ref}) ->
         expect({hkey, Idx, It#it.key}, hkey(It), arbo:get_hkey0(T, Ref)),
-        {FC, FK} = find_form(It#it.key),
+        {_, FC, FK} = key_form(It#it.key),
         expect({find, Idx, It#it.key}, Ref, arbo:find_child(T, L#l.ref, FK, FC)),
         expect({val, Idx, It#it.key}, It#it.val, arbo:get_val_raw(T, Ref)),
         expect({flags, Idx, It#it.key}, It#it.uflags, arbo:get_flags(T, Ref)),
@@ -364,17 +334,3 @@ check_list(Idx, M = #m{t = T}) ->
                 case lists:keyfind(K, 1, It#it.attrs) of false -> []; {K, B} -> attr_value(B) end,
                 arbo:do_get_attr(T, Ref, K)) || K <- [0, 1, 2, 3]]
     end, L#l.items).
-
-%% ---- reading a whole tree back -------------------------------------------------
-
-%% Every node below the root as {Key, Type, Value, Flags, Attributes,
-%% Children}, children in chain order; attributes as {Key, Value}.
-snapshot(T) -> [node_snapshot(T, C) || C <- children(T, arbo:get_root(T))].
-
-node_snapshot(T, N) ->
-    {arbo:get_hkey0(T, N), arbo:get_type(T, N), arbo:get_val_raw(T, N), arbo:get_flags(T, N),
-     attrs(T, arbo:get_attr_root(T, N)), [node_snapshot(T, C) || C <- children(T, N)]}.
-
-attrs(_T, 0) -> [];
-attrs(T, A) ->
-    [{arbo:get_hkey0(T, A), arbo:get_val_raw(T, A)} | attrs(T, arbo:next_sibling_nif(T, A, [], 0))].
