@@ -71,10 +71,12 @@ outcome_of({error, E}) -> E.
 save_cases() ->
     V255 = binary:copy(<<"x">>, 255),
     V256 = binary:copy(<<"y">>, 256),
-    [{"leaf", fun(T, R) -> arbo:add_hkey(T, R, 5, 2) end, [cd(5), up()]},
-     {"container and namespaced leaf",
-      fun(T, R) -> C = arbo:add_hkey_internal(T, R, 1), arbo:add_hkey(T, C, [3 | 9], 2) end,
-      [cd_int(1), cd_ns(3, 9), up(), up()]},
+    [{"container, namespaced leaf, leaf",
+      fun(T, R) ->
+              arbo:add_hkey(T, R, 5, 2),
+              arbo:add_hkey(T, arbo:add_hkey_internal(T, R, 1), [3 | 9], 2)
+      end,
+      [cd_int(1), cd_ns(3, 9), up(), up(), cd(5), up()]},
      {"sorted list of integer instances",
       fun(T, R) ->
               D = arbo:add_hkey_dyn(T, R, 7, 0),
