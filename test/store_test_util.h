@@ -73,25 +73,22 @@ inline std::string encoded_key(int32_t a, const std::string& s) {
 
 // An indexed removal from a user-ordered list keeps its 16-byte lookup record
 // allocated on purpose; the leak checker ignores what this scope allocates.
-struct KeptRecords {
 #ifdef ARBO_TEST_LSAN
-  KeptRecords() { __lsan_disable(); }
-  ~KeptRecords() { __lsan_enable(); }
+using KeptRecords = __lsan::ScopedDisabler;
 #else
+struct KeptRecords {
   KeptRecords() {}
-  ~KeptRecords() {}
-#endif
 };
+#endif
 
 // The table's counters at one moment.
 struct Counters {
-  uint64_t mem;
+  uint64_t mem, lib;
   uint32_t size;
-  uint64_t lib;
   long resources;
 };
 inline Counters counters(arbo_shim::TestTable& t) {
-  return {t.table.mem, t.table.size, t.table.alloc_state->mem.load(), arbo_shim::live_resources()};
+  return {t.table.mem, t.table.alloc_state->mem.load(), t.table.size, arbo_shim::live_resources()};
 }
 
 }  // namespace store_test
