@@ -2,6 +2,7 @@
 // lengths a caller adds up when it appends pieces.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 
@@ -11,34 +12,46 @@ using namespace arbo;
 
 namespace {
 
-constexpr char kFill = '#';
-
-// A buffer of 8 fill bytes; `written` reports how many were touched.
+// A buffer of 8 fill bytes; `touched` counts those written.
 struct Buf {
   char b[8];
-  Buf() { std::memset(b, kFill, sizeof b); }
-  int touched() const {
-    int n = 0;
-    for (char c : b) n += c != kFill;
-    return n;
-  }
+  Buf() { std::memset(b, '#', sizeof b); }
+  int touched() const { return static_cast<int>(8 - std::count(b, b + 8, '#')); }
 };
 
-TEST(MirelString, Strncpy) {
+TEST(MirelString, CopiesAndFormats) {
+  enum Fn { kStrncpy, kStrlcpy, kSnprintf };
   const struct {
+    Fn fn;
     int32_t dst_size;
     const char* src;
-    int32_t src_len;
-    int32_t ret;
+    int32_t src_len, ret;
     const char* text;  // written text, null when nothing is written
   } rows[] = {
-      {4, "abcdef", 6, 3, "abc"},   {0, "abcdef", 6, 0, nullptr}, {-3, "abcdef", 6, 0, nullptr},
-      {4, "abcdef", -5, 0, ""},     {8, "abcdef", 6, 6, "abcdef"}, {7, "abcdef", 6, 6, "abcdef"},
-      {6, "abcdef", 6, 5, "abcde"}, {1, "abcdef", 6, 0, ""},        {8, "ab", 2, 2, "ab"},
+      {kStrncpy, 4, "abcdef", 6, 3, "abc"},
+      {kStrncpy, 0, "abcdef", 6, 0, nullptr},
+      {kStrncpy, -3, "abcdef", 6, 0, nullptr},
+      {kStrncpy, 4, "abcdef", -5, 0, ""},
+      {kStrncpy, 7, "abcdef", 6, 6, "abcdef"},
+      {kStrncpy, 6, "abcdef", 6, 5, "abcde"},
+      {kStrncpy, 1, "abcdef", 6, 0, ""},
+      {kStrlcpy, 4, "abcdef", 0, 6, "abc"},
+      {kStrlcpy, 0, "abcdef", 0, 6, nullptr},
+      {kStrlcpy, -1, "abcdef", 0, 6, nullptr},
+      {kStrlcpy, 7, "abcdef", 0, 6, "abcdef"},
+      {kStrlcpy, 1, "abcdef", 0, 6, ""},
+      {kStrlcpy, 8, "abcdefghijkl", 0, 12, "abcdefg"},
+      {kSnprintf, -1, "12345", 0, 5, nullptr},
+      {kSnprintf, 0, "xyz", 0, 3, nullptr},
+      {kSnprintf, 4, "12-ab", 0, 5, "12-"},
+      {kSnprintf, 8, "ff", 0, 2, "ff"},
   };
   for (const auto& r : rows) {
     Buf d;
-    EXPECT_EQ(mirel_strncpy(d.b, r.dst_size, r.src, r.src_len), r.ret) << r.dst_size << r.src_len;
+    const int32_t got = r.fn == kStrncpy   ? mirel_strncpy(d.b, r.dst_size, r.src, r.src_len)
+                        : r.fn == kStrlcpy ? mirel_strlcpy(d.b, r.src, r.dst_size)
+                                           : mirel_snprintf(d.b, r.dst_size, "%s", r.src);
+    EXPECT_EQ(got, r.ret) << r.fn << " " << r.dst_size << " " << r.src;
     if (r.text == nullptr) {
       EXPECT_EQ(d.touched(), 0);
     } else {
@@ -50,26 +63,8 @@ TEST(MirelString, Strncpy) {
   Buf d;
   EXPECT_EQ(mirel_strncpy(d.b, 8, "a\0b", 3), 3);
   EXPECT_EQ(std::memcmp(d.b, "a\0b\0", 4), 0);
-}
-
-TEST(MirelString, Strlcpy) {
-  const struct {
-    const char* src;
-    int32_t size;
-    const char* text;
-  } rows[] = {
-      {"abcdef", 4, "abc"}, {"abcdef", 0, nullptr}, {"abcdef", -1, nullptr}, {"abcdef", 7, "abcdef"},
-      {"abcdef", 1, ""},    {"", 8, ""},            {"abcdefghijkl", 8, "abcdefg"},
-  };
-  for (const auto& r : rows) {
-    Buf d;
-    EXPECT_EQ(mirel_strlcpy(d.b, r.src, r.size), static_cast<int32_t>(std::strlen(r.src)));
-    if (r.text == nullptr) {
-      EXPECT_EQ(d.touched(), 0);
-    } else {
-      EXPECT_STREQ(d.b, r.text);
-    }
-  }
+  EXPECT_EQ(mirel_snprintf(d.b, 8, "%d-%x", 12, 255), 5);
+  EXPECT_STREQ(d.b, "12-ff");
   // Appending pieces: the position runs past the end, the capacity handed on
   // falls to zero or below, and nothing more is written.
   char line[8];
@@ -79,18 +74,6 @@ TEST(MirelString, Strlcpy) {
   }
   EXPECT_EQ(pos, 11);
   EXPECT_STREQ(line, "abcdefg");
-}
-
-TEST(MirelString, Snprintf) {
-  Buf d;
-  EXPECT_EQ(mirel_snprintf(d.b, -1, "%d", 12345), 5);
-  EXPECT_EQ(d.touched(), 0);
-  EXPECT_EQ(mirel_snprintf(d.b, 0, "%s", "xyz"), 3);
-  EXPECT_EQ(d.touched(), 0);
-  EXPECT_EQ(mirel_snprintf(d.b, 4, "%d-%s", 12, "ab"), 5);
-  EXPECT_STREQ(d.b, "12-");
-  EXPECT_EQ(mirel_snprintf(d.b, 8, "%x", 255), 2);
-  EXPECT_STREQ(d.b, "ff");
 }
 
 }  // namespace
