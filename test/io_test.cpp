@@ -1,10 +1,11 @@
 // Save files in the runtime stand-in: progress timing, the storage class of
 // loaded values, and lists rebuilt through the append hint.
 #include <gtest/gtest.h>
-
 #include <unistd.h>
 
 #include <cstdio>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -20,24 +21,34 @@ namespace {
 
 using Bytes = std::vector<unsigned char>;
 
-void put32(Bytes* b, uint32_t v) {
-  for (int s = 24; s >= 0; s -= 8) b->push_back(static_cast<unsigned char>(v >> s));
-}
-
-Bytes magic() { return {0xEE, 0xDA, 0x00, 0x01}; }
+// A save file: the magic, then records of one tag byte with an optional
+// 4-byte big-endian word and payload.
+struct File {
+  Bytes b{0xEE, 0xDA, 0x00, 0x01};
+  File& rec(unsigned char tag, int64_t word = -1, const Bytes& payload = {}) {
+    b.push_back(tag);
+    for (int s = 24; s >= 0 && word >= 0; s -= 8)
+      b.push_back(static_cast<unsigned char>(word >> s));
+    b.insert(b.end(), payload.begin(), payload.end());
+    return *this;
+  }
+};
 
 // A temporary file holding `bytes`, removed with the object.
 struct TmpFile {
   std::string path;
-  explicit TmpFile(const Bytes& bytes) {
+  explicit TmpFile(const Bytes& bytes = {}) {
     char name[] = "/tmp/arbo_io_test_XXXXXX";
-    int fd = mkstemp(name);
-    EXPECT_GE(fd, 0);
+    const int fd = mkstemp(name);
     path = name;
     EXPECT_EQ(write(fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
     close(fd);
   }
   ~TmpFile() { std::remove(path.c_str()); }
+  Bytes read() const {
+    std::ifstream in(path, std::ios::binary);
+    return Bytes(std::istreambuf_iterator<char>(in), {});
+  }
 };
 
 int32_t load(arbo_shim::TestTable& t, const Bytes& bytes, load_result* res,
@@ -49,17 +60,9 @@ int32_t load(arbo_shim::TestTable& t, const Bytes& bytes, load_result* res,
   return _arbo_nif_io_load(nullptr, &t.table, f.path.c_str(), -1, 0, pid ? pid : &none, res);
 }
 
-Bytes read_file(const std::string& path) {
-  Bytes out;
-  FILE* f = std::fopen(path.c_str(), "rb");
-  if (f == nullptr) return out;
-  int c;
-  while ((c = std::fgetc(f)) != EOF) out.push_back(static_cast<unsigned char>(c));
-  std::fclose(f);
-  return out;
-}
-
 std::vector<uint32_t> instance_keys(arbo_node* list) {
+  check_msg why;
+  EXPECT_TRUE(dn_check_invariants(list, &why)) << why.text;
   std::vector<uint32_t> keys;
   for (arbo_node* n = list->child; n != nullptr; n = sibling(n)) keys.push_back(n->hkey());
   return keys;
@@ -70,21 +73,19 @@ std::vector<uint32_t> instance_keys(arbo_node* list) {
 TEST(IoProgress, IntervalsGrowAfterTheFirstAndFifthMessage) {
   load_progress p;
   p.start = p.last = 1000;
-  struct Step {
+  const struct {
     time_t now;
     bool due;
     uint32_t count, interval;
-  };
-  const Step steps[] = {
-      {1029, false, 0, 30}, {1030, true, 1, 60},  {1089, false, 1, 60}, {1090, true, 2, 60},
-      {1150, true, 3, 60},  {1210, true, 4, 60},  {1270, true, 5, 300}, {1569, false, 5, 300},
+  } steps[] = {
+      {1029, false, 0, 30}, {1030, true, 1, 60},   {1089, false, 1, 60}, {1090, true, 2, 60},
+      {1150, true, 3, 60},  {1210, true, 4, 60},   {1270, true, 5, 300}, {1569, false, 5, 300},
       {1570, true, 6, 300}, {1571, false, 6, 300},
   };
-  for (const Step& s : steps) {
-    SCOPED_TRACE(s.now);
-    EXPECT_EQ(_load_progress_due(&p, s.now), s.due);
-    EXPECT_EQ(p.count, s.count);
-    EXPECT_EQ(p.interval, s.interval);
+  for (const auto& s : steps) {
+    EXPECT_EQ(_load_progress_due(&p, s.now), s.due) << s.now;
+    EXPECT_EQ(p.count, s.count) << s.now;
+    EXPECT_EQ(p.interval, s.interval) << s.now;
   }
 }
 
@@ -92,15 +93,10 @@ TEST(IoLoad, ShortCsvalsAreSmallLongOnesKeepNoString) {
   // Whole csvals of 64 and 65 bytes: tag 14, a 1-byte length, the payload.
   for (int total : {64, 65}) {
     arbo_shim::TestTable t;
-    Bytes b = magic();
-    b.push_back(0x06);
-    put32(&b, 1);
-    b.push_back(0x09);
-    b.push_back(14);
-    b.push_back(static_cast<unsigned char>(total - 2));
-    b.insert(b.end(), total - 2, 'v');
+    Bytes csval{14, static_cast<unsigned char>(total - 2)};
+    csval.insert(csval.end(), total - 2, 'v');
     load_result res;
-    ASSERT_EQ(load(t, b, &res), LOAD_OK);
+    ASSERT_EQ(load(t, File().rec(0x06, 1).rec(0x09, -1, csval).b, &res), LOAD_OK);
     arbo_node* leaf = t.root()->child;
     ASSERT_NE(leaf, nullptr);
     const uint32_t want = total < 65 ? F_VAL_IS_SMALL : F_VAL_IS_BIN_NOSTR;
@@ -112,8 +108,9 @@ TEST(IoLoad, ShortCsvalsAreSmallLongOnesKeepNoString) {
 }
 
 // A sorted list saved in ascending order, loaded through the hint, must be
-// the list an ordinary insertion in any order builds; instances arriving out
-// of order (a hand-made file) must land in order as well.
+// the list an ordinary insertion in any order builds, and save to the same
+// bytes; instances arriving out of order (a hand-made file) must land in
+// order as well.
 TEST(IoLoad, HintedListsMatchOrdinaryInsertion) {
   constexpr uint32_t kN = 3000;
   arbo_shim::TestTable built;
@@ -122,50 +119,32 @@ TEST(IoLoad, HintedListsMatchOrdinaryInsertion) {
     const uint32_t k = (i * 7919u) % kN;  // a permutation of 0..kN-1
     arbo_node* n = _arbo_nif_add_hkey_int(list, k, 0, &built.ctx, 1, 0);
     n->set(F_KEY_IS_TUPLE);
-    if (k % 3 == 0) _arbo_nif_set_val(n, &built.ctx, reinterpret_cast<const unsigned char*>("0123456789"), 10, 18);
+    if (k % 3 == 0) {
+      _arbo_nif_set_val(n, &built.ctx, reinterpret_cast<const unsigned char*>("0123456789"), 10,
+                        18);
+    }
   }
-  TmpFile saved(Bytes{});
+  TmpFile saved, again;
   ASSERT_EQ(_arbo_nif_io_save(nullptr, &built.table, saved.path.c_str(), 0), SAVE_OK);
-  const Bytes file = read_file(saved.path);
-
   arbo_shim::TestTable loaded;
   load_result res;
-  ASSERT_EQ(load(loaded, file, &res), LOAD_OK);
+  ASSERT_EQ(load(loaded, saved.read(), &res), LOAD_OK);
   EXPECT_EQ(loaded.table.size, built.table.size);
   arbo_node* copy = loaded.root()->child;
   ASSERT_NE(copy, nullptr);
-  check_msg why;
-  EXPECT_TRUE(dn_check_invariants(copy, &why)) << why.text;
   EXPECT_EQ(instance_keys(copy), instance_keys(list));
   EXPECT_EQ(as_dyn(copy)->size, static_cast<int32_t>(kN));
-
-  // Saving the loaded tree gives the same bytes.
-  TmpFile again(Bytes{});
   ASSERT_EQ(_arbo_nif_io_save(nullptr, &loaded.table, again.path.c_str(), 0), SAVE_OK);
-  EXPECT_EQ(read_file(again.path), file);
+  EXPECT_EQ(again.read(), saved.read());
 
-  // Descending keys, a duplicate, then a delete between inserts.
-  Bytes b = magic();
-  b.push_back(0x14);
-  put32(&b, 1);
-  b.push_back(0);
-  for (uint32_t k : {50u, 40u, 60u, 40u, 70u}) {
-    b.push_back(0x46);
-    put32(&b, k);
-    b.push_back(0x07);
-  }
-  b.push_back(0x4A);  // delete instance 60
-  put32(&b, 60);
-  for (uint32_t k : {80u, 65u}) {
-    b.push_back(0x46);
-    put32(&b, k);
-    b.push_back(0x07);
-  }
+  // Descending keys, a duplicate, then a delete (0x4A) between inserts.
+  File f;
+  f.rec(0x14, 1, {0});
+  for (uint32_t k : {50u, 40u, 60u, 40u, 70u}) f.rec(0x46, k, {0x07});
+  f.rec(0x4A, 60).rec(0x46, 80, {0x07}).rec(0x46, 65, {0x07});
   arbo_shim::TestTable hand;
-  ASSERT_EQ(load(hand, b, &res), LOAD_OK);
-  arbo_node* h = hand.root()->child;
-  EXPECT_TRUE(dn_check_invariants(h, &why)) << why.text;
-  EXPECT_EQ(instance_keys(h), (std::vector<uint32_t>{40, 50, 65, 70, 80}));
+  ASSERT_EQ(load(hand, f.b, &res), LOAD_OK);
+  EXPECT_EQ(instance_keys(hand.root()->child), (std::vector<uint32_t>{40, 50, 65, 70, 80}));
 }
 
 // Files past the buffer size go through refills and the direct path for
@@ -173,23 +152,18 @@ TEST(IoLoad, HintedListsMatchOrdinaryInsertion) {
 // nothing.
 TEST(IoLoad, LargeRecordsAndRefills) {
   arbo_shim::TestTable t;
-  Bytes b = magic();
+  File f;
   const uint32_t big = kLoadBufferSize + 12345;
   for (uint32_t tag = 1; tag <= 3; ++tag) {
-    b.push_back(0x06);
-    put32(&b, tag);
-    b.push_back(0x0E);
-    put32(&b, big);
-    b.insert(b.end(), big, static_cast<unsigned char>('a' + tag));
-    b.push_back(0x07);
+    f.rec(0x06, tag).rec(0x0E, big, Bytes(big, static_cast<unsigned char>('a' + tag))).rec(0x07);
   }
   ErlNifPid pid;
   pid.pid = 42;
   const long sends = arbo_shim::sends();
   load_result res;
-  ASSERT_EQ(load(t, b, &res, &pid), LOAD_OK);
+  ASSERT_EQ(load(t, f.b, &res, &pid), LOAD_OK);
   EXPECT_EQ(arbo_shim::sends(), sends);
-  EXPECT_EQ(res.file_size, b.size());
+  EXPECT_EQ(res.file_size, f.b.size());
   uint32_t tag = 1;
   for (arbo_node* n = t.root()->child; n != nullptr; n = sibling(n), ++tag) {
     bin_ref v{0, nullptr};
