@@ -27,25 +27,25 @@ void* key_of(uintptr_t v) { return reinterpret_cast<void*>(v); }
 void* val_of(uintptr_t v) { return reinterpret_cast<void*>(v); }
 
 // An allocator that can be told to refuse everything, or only blocks of at
-// least `refuse_from` bytes (bucket arrays), counting the blocks it holds out.
+// least `refuse_from` bytes (bucket arrays), counting the blocks it holds
+// out, and a key release that logs (key, argument).
 struct TestAlloc {
   static inline bool refuse_all = false;
   static inline size_t refuse_from = SIZE_MAX;
   static inline long live = 0;
+  static inline std::vector<std::pair<uintptr_t, uint64_t>> freed_keys;
   static void* alloc(size_t n) {
     if (refuse_all || n >= refuse_from) return nullptr;
     ++live;
     return std::malloc(n);
   }
   static void release(void* p) {
-    if (p != nullptr) --live;
+    live -= p != nullptr;
     std::free(p);
   }
-};
-
-struct FreedKeys {
-  static inline std::vector<std::pair<uintptr_t, uint64_t>> log;
-  static void note(void* k, uint64_t arg) { log.emplace_back(reinterpret_cast<uintptr_t>(k), arg); }
+  static void free_key(void* k, uint64_t arg) {
+    freed_keys.emplace_back(reinterpret_cast<uintptr_t>(k), arg);
+  }
 };
 
 class HashTable : public ::testing::Test {
@@ -54,11 +54,11 @@ class HashTable : public ::testing::Test {
     TestAlloc::refuse_all = false;
     TestAlloc::refuse_from = SIZE_MAX;
     TestAlloc::live = 0;
-    FreedKeys::log.clear();
+    TestAlloc::freed_keys.clear();
   }
-  static mirel_hashtable* make(uint32_t minsize) {
-    return _mirel_create_hashtable_mallf(minsize, ptr_hash, ptr_eq, TestAlloc::alloc,
-                                         TestAlloc::release, FreedKeys::note, 77);
+  static mirel_hashtable* make() {
+    return _mirel_create_hashtable_mallf(0, ptr_hash, ptr_eq, TestAlloc::alloc, TestAlloc::release,
+                                         TestAlloc::free_key, 77);
   }
 };
 
@@ -83,7 +83,7 @@ TEST_F(HashTable, GrowsAcrossPrimesAtTheLoadLimit) {
                                                              {254, 769}, {501, 1543}, {1004, 3079}};
   for (size_t refuse_from : {SIZE_MAX, 97 * sizeof(void*)}) {
     SetUp();
-    mirel_hashtable* h = make(0);
+    mirel_hashtable* h = make();
     TestAlloc::refuse_from = refuse_from;
     std::vector<std::pair<uint32_t, uint32_t>> steps;
     for (uintptr_t k = 1; k <= 1500; ++k) {
@@ -98,19 +98,19 @@ TEST_F(HashTable, GrowsAcrossPrimesAtTheLoadLimit) {
       EXPECT_EQ(_mirel_hashtable_search(h, key_of(k)), k > 1500 ? nullptr : val_of(k * 10));
     _mirel_hashtable_destroy(h, 0);
     EXPECT_EQ(TestAlloc::live, 0);
-    EXPECT_EQ(FreedKeys::log.size(), 1500u);
+    EXPECT_EQ(TestAlloc::freed_keys.size(), 1500u);
   }
 }
 
 TEST_F(HashTable, FailedAllocationsLeaveTheTableConsistent) {
   TestAlloc::refuse_all = true;
-  EXPECT_EQ(make(0), nullptr);
+  EXPECT_EQ(make(), nullptr);
   TestAlloc::refuse_all = false;
   TestAlloc::refuse_from = 53 * sizeof(void*);  // the record passes, its buckets do not
-  EXPECT_EQ(make(0), nullptr);
+  EXPECT_EQ(make(), nullptr);
   EXPECT_EQ(TestAlloc::live, 0);
   TestAlloc::refuse_from = SIZE_MAX;
-  mirel_hashtable* h = make(0);
+  mirel_hashtable* h = make();
   for (uintptr_t k = 1; k <= 35; ++k)
     ASSERT_EQ(_mirel_hashtable_insert(h, key_of(k), val_of(k)), 1);
   // The 36th insert grows (in place, the new array being refused) but cannot
@@ -127,7 +127,7 @@ TEST_F(HashTable, FailedAllocationsLeaveTheTableConsistent) {
 }
 
 TEST_F(HashTable, DuplicatesAndDestroy) {
-  mirel_hashtable* h = make(0);
+  mirel_hashtable* h = make();
   // Inserting a key twice holds two entries; the newer one is found first.
   ASSERT_EQ(_mirel_hashtable_insert(h, key_of(5), val_of(1)), 1);
   ASSERT_EQ(_mirel_hashtable_insert(h, key_of(5), val_of(2)), 1);
@@ -136,14 +136,14 @@ TEST_F(HashTable, DuplicatesAndDestroy) {
   EXPECT_EQ(_mirel_hashtable_remove(h, key_of(5)), val_of(1));
   EXPECT_EQ(_mirel_hashtable_remove(h, key_of(5)), nullptr);
   const std::vector<std::pair<uintptr_t, uint64_t>> removed = {{5, 77}, {5, 77}};
-  EXPECT_EQ(FreedKeys::log, removed);
+  EXPECT_EQ(TestAlloc::freed_keys, removed);
   // Destroy releases every key (with the argument) and, on request, the values.
   for (uintptr_t k = 1; k <= 30; ++k)
     ASSERT_EQ(_mirel_hashtable_insert(h, key_of(k), TestAlloc::alloc(8)), 1);
   _mirel_hashtable_destroy(h, 1);
   EXPECT_EQ(TestAlloc::live, 0);
-  EXPECT_EQ(FreedKeys::log.size(), 32u);
-  EXPECT_EQ(FreedKeys::log.back().second, 77u);
+  EXPECT_EQ(TestAlloc::freed_keys.size(), 32u);
+  EXPECT_EQ(TestAlloc::freed_keys.back().second, 77u);
 }
 
 TEST(HashMix, MixedHashOfKnownInputs) {

@@ -289,11 +289,8 @@ TEST(KeyOrder, RandomKeysObeyTheOrderLaws) {
     std::vector<int> types;
     int mode;
     bool transitive;
-  } runs[] = {{kAllTypes, 0, false},
-              {kAllTypes, 1, false},
-              {kAllTypes, 2, false},
-              {no209, 0, true},
-              {no50, 1, true}};
+  } runs[] = {{kAllTypes, 0, false}, {kAllTypes, 1, false}, {kAllTypes, 2, false},
+              {no209, 0, true}, {no50, 1, true}};
   for (const auto& run : runs) {
     const auto keys = random_keys(static_cast<uint64_t>(run.mode + 1), 80, run.types);
     const size_t n = keys.size();
@@ -349,35 +346,28 @@ struct TestNode {
   }
 };
 
-TEST(NodeKeyOrder, IntegerKeys) {
-  const struct {
-    uint32_t type;
-    int32_t key;
-    uint32_t ns;
-    int32_t search;
-    uint32_t search_ns;
-    int want;
-  } rows[] = {
-      {T_GEN_NODE_ONE, -1, 0, 0, 0, -1},  // signed
-      {T_GEN_NODE_MAX, INT32_MIN, 9, INT32_MAX, 0, -1},
-      {T_GEN_NODE_TWO, 5, 1, 5, 2, -1},           // equal keys order by namespace
-      {T_GEN_NODE_ONE, 5, 0xffffffffu, 5, 1, 1},  // namespaces unsigned
-      {T_DYN_NODE, 7, 4, 7, 4, 0},
-      {T_INT_NODE, 7, 0, 7, 1, -1},  // a container's namespace counts as 0
-  };
+// Integer keys: signed, equal keys ordered by namespace (unsigned), a
+// container's namespace counting as 0; byte search keys sort before every
+// integer node. Byte keys, inline or out of line, agree with the key order
+// and sort before integer keys.
+TEST(NodeKeyOrder, IntegerAndByteKeys) {
+  const int64_t rows[][6] = {  // type, key, ns, search key, search ns, sign
+      {T_GEN_NODE_ONE, -1, 0, 0, 0, -1},          {T_GEN_NODE_MAX, INT32_MIN, 9, INT32_MAX, 0, -1},
+      {T_GEN_NODE_TWO, 5, 1, 5, 2, -1},           {T_GEN_NODE_ONE, 5, 0xffffffffu, 5, 1, 1},
+      {T_DYN_NODE, 7, 4, 7, 4, 0},                {T_INT_NODE, 7, 0, 7, 1, -1}};
   for (const auto& r : rows) {
-    TestNode t(r.type, r.key, r.ns);
-    for (int mode = 0; mode < 4; ++mode)
-      EXPECT_EQ(t.cmp(nullptr, r.search, r.search_ns, mode), r.want) << r.type << " " << r.key;
+    TestNode t(static_cast<uint32_t>(r[0]), static_cast<int32_t>(r[1]),
+               static_cast<uint32_t>(r[2]));
+    for (int mode = 0; mode < 4; ++mode) {
+      EXPECT_EQ(t.cmp(nullptr, static_cast<int32_t>(r[3]), static_cast<uint32_t>(r[4]), mode), r[5])
+          << r[0] << " " << r[1];
+    }
   }
-  // Byte search keys sort before every integer node.
   TestNode t(T_GEN_NODE_ONE, INT32_MIN, 0);
   const Bytes empty, k = K().i32(1).b;
   EXPECT_EQ(t.cmp(&empty, 0, 0, 0), 1);
   EXPECT_EQ(t.cmp(&k, 1, 0, 1), 1);
-}
 
-TEST(NodeKeyOrder, ByteKeysInlineOrOutOfLineAgreeWithKeyOrder) {
   auto keys = random_keys(3, 80, kAllTypes);
   keys.push_back({raw("abcdefghijklmnop"), 1});
   keys.push_back({K().str("a longer string key").b, 0});
