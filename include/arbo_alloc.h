@@ -76,7 +76,8 @@ node_pool* _arbo_pool_create();
 void _arbo_pool_destroy(node_pool* pool);
 // Class of a record of `size` bytes (1 to 128): 0 for 64-byte slots, 1 for 128.
 unsigned _arbo_pool_class(size_t size);
-// A 64-byte aligned slot of the class, contents undefined. Out of memory aborts.
+// A 64-byte aligned slot of the class, contents undefined; null when the
+// runtime refuses a new chunk (the node allocator turns that into its assertion).
 void* _arbo_pool_alloc(node_pool* pool, unsigned cls);
 // Gives a slot back; its chunk returns to the runtime when it was the last live one.
 void _arbo_pool_free(node_pool* pool, void* slot);

@@ -93,7 +93,7 @@ pool_chunk* chunk_new(node_pool* pool, unsigned cls) {
   // One page more than used: the block's pages start at the first page boundary.
   size_t bytes = (pages + 1) * kPage;
   void* block = enif_alloc(bytes);
-  ARBO_ASSERT_MSG(block != nullptr, "chunk");
+  if (block == nullptr) return nullptr;
   uintptr_t first = (reinterpret_cast<uintptr_t>(block) + kPage - 1) & ~(kPage - 1);
   auto* c = reinterpret_cast<pool_chunk*>(first);
   std::memset(static_cast<void*>(c), 0, sizeof(pool_chunk));
@@ -148,7 +148,7 @@ unsigned _arbo_pool_class(size_t size) {
 
 void* _arbo_pool_alloc(node_pool* pool, unsigned cls) {
   pool_chunk* c = pool->open[cls];
-  if (c == nullptr) c = chunk_new(pool, cls);
+  if (c == nullptr && (c = chunk_new(pool, cls)) == nullptr) return nullptr;
   const size_t sz = kClassSize[cls];
   void* slot;
   if (c->free != nullptr) {
