@@ -89,24 +89,6 @@ TEST(IoProgress, IntervalsGrowAfterTheFirstAndFifthMessage) {
   }
 }
 
-TEST(IoLoad, ShortCsvalsAreSmallLongOnesKeepNoString) {
-  // Whole csvals of 64 and 65 bytes: tag 14, a 1-byte length, the payload.
-  for (int total : {64, 65}) {
-    arbo_shim::TestTable t;
-    Bytes csval{14, static_cast<unsigned char>(total - 2)};
-    csval.insert(csval.end(), total - 2, 'v');
-    load_result res;
-    ASSERT_EQ(load(t, File().rec(0x06, 1).rec(0x09, -1, csval).b, &res), LOAD_OK);
-    arbo_node* leaf = t.root()->child;
-    ASSERT_NE(leaf, nullptr);
-    const uint32_t want = total < 65 ? F_VAL_IS_SMALL : F_VAL_IS_BIN_NOSTR;
-    EXPECT_EQ(leaf->tw & kValFlags, F_VAL_IS_BIN | want) << total;
-    bin_ref v{0, nullptr};
-    EXPECT_EQ(_arbo_nif_fetch_bin_value(leaf, &v), 1);
-    EXPECT_EQ(v.len, static_cast<size_t>(total));
-  }
-}
-
 // A sorted list saved in ascending order, loaded through the hint, must be
 // the list an ordinary insertion in any order builds, and save to the same
 // bytes; instances arriving out of order (a hand-made file) must land in
@@ -147,30 +129,47 @@ TEST(IoLoad, HintedListsMatchOrdinaryInsertion) {
   EXPECT_EQ(instance_keys(hand.root()->child), (std::vector<uint32_t>{40, 50, 65, 70, 80}));
 }
 
-// Files past the buffer size go through refills and the direct path for
-// records above 1 MiB; a progress process without a due interval gets
-// nothing.
-TEST(IoLoad, LargeRecordsAndRefills) {
-  arbo_shim::TestTable t;
-  File f;
+// The storage class of loaded values: whole csvals of 64 bytes are small, of
+// 65 keep no string; values past the buffer size go through refills and the
+// direct path for records above 1 MiB. A progress process without a due
+// interval gets nothing.
+TEST(IoLoad, ValueStorageClassAndRefills) {
   const uint32_t big = kLoadBufferSize + 12345;
+  File f;
+  for (int total : {64, 65}) {  // tag 14, a 1-byte length, the payload
+    Bytes csval{14, static_cast<unsigned char>(total - 2)};
+    csval.insert(csval.end(), static_cast<size_t>(total - 2), 'v');
+    f.rec(0x06, total).rec(0x09, -1, csval).rec(0x07);
+  }
   for (uint32_t tag = 1; tag <= 3; ++tag) {
     f.rec(0x06, tag).rec(0x0E, big, Bytes(big, static_cast<unsigned char>('a' + tag))).rec(0x07);
   }
   ErlNifPid pid;
   pid.pid = 42;
   const long sends = arbo_shim::sends();
+  arbo_shim::TestTable t;
   load_result res;
   ASSERT_EQ(load(t, f.b, &res, &pid), LOAD_OK);
   EXPECT_EQ(arbo_shim::sends(), sends);
   EXPECT_EQ(res.file_size, f.b.size());
-  uint32_t tag = 1;
-  for (arbo_node* n = t.root()->child; n != nullptr; n = sibling(n), ++tag) {
+  const struct {
+    uint32_t key, flags;
+    int cls;
+    size_t len;
+    char first;
+  } want[] = {{64, F_VAL_IS_SMALL, 1, 64, 14}, {65, F_VAL_IS_BIN_NOSTR, 1, 65, 14},
+              {1, 0, 2, big, 'b'}, {2, 0, 2, big, 'c'}, {3, 0, 2, big, 'd'}};
+  for (const auto& w : want) {
+    arbo_node* n = t.root()->child;
+    while (n != nullptr && n->hkey() != w.key) n = sibling(n);
+    ASSERT_NE(n, nullptr) << w.key;
+    if (w.flags != 0) {
+      EXPECT_EQ(n->tw & kValFlags, F_VAL_IS_BIN | w.flags) << w.len;
+    }
     bin_ref v{0, nullptr};
-    ASSERT_EQ(_arbo_nif_fetch_bin_value(n, &v), 2);
-    ASSERT_EQ(v.len, big);
-    EXPECT_EQ(v.ptr[0], 'a' + tag);
-    EXPECT_EQ(v.ptr[big - 1], 'a' + tag);
+    ASSERT_EQ(_arbo_nif_fetch_bin_value(n, &v), w.cls);
+    ASSERT_EQ(v.len, w.len);
+    EXPECT_EQ(v.ptr[0], w.first);
+    EXPECT_EQ(v.ptr[w.len - 1], w.cls == 1 ? 'v' : w.first);
   }
-  EXPECT_EQ(tag, 4u);
 }
