@@ -170,7 +170,8 @@ TEST(NodeKeyHash, MatchesIndependentReferenceAndEquality) {
     return r;
   };
   const std::string texts[] = {"", "a", "abc", "abcd", "hello world", "hello world!",
-                               "hello world!!", std::string(11, '\xff'), run(200, 24), run(250, 25)};
+                               "hello world!!", std::string(11, '\xff'), run(200, 24),
+                               run(250, 25)};
   const ht_key keys[] = {bytes_key(texts[0]), bytes_key(texts[1]), bytes_key(texts[2]),
                          bytes_key(texts[3]), bytes_key(texts[4]), bytes_key(texts[5]),
                          bytes_key(texts[6]), bytes_key(texts[7]), bytes_key(texts[8]),
