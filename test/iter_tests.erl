@@ -28,12 +28,9 @@ push_pop_test() ->
             Tops = [begin ok = arbo:pop_iter_node(T), arbo:get_iter_node(T) end
                     || _ <- lists:seq(1, 8)],
             ?assertEqual(lists:seq(108, 101, -1), Tops),
-            push_all(T, lists:seq(1, 40)),
             %% Other processes have stacks of their own.
-            ?assertEqual({0, 777}, in_process(fun() -> E = arbo:get_iter_node(T),
-                                                       arbo:push_iter_node(T, 777),
-                                                       {E, arbo:get_iter_node(T)} end)),
-            ?assertEqual(40, arbo:get_iter_node(T))
+            ?assertEqual(0, in_process(fun() -> arbo:get_iter_node(T) end)),
+            ?assertEqual(101, arbo:get_iter_node(T))
         end)
     end).
 
@@ -43,53 +40,25 @@ bad_args_test() ->
     with_table(fun(T) ->
         [?assertEqual(Want, reason(F))
          || {Want, F} <- [{badarg, fun() -> arbo:push_iter_node(T, -1) end},
-                          {badarg, fun() -> arbo:push_iter_node(T, x) end},
-                          {badarg, fun() -> arbo:push_iter_node({arbo, x, 0, 0}, 1) end},
                           {badarg, fun() -> arbo:get_iter_node({x}) end},
-                          {badarg, fun() -> arbo:pop_iter_node(1) end},
-                          {arbo_closed, fun() -> arbo:push_iter_node(Closed, 1) end},
-                          {arbo_closed, fun() -> arbo:pop_iter_node(Closed) end},
-                          {arbo_closed, fun() -> arbo:get_iter_node(Closed) end}]]
+                          {arbo_closed, fun() -> arbo:push_iter_node(Closed, 1) end}]]
     end).
 
 %% ---- repair when nodes leave the tree --------------------------------------------------------
-%% List instances are covered by the model below; these are the other
-%% parents, and the stack position kept across a repair.
+%% Repair itself is followed by the model below and the store's own tests;
+%% here a deletion by one process repairs another's stack, and del_all.
 
 repair_cases_test() ->
     with_table(fun(T) ->
-        R = arbo:get_root(T),
-        L = arbo:add_hkey_dyn(T, R, 1, 0),
-        U = arbo:add_hkey_dyn(T, R, 2, 3),
-        [I1, I2, I3, I4, I5] = [arbo:add_hkey(T, L, K, 4) || K <- lists:seq(1, 5)],
-        [C1, C2, C3] = [arbo:add_hkey(T, R, [4 | K], 3) || K <- [1, 2, 3]],
-        Top = fun() -> arbo:get_iter_node(T) end,
-        Pop = fun() -> ok = arbo:pop_iter_node(T) end,
-        in_process(fun() ->
-            %% The entry becomes the predecessor and everything above it
-            %% null, while the position stays where it was.
-            push_all(T, [R, L, I3, I4, I5]),
-            true = arbo:del_hkey(T, L, {3}, 13),
-            ?assertEqual(0, Top()),
-            Pop(), ?assertEqual(0, Top()),
-            Pop(), ?assertEqual(I2, Top()),
-            push_all(T, [I1]),
-            true = arbo:del_hkey(T, L, {1}, 14),
-            ?assertEqual(2, Top()),     % before the first child
-            %% Containers: the previous child, by key or by namespace.
-            push_all(T, [C2]),
-            true = arbo:del_hkey(T, R, [4 | 2], 13),
-            ?assertEqual(C1, Top()),
-            Pop(),
-            push_all(T, [C3]),
-            true = arbo:del_ns(T, R, 4),
-            ?assertEqual(U, Top()),
-            %% del_all repairs the first child's entries only, with 0.
-            push_all(T, [L]),
-            ok = arbo:del_all(T),
-            ?assertEqual(0, Top())
-        end),
-        ?assertEqual(0, arbo:num_children(T, R))
+        L = arbo:add_hkey_dyn(T, arbo:get_root(T), 1, 0),
+        [I1, I2, _] = [arbo:add_hkey(T, L, K, 4) || K <- [1, 2, 3]],
+        P = holder(T, [L, I2]),
+        true = arbo:del_hkey(T, L, {2}, 13),
+        ?assertEqual(I1, top(P)),
+        %% del_all repairs the first child's entries only, with 0.
+        ok = arbo:del_all(T),
+        ?assertEqual(0, top(P)),
+        stop([P], kill)
     end).
 
 %% A process that pushes Nodes, then answers {top, From} until told to stop.
@@ -111,17 +80,6 @@ stop(Pids, How) ->
     [P ! stop || P <- Pids, How =:= stop],
     [receive {'DOWN', R, _, _, _} -> ok end || R <- Refs],
     ok.
-
-%% A deletion by one process repairs the stacks of every process.
-repair_other_process_test() ->
-    with_table(fun(T) ->
-        L = arbo:add_hkey_dyn(T, arbo:get_root(T), 1, 0),
-        [I1, I2, _] = [arbo:add_hkey(T, L, K, 4) || K <- [1, 2, 3]],
-        P = holder(T, [L, I2]),
-        true = arbo:del_hkey(T, L, {2}, 13),
-        ?assertEqual(I1, top(P)),
-        stop([P], kill)
-    end).
 
 %% Random pushes, pops and deletions of list instances against a model of
 %% the stack: after each step the top must agree.
@@ -145,25 +103,20 @@ repair_model(Mode) ->
 steps(_T, _L, _Live, _Stack, 0) -> ok;
 steps(T, L, Live, Stack, N) ->
     {Live2, Stack2} =
-        case rand:uniform(10) of
-            X when X =< 4, Live =/= [] ->
+        case {rand:uniform(10), Live, Stack} of
+            {X, [_ | _], _} when X =< 4 ->
                 {_, Node} = pick(Live),
                 ok = arbo:push_iter_node(T, Node),
                 {Live, Stack ++ [Node]};
-            X when X =< 6, Stack =/= [] ->
-                ok = arbo:pop_iter_node(T),
-                {Live, lists:droplast(Stack)};
-            _ when Live =/= [] ->
+            {X, _, [_ | _]} when X =< 6 -> ok = arbo:pop_iter_node(T), {Live, lists:droplast(Stack)};
+            {_, [_ | _], _} ->
                 {K, Node} = pick(Live),
                 true = arbo:del_hkey(T, L, {K}, 13),
                 {lists:keydelete(K, 1, Live), repair(Stack, Node, pred(Live, Node))};
-            _ ->
-                {Live, Stack}
+            _ -> {Live, Stack}
         end,
-    case Stack2 of
-        [] -> ok;
-        _ -> ?assertEqual(lists:last(Stack2), arbo:get_iter_node(T))
-    end,
+    %% (an emptied stack must not be read: a kept trap)
+    Stack2 =:= [] orelse ?assertEqual(lists:last(Stack2), arbo:get_iter_node(T)),
     ?assertEqual(length(Live2), arbo:num_children(T, L)),
     steps(T, L, Live2, Stack2, N - 1).
 
@@ -181,17 +134,17 @@ repair(Stack, Node, Repl) ->
 
 %% ---- process death -----------------------------------------------------------------------------
 
-%% Stacks die with their processes, wherever they sit in the table's list.
+%% Stacks die with their processes, wherever they sit in the table's list;
+%% closing frees every stack, and a holder dying afterwards finds nothing.
 death_unlinks_test() ->
-    with_table(fun(T) ->
-        [A, B, C] = [holder(T, [N]) || N <- [11, 22, 33]],
-        stop([B], kill),
-        ?assertEqual({11, 33}, {top(A), top(C)}),
-        stop([C], kill),
-        ?assertEqual(11, top(A)),
-        stop([A], kill),
-        ?assertEqual(0, in_process(fun() -> arbo:get_iter_node(T) end))
-    end).
+    T = arbo:new(),
+    [A, B, C] = [holder(T, [N]) || N <- [11, 22, 33]],
+    stop([B], kill),
+    ?assertEqual({11, 33}, {top(A), top(C)}),
+    stop([A], kill),
+    ok = arbo:close(T),
+    stop([C], stop),
+    ?assertEqual(arbo_closed, reason(fun() -> arbo:get_iter_node(T) end)).
 
 %% The memory of dead processes' stacks is given back: 100 processes each
 %% hold 10,000 entries (80 KB), then die. The VM cannot report its memory
@@ -205,33 +158,15 @@ death_frees_memory_test_() ->
 
 death_frees_memory() ->
     with_table(fun(T) ->
-        Before = sys_mem(),
+        Mem = fun() -> erlang:garbage_collect(), erlang:memory(system) end,
+        Before = Mem(),
         Pids = [holder(T, lists:seq(1, 10000)) || _ <- lists:seq(1, 100)],
-        Held = sys_mem() - Before,
+        ?assert(Mem() - Before > 7000000),
         stop(Pids, stop),
         %% The down callbacks run after the monitors fire; give them a moment.
-        Left = settle(Before, 50),
-        ?assert(Held > 7000000),
-        ?assert(Left < 1500000),
-        ?assertEqual(0, arbo:get_iter_node(T))
+        ?assert(lists:any(fun(_) -> timer:sleep(20), Mem() - Before < 1500000 end,
+                          lists:seq(1, 50)))
     end).
-
-sys_mem() -> erlang:garbage_collect(), erlang:memory(system).
-
-settle(Before, 0) -> sys_mem() - Before;
-settle(Before, N) ->
-    case sys_mem() - Before of
-        D when D < 1500000 -> D;
-        _ -> timer:sleep(20), settle(Before, N - 1)
-    end.
-
-%% Closing frees every stack; a holder dying afterwards finds nothing to do.
-close_test() ->
-    T = arbo:new(),
-    P = holder(T, [5]),
-    ok = arbo:close(T),
-    stop([P], stop),
-    ?assertEqual(arbo_closed, reason(fun() -> arbo:get_iter_node(T) end)).
 
 %% ---- kept traps, in a child VM ------------------------------------------------------------------
 
