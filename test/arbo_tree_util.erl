@@ -1,5 +1,5 @@
-%% Helpers shared by the tree-editing, property, store model and save file
-%% suites (tables, exceptions and child walks come from walk_util).
+%% Helpers shared by the tree-editing, property, handle, navigation and save
+%% file suites (tables, exceptions and child walks come from walk_util).
 -module(arbo_tree_util).
 
 -export([child_keys/2, lib_mem/0, flags_free/0, type0_node/2, snapshot/1]).

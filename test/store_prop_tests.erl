@@ -19,7 +19,7 @@
 %% The lists every tree starts with, under the root at tags 1..4 (ns 0):
 %% {tag, ordering mode, key family}. Mode 2 orders these keys as mode 0 does
 %% (where it differs is pinned in keys_tests); opaque keys in sorted lists
-%% are pinned in edit_tests.
+%% are followed in store_model_test.cpp.
 -define(LISTS, [{1, 0, int}, {2, 1, bin5}, {3, 3, int3}, {4, 3, bin6}]).
 -define(ROOT_MEM, 112).
 -define(HT_KEY, 16).
