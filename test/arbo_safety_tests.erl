@@ -25,7 +25,8 @@
 
 in_child_vm_test_() ->
     {timeout, 600, fun() ->
-        Dirs = lists:usort([filename:dirname(code:which(M))
+        %% absolute: the child changes its working directory
+        Dirs = lists:usort([filename:absname(filename:dirname(code:which(M)))
                             || M <- [?MODULE, arbo_tree, arbo_file_tests]]),
         Peer = case peer:start_link(#{connection => standard_io,
                                        args => lists:append([["-pa", D] || D <- Dirs])}) of
@@ -57,25 +58,18 @@ random_calls() ->
             ?SAFE(run_calls(Calls))).
 
 run_calls(Calls) ->
-            begin
-                T = arbo_file_tests:config(),
-                Other = arbo_tree:new(),
-                Closed = arbo_tree:new(),
-                Root = arbo_tree:root(Closed),
-                ok = arbo_tree:close(Closed),
-                Env = env(T, Other, Closed, Root),
-                lists:foreach(fun({{M, F, A}, Args}) -> call(M, F, [fill(X, Env) || X <- lists:sublist(Args, A)])
-                              end, Calls),
-                %% the tree still answers readers and writers, or was closed
-                Alive = try
-                            arbo_tree:children(T, arbo_tree:root(T)),
-                            arbo_tree:clear(T),
-                            true
-                        catch error:{arbo_closed, _} -> true
-                        end,
-                [arbo_tree:close(X) || X <- [T, Other]],
-                Alive
-            end.
+    T = arbo_file_tests:config(),
+    Other = arbo_tree:new(),
+    Closed = arbo_tree:new(),
+    Env = env(T, Other, Closed),
+    lists:foreach(fun({{M, F, A}, Args}) -> call(M, F, [fill(X, Env) || X <- lists:sublist(Args, A)])
+                  end, Calls),
+    %% the tree still answers readers and writers, or was closed
+    Alive = try arbo_tree:clear(T), [] =:= arbo_tree:children(T, arbo_tree:root(T))
+            catch error:{arbo_closed, _} -> true
+            end,
+    [arbo_tree:close(X) || X <- [T, Other]],
+    Alive.
 
 call(M, F, Args) ->
     Self = self(),
@@ -83,51 +77,43 @@ call(M, F, Args) ->
                                        _ = (catch apply(M, F, Args)),
                                        Self ! {done, self()}
                                end),
-    receive
-        {done, Pid} -> erlang:demonitor(Ref, [flush]);
-        {'DOWN', Ref, _, _, _} -> ok
+    receive {done, Pid} -> erlang:demonitor(Ref, [flush]);
+            {'DOWN', Ref, _, _, _} -> ok
     after 20000 -> error({stalled, M, F, Args})
     end.
 
 %% Placeholders that stand for live values of this run.
 arg() ->
     oneof([small_term(), tree, other_tree, closed_tree, node, stale_node, foreign_node, closed_node,
-           filter(), key_arg(), binary(), {encoded, binary()}, list(key_elem()),
-           oneof([sorted, user_order, inclusive, all]), int(), function(2, small_term()),
-           function(1, small_term())]).
+           filter(), key_arg(), {encoded, binary()}, list(key_elem()),
+           oneof([sorted, user_order, inclusive, all]), function(2, small_term())]).
 
 %% Small random terms (PropEr's any() grows too large to generate quickly).
 small_term() ->
-    oneof([int(), atom(), binary(), float(), list(oneof([int(), atom()])),
-           {int(), int()}, {atom(), binary(), int()}, [int() | int()], make_ref()]).
+    oneof([int(), atom(), binary(), list(oneof([int(), atom()])), {int(), int()}, [int() | int()]]).
 
 key_elem() -> oneof([{string, binary()}, {uint32, int()}, {binary, byte(), binary()}, small_term()]).
 key_arg() -> oneof([{int, int()}, {pair, int(), int()}, {opaque, binary()}, {tuple, list(key_elem())}]).
-filter() ->
-    ?SIZED(S, filter(S)).
+filter() -> ?SIZED(S, filter(S)).
 filter(0) ->
-    oneof([{oneof([3, 4, 5, 6, 7, 101, 102]), int(), list(int()), binary()},
-           {4, list(oneof([int(), [int() | int()]]))}, {6}, {6, small_term()},
-           {value, oneof([eq, gt, bad]), list(int()), binary()}, small_term()]);
+    oneof([{oneof([3, 4, 6, 7, 101]), int(), list(int()), binary()}, {6},
+           {4, list(oneof([int(), [int() | int()]]))}, {value, oneof([eq, bad]), list(int()), binary()}]);
 filter(S) ->
-    oneof([filter(0), ?LAZY({oneof([0, 1, 'and', 'or']), filter(S div 2), filter(S div 2)}),
-           ?LAZY({oneof([2, 'not']), filter(S div 2)})]).
+    oneof([filter(0), ?LAZY({oneof([0, 1, 'and', 'not']), filter(S div 2), filter(S div 2)})]).
 
-env(T, Other, Closed, ClosedRoot) ->
+env(T, Other, Closed) ->
     Stale = arbo_tree:add_leaf(T, arbo_tree:root(T), 77),
     true = arbo_tree:delete(T, arbo_tree:root(T), 77),
-    R = arbo_tree:root(T),
-    Ifs = arbo_tree:lookup(T, [1, 2]),
+    ClosedRoot = arbo_tree:root(Closed),
+    ok = arbo_tree:close(Closed),
     #{tree => T, other_tree => Other, closed_tree => Closed, closed_node => ClosedRoot,
-      node => [R, Ifs, arbo_tree:first_child(T, Ifs), arbo_tree:lookup(T, [{2, 7}])],
       stale_node => Stale, foreign_node => arbo_tree:root(Other)}.
 
-fill(node, Env) ->
-    %% the nodes go stale as random deletions run: look them up afresh
-    T = maps:get(tree, Env),
-    try [arbo_tree:root(T), arbo_tree:lookup(T, [1, 2]), arbo_tree:lookup(T, [{2, 7}])] of
-        Ns -> lists:nth(erlang:unique_integer([positive]) rem 3 + 1, Ns)
-    catch _:_ -> hd(maps:get(node, Env))
+%% Nodes go stale as random deletions run: look them up afresh.
+fill(node, #{tree := T} = Env) ->
+    try lists:nth(rand:uniform(3), [arbo_tree:root(T), arbo_tree:lookup(T, [1, 2]),
+                                    arbo_tree:lookup(T, [{2, 7}])])
+    catch _:_ -> maps:get(stale_node, Env)
     end;
 fill(X, Env) when is_atom(X) -> maps:get(X, Env, X);
 fill(X, _) -> X.
@@ -138,22 +124,17 @@ accepted_keys() ->
     ?FORALL({Bins, Mode}, {list(arbo_codec_tests:key_bytes()), oneof([0, 1, 2])},
             ?SAFE(begin
                 Valid = [B || B <- Bins, arbo_key:validate(B) =:= ok],
-                [arbo:cmp_keys_nif(A, 5, B, 5, Mode) || A <- Valid, B <- Valid],
-                [arbo:cmp_keys_nif(A, 5, B, 6, Mode) || A <- Valid, B <- Bins],
+                [arbo:cmp_keys_nif(A, 5, B, Code, Mode) || A <- Valid, {B, Code} <-
+                     [{X, 5} || X <- Valid] ++ [{X, 6} || X <- Bins]],
                 T = arbo_tree:new(),
                 L = arbo_tree:add_list(T, arbo_tree:root(T), 1,
                                        lists:nth(Mode + 1, [sorted, sorted_length_first,
                                                             sorted_length_first_but_last])),
-                [arbo_tree:add(T, L, {encoded, B}) || B <- Valid],
                 %% Found or not: the key order is not total across every type
                 %% (209 before 27, mode 2 asymmetric), so only safety is asked.
-                [arbo_tree:find(T, L, {encoded, B}) || B <- Valid],
+                [arbo_tree:find(T, L, {encoded, B}) || B <- Valid, _ <- [arbo_tree:add(T, L, {encoded, B})]],
                 Refused = [B || B <- Bins, arbo_key:validate(B) =/= ok,
-                                begin
-                                    {'EXIT', {{badarg, _}, _}} =
-                                        (catch arbo_tree:add(T, L, {encoded, B})),
-                                    true
-                                end],
+                                {'EXIT', {{badarg, _}, _}} <- [catch arbo_tree:add(T, L, {encoded, B})]],
                 N = length(arbo_tree:children(T, L)),
                 ok = arbo_tree:close(T),
                 N =< length(Valid) andalso length(Refused) + length(Valid) =:= length(Bins)
@@ -162,8 +143,7 @@ accepted_keys() ->
 %% ---- corrupt files ------------------------------------------------------------
 
 corrupt_files() ->
-    ?FORALL(Mutations, non_empty(list(oneof([{flip, nat(), byte()}, {cut, nat()},
-                                             {insert, nat(), binary()}]))),
+    ?FORALL(Mutations, non_empty(list(oneof([{flip, nat(), byte()}, {cut, nat()}]))),
             ?SAFE(begin
                 T = arbo_file_tests:config(),
                 ok = arbo_tree:save(T, "good"),
@@ -184,8 +164,4 @@ mutate({flip, P, X}, B) when byte_size(B) > 0 ->
     <<H:I/binary, _, R/binary>> = B,
     <<H/binary, X, R/binary>>;
 mutate({cut, P}, B) -> binary:part(B, 0, P rem (byte_size(B) + 1));
-mutate({insert, P, X}, B) ->
-    I = P rem (byte_size(B) + 1),
-    <<H:I/binary, R/binary>> = B,
-    <<H/binary, X/binary, R/binary>>;
 mutate(_, B) -> B.
