@@ -31,70 +31,54 @@ config() ->
 %% children in order.
 dump(T) -> dump(T, arbo_tree:root(T)).
 dump(T, N) ->
-    {arbo_tree:type(T, N), arbo_tree:key(T, N),
-     case arbo_tree:type(T, N) of
-         leaf -> arbo_tree:value(T, N);
-         instance -> arbo_tree:value(T, N);
-         _ -> none
-     end,
+    Type = arbo_tree:type(T, N),
+    {Type, arbo_tree:key(T, N), lists:member(Type, [leaf, instance]) andalso arbo_tree:value(T, N),
      arbo_tree:flags(T, N), [arbo_tree:attr(T, N, A) || A <- lists:seq(1, 8)],
      [dump(T, C) || C <- arbo_tree:children(T, N)]}.
 
 round_trip_test() ->
     T = config(),
-    F = tmp("round"),
+    [F, F2] = [tmp("round"), tmp("round2")],
     ok = arbo_tree:save(T, F),
-    ?assertEqual(ok, arbo_file:verify(F)),
     T2 = arbo_tree:new(),
     #{size := Size} = arbo_tree:info(T),
-    {ok, Info} = arbo_tree:load(T2, F, [{progress, self()}]),
-    ?assertMatch(#{nodes := Size, transactions := 1, truncated_at := undefined}, Info),
+    ?assertMatch({ok, #{nodes := Size, transactions := 1, truncated_at := undefined}},
+                 arbo_tree:load(T2, F)),
     ?assertEqual(dump(T), dump(T2)),
     %% the copy saves to the same bytes
-    F2 = tmp("round2"),
     ok = arbo_tree:save(T2, F2),
     ?assertEqual(file:read_file(F), file:read_file(F2)),
-    %% skipping flagged nodes
+    %% skipping flagged nodes: two interfaces with their two leaves and
+    %% attribute each
     ok = arbo_tree:save(T, F2, [{skip_flags, 16#8000}]),
-    T3 = arbo_tree:new(),
-    Kept = Size - 8,  % two interfaces with their two leaves and attribute each
-    {ok, #{nodes := Kept}} = arbo_tree:load(T3, F2, [{progress, fun(_) -> ok end}]),
-    [arbo_tree:close(X) || X <- [T, T2, T3]],
+    ?assertMatch({ok, #{nodes := Kept}} when Kept =:= Size - 8, arbo_tree:load(arbo_tree:new(), F2)),
+    [arbo_tree:close(X) || X <- [T, T2]],
     [file:delete(X) || X <- [F, F2]].
 
-%% Every record shape, well formed and broken.
+%% Every record shape in one well-formed file; one broken record per error.
 records_test_() ->
     M = <<16#EE, 16#DA, 0, 1>>,
     Key = <<200, 2, "ab">>,
-    Good = [<<2, 3, 4, 5, 1, 7>>, <<8, 3>>,
-            <<16#06, 1:32>>, <<16#26, 1:32, 2:32>>, <<16#46, 5:32>>, <<16#66, 12, 5:32>>,
-            <<16#86, 3:32, 0, 1, 204>>, <<16#A6, 4:32, Key/binary>>,
-            <<9, 8, 1:32>>, <<9, 0>>, <<9, 205, 2:32, "xy">>, <<13, 2, "ab">>, <<14, 1:32, 0>>,
-            <<11, 1>>, <<17, 1:16>>, <<22, 1:32>>, <<23, 1:64>>, <<18, 7:32, 10, 1>>,
-            <<16#0A, 1:32>>, <<16#AA, 4:32, Key/binary>>, <<12, 3:32>>, <<15, 1:32>>,
-            <<16, 1:32, 255>>, <<20, 1:32, 3>>, <<16#34, 1:32, 2:32, 0>>,
-            <<16#B3, 4:32, Key/binary, 9:32>>, <<24, 1:32, 2:32>>,
-            <<16#BA, 4:32, Key/binary, 1, 5, 4:32, Key/binary>>,
-            <<16#5B, 7:32, 2, 1:32>>, <<16#BB, 4:32, Key/binary, 5, 4:32, Key/binary>>],
-    Bad = [{<<0>>, not_implemented}, {<<21>>, deprecated_op}, {<<25>>, deprecated_op},
-           {<<28>>, invalid_op}, {<<16#FF>>, invalid_op},
-           {<<16#E6, 0:32>>, invalid_key_type}, {<<16#C6, 0:32>>, invalid_key_type},
-           {<<16#A6, 1:32, 1>>, {bad_key, {unknown_type, 1, 0}}},
-           {<<16#AA, 2:32, 200, 5>>, {bad_key, {truncated, 200, 0}}},
+    Good = <<M/binary, 2, 3, 4, 5, 1, 7, 8, 3,
+             16#06, 1:32, 16#26, 1:32, 2:32, 16#46, 5:32, 16#66, 12, 5:32,
+             16#86, 3:32, 0, 1, 204, 16#A6, 4:32, Key/binary,
+             9, 8, 1:32, 9, 0, 9, 205, 2:32, "xy", 13, 2, "ab", 14, 1:32, 0,
+             11, 1, 17, 1:16, 22, 1:32, 23, 1:64, 18, 7:32, 10, 1,
+             16#0A, 1:32, 16#AA, 4:32, Key/binary, 12, 3:32, 15, 1:32,
+             16, 1:32, 255, 20, 1:32, 3, 16#34, 1:32, 2:32, 0,
+             16#B3, 4:32, Key/binary, 9:32, 24, 1:32, 2:32,
+             16#BA, 4:32, Key/binary, 1, 5, 4:32, Key/binary,
+             16#5B, 7:32, 2, 1:32, 16#BB, 4:32, Key/binary, 5, 4:32, Key/binary>>,
+    Bad = [{<<0>>, not_implemented}, {<<21>>, deprecated_op}, {<<28>>, invalid_op},
+           {<<16#E6, 0:32>>, invalid_key_type}, {<<16#BA, 4:32, Key/binary, 1, 6>>, invalid_key_type},
            {<<16#BA, 4:32, Key/binary, 1, 5, 1:32, 3>>, {bad_key, {unknown_type, 3, 0}}},
-           {<<16#5B, 7:32, 5, 1:32, 1>>, {bad_key, {unknown_type, 1, 0}}},
-           {<<16#BA, 4:32, Key/binary, 1, 6>>, invalid_key_type},
-           {<<9, 3>>, {bad_value, {unknown_type, 3}}},
+           {<<16#AA, 2:32, 200, 5>>, {bad_key, {truncated, 200, 0}}},
            {<<18, 1:32, 250>>, {bad_value, {unknown_type, 250}}},
-           {<<9, 8, 1>>, truncated}, {<<14, 9:32, 1>>, truncated}, {<<16#A6, 9:32>>, truncated},
-           {<<16#86>>, truncated}, {<<20, 1:32>>, truncated}, {<<26>>, truncated}],
-    [?_assertEqual(ok, arbo_file:verify_binary(<<M/binary, R/binary>>)) || R <- Good] ++
-        [?_assertEqual({error, {Reason, 5}},
-                       arbo_file:verify_binary(<<M/binary, 5, R/binary>>))
-         || {R, Reason} <- Bad] ++
-        [?_assertEqual({error, {invalid_magic, 0}}, arbo_file:verify_binary(<<1, 2, 3, 4, 5>>)),
-         ?_assertEqual({error, {truncated, 0}}, arbo_file:verify_binary(<<16#EE, 16#DA>>)),
-         ?_assertEqual(ok, arbo_file:verify_binary(M))].
+           {<<9, 8, 1>>, truncated}, {<<16#A6, 9:32>>, truncated}],
+    [?_assertEqual(ok, arbo_file:verify_binary(Good)),
+     ?_assertEqual({error, {invalid_magic, 0}}, arbo_file:verify_binary(<<1, 2, 3, 4, 5>>))] ++
+        [?_assertEqual({error, {Reason, 5}}, arbo_file:verify_binary(<<M/binary, 5, R/binary>>))
+         || {R, Reason} <- Bad].
 
 %% A file cut at any byte verifies exactly when the loader loads it cleanly.
 cut_files_agree_with_loader_test_() ->
@@ -131,9 +115,7 @@ safe_save_test() ->
                          filelib:wildcard(filename:join(Dir, ".*")) end,
     %% a target that cannot be replaced: the temporary file goes, the old stays
     ?assertMatch({error, _}, arbo_tree:save(T, Dir)),
-    ?assertMatch({error, _}, arbo_tree:save(T, filename:join(tmp("nodir"), "f"))),
     ?assertEqual({error, badarg}, arbo_tree:save(T, <<"/tmp/a", 0, "b">>)),
-    ?assertEqual({error, badarg}, arbo_tree:save(T, "")),
     ?assertEqual([], Temps()),
     ?assertEqual({ok, <<"old contents">>}, file:read_file(F)),
     ok = arbo_tree:save(T, F),
@@ -147,16 +129,15 @@ verified_load_test() ->
     T = config(),
     Before = dump(T),
     F = tmp("bad"),
-    {ok, Good} = (fun() -> ok = arbo_tree:save(T, F), file:read_file(F) end)(),
+    ok = arbo_tree:save(T, F),
+    {ok, Good} = file:read_file(F),
     %% a corrupt key deep in the file: nothing is loaded
     Bad = binary:replace(Good, <<200, 4, "eth1">>, <<201, 4, "eth1">>),
     ok = file:write_file(F, Bad),
     ?assertMatch({error, {invalid_file, {{bad_key, _}, _}}}, arbo_tree:load(T, F)),
     ?assertEqual(Before, dump(T)),
     ?assertEqual({error, {enoent, 0}}, arbo_tree:load(T, tmp("missing"))),
-    ?assertEqual({error, {enoent, 0}}, arbo_file:verify(tmp("missing"))),
     ?assertEqual({error, badarg}, arbo_tree:load(T, <<"a", 0>>)),
-    ?assertError({badarg, _}, arbo_tree:load(T, F, [{progress, not_a_pid}])),
     %% a load moves the epoch: references are stale afterwards
     R = arbo_tree:root(T),
     ok = file:write_file(F, Good),
