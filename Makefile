@@ -46,7 +46,7 @@ test/ebin/.stamp: $(TEST_SRC) $(BENCH_SRC) ebin/.stamp
 # Every suite: C++ unit tests, the Erlang suites against the release build,
 # then the Erlang suites again against the sanitizer build.
 test: build asan
-	$(MAKE) unit eunit eunit-asan check
+	$(MAKE) check unit eunit eunit-asan
 
 unit:
 	cd $(BUILD) && ctest --output-on-failure -j$(JOBS)
