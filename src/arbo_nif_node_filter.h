@@ -12,10 +12,41 @@
 #include <erl_nif.h>
 
 #include <cstdint>
+#include <cstring>
 
+#include "arbo_assert.h"
 #include "arbo_filter.h"
 
 namespace arbo {
+
+// A zero-terminated text buffer of `capacity` bytes: on the stack when it
+// fits in 65 bytes, else from the runtime allocator; freed on every path.
+class ScratchText {
+ public:
+  explicit ScratchText(size_t capacity) : capacity_(capacity) {
+    if (capacity > sizeof small_) {
+      heap_ = static_cast<char*>(enif_alloc(capacity));
+      ARBO_ASSERT_MSG(heap_ != nullptr, "text");
+    }
+    data()[0] = '\0';
+  }
+  // A copy of `len` bytes (negative counts as 0) and a terminating NUL.
+  ScratchText(const char* s, int32_t len)
+      : ScratchText(static_cast<size_t>(len > 0 ? len : 0) + 1) {
+    if (len > 0) std::memcpy(data(), s, static_cast<size_t>(len));
+    data()[capacity_ - 1] = '\0';
+  }
+  ~ScratchText() { enif_free(heap_); }
+  ScratchText(const ScratchText&) = delete;
+  ScratchText& operator=(const ScratchText&) = delete;
+  char* data() { return heap_ != nullptr ? heap_ : small_; }
+  size_t capacity() const { return capacity_; }
+
+ private:
+  char small_[65];
+  char* heap_ = nullptr;
+  size_t capacity_;
+};
 
 struct CmpPattern {
   bool is_uint = false;  // Value decodes as an unsigned 64-bit integer

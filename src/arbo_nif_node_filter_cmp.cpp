@@ -16,29 +16,6 @@ namespace arbo {
 
 namespace {
 
-// Text scratch of max(64, pattern length) + 1 bytes: inline when it can be.
-class TextBuf {
- public:
-  explicit TextBuf(size_t pattern_len) {
-    size_ = static_cast<int32_t>((pattern_len > 64 ? pattern_len : 64) + 1);
-    if (static_cast<size_t>(size_) > sizeof small_) {
-      heap_ = static_cast<char*>(enif_alloc(static_cast<size_t>(size_)));
-      ARBO_ASSERT_MSG(heap_ != nullptr, "text");
-    }
-    data()[0] = '\0';
-  }
-  ~TextBuf() { enif_free(heap_); }
-  TextBuf(const TextBuf&) = delete;
-  TextBuf& operator=(const TextBuf&) = delete;
-  char* data() { return heap_ != nullptr ? heap_ : small_; }
-  int32_t size() const { return size_; }
-
- private:
-  char small_[65];
-  char* heap_ = nullptr;
-  int32_t size_;
-};
-
 // What a comparison looks at: nothing, something without a text form, an
 // integer, raw bytes (plain binary values, opaque key elements) or an
 // encoded element (type byte first, bounds checked).
@@ -296,20 +273,22 @@ int filter_cmp_prepared(arbo_node* node, int match_flag, uint32_t cmp_op, ErlNif
   if (s.kind == Subject::kNoText) return kMatchUnsupported;
   // An integer's text never comes near the buffer's 64 bytes.
   if (s.kind == Subject::kInt) return cmp_int_prepared(cmp_op, s.negative, s.mag, p);
-  TextBuf buf(static_cast<size_t>(p.len));
+  // Room for the pattern's length, at least 64, and the terminating NUL.
+  ScratchText buf((p.len > 64 ? static_cast<size_t>(p.len) : 64) + 1);
+  const int32_t cap = static_cast<int32_t>(buf.capacity());
   int32_t len;
   if (s.kind == Subject::kRaw) {
-    const size_t n = s.len < static_cast<size_t>(buf.size() - 1) ? s.len : buf.size() - 1;
+    const size_t n = s.len < buf.capacity() - 1 ? s.len : buf.capacity() - 1;
     if (n > 0) std::memcpy(buf.data(), s.bytes, n);
     buf.data()[n] = '\0';
     len = static_cast<int32_t>(n);
   } else {
-    len = _arbo_nif_fmt_cs_val(s.bytes, buf.data(), buf.size());
+    len = _arbo_nif_fmt_cs_val(s.bytes, buf.data(), cap);
   }
   int r = cmp_text_prepared(cmp_op, buf.data(), len, p);
   // A text that fills the buffer may have been cut: a match is then only
   // "missing", not "full".
-  if (r == kMatchFull && len >= buf.size() - 1) r = kMatchMissing;
+  if (r == kMatchFull && len >= cap - 1) r = kMatchMissing;
   return r;
 }
 

@@ -34,32 +34,6 @@ int32_t bounded(int n, int32_t cap) {
   return n < cap ? n : cap - 1;
 }
 
-// A NUL-terminated copy of a byte string: inline for short ones.
-class CString {
- public:
-  CString(const char* s, int32_t len) {
-    const size_t n = len > 0 ? static_cast<size_t>(len) : 0;
-    if (n >= sizeof small_) {
-      heap_ = static_cast<char*>(enif_alloc(n + 1));
-      ARBO_ASSERT_MSG(heap_ != nullptr, "pattern");
-    }
-    char* p = str();
-    if (n > 0) std::memcpy(p, s, n);
-    p[n] = '\0';
-    len_ = n;
-  }
-  ~CString() { enif_free(heap_); }
-  CString(const CString&) = delete;
-  CString& operator=(const CString&) = delete;
-  char* str() { return heap_ != nullptr ? heap_ : small_; }
-  size_t len() const { return len_; }
-
- private:
-  char small_[65];
-  char* heap_ = nullptr;
-  size_t len_ = 0;
-};
-
 // Whole text as a base-10 integer; out of range counts as no number.
 bool parse_ll(const char* s, size_t len, long long* out) {
   if (len == 0) return false;
@@ -128,9 +102,10 @@ int32_t _arbo_nif_fmt_cs_val(const unsigned char* e, char* dst, int32_t cap) {
 }
 
 void parse_pattern_numbers(CmpPattern* p) {
-  CString pat(p->bytes, p->len);
-  p->ll_ok = parse_ll(pat.str(), pat.len(), &p->ll);
-  p->d_ok = parse_d(pat.str(), pat.len(), &p->d);
+  ScratchText pat(p->bytes, p->len);
+  const size_t n = pat.capacity() - 1;
+  p->ll_ok = parse_ll(pat.data(), n, &p->ll);
+  p->d_ok = parse_d(pat.data(), n, &p->d);
 }
 
 int cmp_text_prepared(uint32_t cmp_op, const char* text, int32_t text_len, const CmpPattern& p) {

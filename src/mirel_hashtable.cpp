@@ -81,12 +81,7 @@ mirel_hashtable* _mirel_create_hashtable_mallf(uint32_t minsize, mirel_hashfn ha
   h->primeindex = pindex;
   h->entrycount = 0;
   h->loadlimit = load_limit(size);
-  h->hashfn = hashfn;
-  h->eqfn = eqfn;
-  h->allocfn = allocfn;
-  h->freefn = freefn;
-  h->freekeyfn = freekeyfn != nullptr ? freekeyfn : default_freekey;
-  h->freekey_arg = freekey_arg;
+  _mirel_hashtable_set_funcs(h, hashfn, eqfn, allocfn, freefn, freekeyfn, freekey_arg);
   return h;
 }
 
