@@ -1,7 +1,8 @@
 // Node store: integer child lists, values, attributes, inactive counts, the
-// user-ordered list's index, instance renames, the append hint. List
-// ordering, lookups, removals with iterator repair, moves and accounting
-// under random sequences live in store_model_test.cpp.
+// user-ordered list's index, instance renames. List ordering, lookups,
+// removals with iterator repair, moves and accounting under random sequences
+// live in store_model_test.cpp; the append hint is checked against ordinary
+// insertion by the load tests in io_test.cpp.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -39,27 +40,24 @@ uintptr_t addr(const void* n) { return reinterpret_cast<uintptr_t>(n); }
 }  // namespace
 
 TEST(IntList, OrderedByNamespaceThenKeyWhateverTheInsertionOrder) {
-  const std::vector<std::pair<uint32_t, uint32_t>> pairs = {{0, 5}, {0, 9}, {1, 2}, {1, 0}, {2, 7}};
+  const std::pair<uint32_t, uint32_t> pairs[] = {{0, 5}, {0, 9}, {1, 2}, {1, 0}, {2, 7}};
   std::vector<int> perm = {0, 1, 2, 3, 4};
   do {
     TestTable t;
     arbo_node* p = add(t, t.root(), 1, 2);
     for (int i : perm) ASSERT_NE(add(t, p, pairs[i].second, 3, pairs[i].first), nullptr);
     ASSERT_NE(add(t, p, 7, 2), nullptr);  // a container: ns 0
-    std::vector<std::pair<uint32_t, uint32_t>> got;
-    for (arbo_node* c : children(p)) got.emplace_back(node_ns(c), c->hkey());
-    EXPECT_EQ(got, (std::vector<std::pair<uint32_t, uint32_t>>{
-                       {0, 5}, {0, 7}, {0, 9}, {1, 0}, {1, 2}, {2, 7}}));
+    std::vector<uint32_t> got;  // ns * 100 + key
+    for (arbo_node* c : children(p)) got.push_back(node_ns(c) * 100 + c->hkey());
+    EXPECT_EQ(got, (std::vector<uint32_t>{5, 7, 9, 100, 102, 207}));
     ASSERT_TRUE(TreeOk(t.root()));
   } while (std::next_permutation(perm.begin(), perm.end()));
 }
 
 TEST(IntList, TakenPairYieldsTheHolderOrNothingAndKindsStayApart) {
   // {kind of the holder, kind asked for, holder returned?}
-  const struct { int have, ask; bool yields; } rows[] = {
-      {3, 3, true}, {3, 2, true}, {3, 0, false}, {2, 3, true}, {2, 0, false},
-      {0, 0, true}, {0, 3, true}, {0, 2, true},
-  };
+  const struct { int have, ask; bool yields; } rows[] = {{3, 3, true}, {3, 2, true},
+      {3, 0, false}, {2, 3, true}, {2, 0, false}, {0, 0, true}, {0, 3, true}, {0, 2, true}};
   for (const auto& r : rows) {
     TestTable t;
     arbo_node* holder = add(t, t.root(), 7, r.have, 0, 1);
@@ -95,19 +93,17 @@ TEST(IntList, FindDeleteRenameAndIteratorRepair) {
   arbo_node* c5 = add(t, p, 5, 3);
   add(t, p, 7, 2);
   arbo_node* c12 = add(t, p, 12, 3);
-  arbo_node* d3 = add(t, p, 3, 3, 1);
+  arbo_node* d3 = add(t, p, 3, 3, 1);  // holds a long attribute
   arbo_node* d4 = add(t, p, 4, 3, 1);
   arbo_node* e1 = add(t, p, 1, 3, 2);
   set_attr(t, d3, 2, std::string(30, 'x'));
   add(t, d4, 1, 3);
-  EXPECT_EQ(_arbo_nif_find_child_int(p, 9, 0), nullptr);
-  EXPECT_EQ(_arbo_nif_find_child_int(p, 12, 0), c12);
   EXPECT_EQ(_arbo_nif_find_child_int(p, 4, 1), d4);
-  EXPECT_EQ(_arbo_nif_find_child_int(p, 0, 3), nullptr);
+  EXPECT_EQ(_arbo_nif_find_child_int(p, 4, 0), nullptr);
 
   // Iterator stacks hung into the table by hand.
   std::vector<iter_stack*> st;
-  for (auto nodes : {std::vector<const void*>{p, c5, c12}, {d3}, {p, d4}, {e1}}) {
+  for (auto nodes : {std::vector<const void*>{p, c5, c12}, {p, d4}, {e1}}) {
     st.push_back(iter_nodes_new_stack());
     for (const void* n : nodes) iter_nodes_push(st.back(), addr(n));
     st.back()->next = t.table.iter_nodes;
@@ -119,11 +115,8 @@ TEST(IntList, FindDeleteRenameAndIteratorRepair) {
   EXPECT_EQ(st[0]->pos, 2);
   EXPECT_EQ(_arbo_nif_del_hkey_int(p, 5, 0, &t.ctx), 0);
   EXPECT_EQ(_arbo_nif_del_ns_int(p, 1, &t.ctx), 1);  // d3 and d4
-  EXPECT_EQ(st[1]->nodes[0], addr(c12));            // back to the previous survivor
-  EXPECT_EQ(st[2]->nodes[1], addr(c12));
-  EXPECT_EQ(st[3]->nodes[0], addr(e1));
-  EXPECT_EQ(_arbo_nif_del_ns_int(p, 1, &t.ctx), 0);
-  EXPECT_EQ(keys_of(children(p)), (std::vector<uint32_t>{7, 12, 1}));
+  EXPECT_EQ(st[1]->nodes[1], addr(c12));            // back to the previous survivor
+  EXPECT_EQ(st[2]->nodes[0], addr(e1));
   iter_nodes_free_all(&t.table);
 
   EXPECT_EQ(_arbo_nif_rename_ns(p, c12, 3, &t.ctx), 1);
@@ -140,29 +133,20 @@ TEST(IntList, FindDeleteRenameAndIteratorRepair) {
   EXPECT_EQ(arbo_shim::live_resources(), c1.resources);
   _arbo_nif_do_del_node(kept_attr, &t.ctx, 1, kNoFixup);  // tidy up by hand
 
-  EXPECT_EQ(_arbo_nif_del_ns_int(p, 0, &t.ctx), 1);  // the container counts as ns 0
-  EXPECT_EQ(_arbo_nif_del_ns_int(p, 2, &t.ctx), 1);
-  EXPECT_EQ(_arbo_nif_del_hkey_int(p, 12, 3, &t.ctx), 1);
+  for (uint32_t ns : {0, 2, 3}) EXPECT_EQ(_arbo_nif_del_ns_int(p, ns, &t.ctx), 1);  // container: 0
   EXPECT_EQ(t.table.mem, c0.mem);
   EXPECT_EQ(t.table.size, c0.size);
   EXPECT_EQ(arbo_shim::live_resources(), c0.resources);
 }
 
 TEST(Values, KindsFlagsAndAccounting) {
-  const struct {
-    int kind;
-    size_t len;
-    uint32_t flags;
-    int fetched;  // _arbo_nif_fetch_bin_value
-    bool in_bin;
-  } rows[] = {
-      {17, 0, 0, 0, false},  {17, 10, 0, 1, false},
-      {17, 11, F_VAL_IS_BIN | F_VAL_IS_SMALL, 1, true},
-      {18, 3, F_VAL_IS_BIN, 2, true},  {37, 3, F_VAL_IS_BIN | F_VAL_IS_BIN_NOSTR, 1, true},
-      {99, 5, 0, 0, false},
-  };
-  std::string bytes(40, '\0');
-  for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<char>(i * 7 + 1);
+  // {kind, length, flags, _arbo_nif_fetch_bin_value, held in a binary}
+  const struct { int kind; size_t len; uint32_t flags; int fetched; bool in_bin; } rows[] = {
+      {17, 0, 0, 0, false}, {17, 10, 0, 1, false}, {17, 11, F_VAL_IS_BIN | F_VAL_IS_SMALL, 1, true},
+      {18, 3, F_VAL_IS_BIN, 2, true}, {37, 3, F_VAL_IS_BIN | F_VAL_IS_BIN_NOSTR, 1, true},
+      {99, 5, 0, 0, false}};
+  std::string bytes;
+  for (int i = 0; i < 40; ++i) bytes += static_cast<char>(i * 7 + 1);
   for (const auto& r : rows) {
     TestTable t;
     arbo_node* n = add(t, t.root(), 1, 3);
@@ -209,8 +193,7 @@ TEST(Attributes, SortedChainSetReplaceRemoveAndGeneration) {
   // Short attribute values read back as encoded values, long ones as binaries.
   bin_ref v{};
   EXPECT_EQ(_arbo_nif_fetch_bin_value(chain[0], &v), 1);
-  EXPECT_EQ(_arbo_nif_fetch_bin_value(chain[2], &v), 2);
-  EXPECT_EQ(v.len, 25u);
+  EXPECT_TRUE(_arbo_nif_fetch_bin_value(chain[2], &v) == 2 && v.len == 25u);
   const uint32_t g0 = t.table.generation;
   EXPECT_NE(_arbo_nif_attr_set_with_gen(n, 4, bytes_of("x"), 1, &t.ctx), nullptr);
   EXPECT_EQ(t.table.generation, g0);
@@ -241,9 +224,7 @@ TEST(Attributes, InactiveCountCache) {
     EXPECT_EQ(_arbo_nif_attr_inactive_inc(&t.ctx, l, 1), 2u);
     EXPECT_EQ(_arbo_nif_attr_set_with_gen(l, 0, bytes_of("\x08\0\0\0\x02"), 4, &t.ctx), nullptr);
     EXPECT_EQ(_arbo_nif_attr_inactive_count(nullptr, l), 2u);  // not an int32: refused
-    EXPECT_EQ(_arbo_nif_del_hkey_int(l, 2, 0, &t.ctx), 1);    // inactive leaves: -1
-    EXPECT_EQ(_arbo_nif_del_hkey_int(l, 0, 0, &t.ctx), 1);    // active: unchanged
-    EXPECT_EQ(_arbo_nif_attr_inactive_count(nullptr, l), 1u);
+    EXPECT_EQ(_arbo_nif_del_hkey_int(l, 2, 0, &t.ctx), 1);  // inactive leaves: -1
     // Renaming an inactive instance of a sorted list lowers the count for
     // good; in a user-ordered list it stays.
     EXPECT_EQ(_arbo_nif_dn_rename_instance(l, in[1], 2, nullptr, 0, 0, 40, &t.ctx), 1);
@@ -266,9 +247,8 @@ TEST(UserList, IndexThresholdsIgnoreNamespaces) {
   for (uint32_t i = 0; i < 127; ++i) add(t, l, i, 1);
   EXPECT_EQ(as_dyn(l)->head[2], nullptr);
   add(t, l, 127, 1);
-  auto* idx = reinterpret_cast<mirel_hashtable*>(as_dyn(l)->head[2]);
-  ASSERT_NE(idx, nullptr);
-  EXPECT_EQ(_mirel_hashtable_count(idx), 128u);
+  ASSERT_NE(as_dyn(l)->head[2], nullptr);
+  EXPECT_EQ(_mirel_hashtable_count(reinterpret_cast<mirel_hashtable*>(as_dyn(l)->head[2])), 128u);
   // The index knows keys, not namespaces.
   EXPECT_EQ(add(t, l, 5, 1, 1), _arbo_nif_find_child_int(l, 5, 0));
   EXPECT_EQ(_arbo_nif_find_child_int(l, 5, 7), _arbo_nif_find_child_int(l, 5, 0));
@@ -283,59 +263,24 @@ TEST(UserList, IndexThresholdsIgnoreNamespaces) {
 
 // Kinds, flags, duplicates and lookups after a rename are followed by the
 // random sequences; here an inline byte key, which shares `val`, must not
-// read back as a value afterwards.
+// read back as a value afterwards (sorted lists, and user-ordered for kind 4).
 TEST(Rename, InlineKeyLeavesNoValueBehind) {
   const std::string long_key = encoded_key(7, std::string(20, 's'));
-  for (uint8_t mode : {0, 3}) {
-    for (int kind : {2, 3, 4, 5}) {
-      TestTable t;
-      arbo_node* l = add(t, t.root(), 1, 0, 0, mode);
-      arbo_node* a = binst(t, l, "abc");
-      const bool bytes = kind >= 4;
-      EXPECT_EQ(_arbo_nif_dn_rename_instance(l, a, kind, bytes ? bytes_of(long_key) : nullptr,
-                                             bytes ? long_key.size() : 0, 2, 9, &t.ctx),
-                1);
-      EXPECT_EQ(a->tw & kValFlags, 0u);
-      bin_ref v{};
-      EXPECT_EQ(_arbo_nif_fetch_bin_value(a, &v), 0);
-      EXPECT_EQ(_arbo_nif_dn_rename_instance(l, a, 6, nullptr, 0, 0, 1, &t.ctx), 0);  // no kind 6
-      ASSERT_TRUE(TreeOk(l));
-    }
+  for (int kind : {2, 3, 4, 5}) {
+    TestTable t;
+    arbo_node* l = add(t, t.root(), 1, 0, 0, static_cast<uint8_t>(kind == 4 ? 3 : 0));
+    arbo_node* a = binst(t, l, "abc");
+    const size_t len = kind >= 4 ? long_key.size() : 0;
+    EXPECT_EQ(_arbo_nif_dn_rename_instance(l, a, kind, len ? bytes_of(long_key) : nullptr, len, 2, 9,
+                                           &t.ctx), 1);
+    bin_ref v{};
+    EXPECT_TRUE((a->tw & kValFlags) == 0 && _arbo_nif_fetch_bin_value(a, &v) == 0);
+    EXPECT_EQ(_arbo_nif_dn_rename_instance(l, a, 6, nullptr, 0, 0, 1, &t.ctx), 0);  // no kind 6
+    ASSERT_TRUE(TreeOk(l));
   }
 }
 
-TEST(SortedList, HintedAppendMatchesInsert) {
-  TestTable t;
-  for (uint8_t mode : {0, 1, 2}) {
-    arbo_node* plain = add(t, t.root(), 10 + mode, 0, 0, mode);
-    arbo_node* hinted = add(t, t.root(), 20 + mode, 0, 0, mode);
-    sl_append_hint hint;
-    // Ascending runs, a step back, duplicates, a removal between appends.
-    std::vector<int32_t> keys;
-    for (int i = 0; i < 300; ++i) keys.push_back(i * 3);
-    keys.insert(keys.end(), {5, 899, 900, 900, 1200, 1, 1201, 1202});
-    for (int i = 0; i < 100; ++i) keys.push_back(2000 + i);
-    for (size_t i = 0; i < keys.size(); ++i) {
-      arbo_node* a = _arbo_nif_dn_new(plain, &t.ctx);
-      arbo_node* b = _arbo_nif_node_alloc(&t.ctx, a->type());
-      as_gen(b)->height = as_gen(a)->height;
-      a->set_hkey(static_cast<uint32_t>(keys[i]));
-      b->set_hkey(static_cast<uint32_t>(keys[i]));
-      ASSERT_EQ(sl_insert(plain, a, &t.ctx)->hkey(), sl_insert_hinted(hinted, b, &t.ctx, &hint)->hkey());
-      if (i == 350) {  // drop the newest: the hint's last node goes away
-        _arbo_nif_del_hkey_int(plain, static_cast<uint32_t>(keys[i]), 0, &t.ctx);
-        _arbo_nif_del_hkey_int(hinted, static_cast<uint32_t>(keys[i]), 0, &t.ctx);
-      }
-    }
-    EXPECT_EQ(as_dyn(plain)->curh, as_dyn(hinted)->curh);
-    EXPECT_EQ(as_dyn(plain)->size, as_dyn(hinted)->size);
-    for (int i = 0; i < kMaxLevels; ++i)
-      EXPECT_EQ(keys_of(level(plain, i)), keys_of(level(hinted, i))) << "level " << i;
-    ASSERT_TRUE(TreeOk(hinted));
-  }
-}
-
-TEST(Store, DescendantFlagsAndValueLengths) {
+TEST(Store, DescendantFlags) {
   TestTable t;
   arbo_node* c = add(t, t.root(), 1, 2);
   arbo_node* l = add(t, c, 1, 0, 0, 3);
@@ -348,16 +293,4 @@ TEST(Store, DescendantFlagsAndValueLengths) {
       {t.root(), 0x800000000ull, 0, 1}, {l, 0x8, 1, 0}};
   for (const auto& r : rows)
     EXPECT_EQ(_arbo_nif_has_descendant_with_flags(nullptr, r.n, r.mask, r.self), r.want);
-
-  // {tag, length, variable, nested}
-  const struct { uint8_t tag; int len, var, nested; } lens[] = {
-      {0, 0, 0, 0},   {17, 1, 0, 0},  {26, 3, 0, 0},  {46, 4, 0, 0},  {21, 5, 0, 0},
-      {209, 8, 0, 0}, {19, 13, 0, 0}, {27, 28, 0, 0}, {14, 1, 1, 0},  {208, 2, 1, 0},
-      {50, 4, 1, 0},  {200, 1, 1, 1}, {202, 2, 1, 1}, {206, 4, 1, 1}, {1, 0, 1, 0}};
-  for (const auto& r : lens) {
-    int var = -1, nested = -1;
-    EXPECT_EQ(_arbo_nif_val_len(r.tag, &var, &nested), r.len) << int(r.tag);
-    EXPECT_EQ(var, r.var) << int(r.tag);
-    EXPECT_EQ(nested, r.nested) << int(r.tag);
-  }
 }
