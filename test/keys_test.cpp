@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <random>
 #include <string>
@@ -56,10 +57,7 @@ struct Key {
   Key& i32(int32_t v) { return el(8, static_cast<uint32_t>(v), 4); }
   Key& mask32(uint32_t v) { return el(29, v, 4); }
   Key& mask64(uint64_t v) { return el(30, v, 8); }
-  Key& add(const Bytes& v) {
-    b.insert(b.end(), v.begin(), v.end());
-    return *this;
-  }
+  Key& add(const Bytes& v) { return b.insert(b.end(), v.begin(), v.end()), *this; }
   // A variable-length element; the header bytes after the length field are
   // filler.
   Key& str(const std::string& s, int type = 200) {
@@ -91,9 +89,8 @@ Parsed parse(const Bytes& buf, int single = 0) {
 }
 
 TEST(KeyParser, EveryValidTypeCode) {
-  const auto& rows = kRows;
   int seen = 0;
-  for (const Row& r : rows) {
+  for (const Row& r : kRows) {
     for (int code : r.codes) {
       ++seen;
       for (int len : {0, 3, 300}) {
@@ -149,14 +146,7 @@ TEST(KeyParserDeathTest, UnknownTypesAndElementsPastTheEndAbort) {
 }
 
 TEST(KeyOrder, PinnedCasesInEveryModeAndBothOrders) {
-  struct Case {
-    Bytes a;
-    int as;
-    Bytes b;
-    int bs;
-    int want[3];  // expected sign in modes 0, 1, 2
-  };
-  const Case cases[] = {
+  const struct { Bytes a; int as; Bytes b; int bs; int want[3]; } cases[] = {  // sign per mode
       {{}, 1, raw("a"), 1, {-1, -1, -1}},
       {K().el(0, 0, 0).i32(1).b, 0, K().el(0, 0, 0).i32(2).str("x").b, 0, {0, 0, 0}},
       {K().str("abc").b, 0, raw("abc"), 1, {0, 0, 0}},                 // string vs opaque
@@ -165,11 +155,8 @@ TEST(KeyOrder, PinnedCasesInEveryModeAndBothOrders) {
       {K().el(209, 0, 8).b, 0, K().el(27, 0, 28).b, 0, {-1, -1, -1}},  // 209 before 27
       {K().el(27, 0, 28).b, 0, K().str("").b, 0, {-1, -1, -1}},        // no wrap
       {raw("zz"), 1, K().i32(0).b, 0, {1, 1, 1}},                      // opaque is 204
-      {K().i8(-1).b, 0, K().i8(0).b, 0, {-1, -1, -1}},
-      {K().el(7, 0xfed4, 2).b, 0, K().el(7, 5, 2).b, 0, {-1, -1, -1}},
-      {K().i32(INT32_MIN).b, 0, K().i32(1).b, 0, {-1, -1, -1}},
+      {K().el(7, 0xfed4, 2).b, 0, K().el(7, 5, 2).b, 0, {-1, -1, -1}},  // signed
       {K().el(9, ~0ull, 8).b, 0, K().el(9, 1, 8).b, 0, {-1, -1, -1}},
-      {K().el(43, 0xffull << 56, 8).put(0, 1).b, 0, K().el(43, 1, 8).put(9, 1).b, 0, {-1, -1, -1}},
       {K().el(43, 5, 8).put(0xff, 1).b, 0, K().el(43, 5, 8).put(0, 1).b, 0, {0, 0, 0}},
       {K().el(13, ~0ull, 8).b, 0, K().el(13, 1, 8).b, 0, {1, 1, 1}},  // unsigned by bytes
       {K().el(17, 1, 1).b, 0, K().el(17, 0, 1).b, 0, {-1, -1, -1}},  // true before false
@@ -177,9 +164,6 @@ TEST(KeyOrder, PinnedCasesInEveryModeAndBothOrders) {
       {K().i32(1).b, 0, K().i32(1).i32(2).b, 0, {-1, -1, -1}},
       {K().str("b").b, 0, K().str("aa").b, 0, {1, -1, 1}},
       {K().str("b").i8(0).b, 0, K().str("aa").i8(0).b, 0, {1, -1, -1}},
-      {K().str("ab").i8(1).b, 0, K().str("ab").i8(2).b, 0, {-1, -1, -1}},
-      {K().str("abc", 208).b, 0, K().str("abd", 208).b, 0, {-1, -1, -1}},
-      {K().str("ab", 38).b, 0, K().str("abc", 38).b, 0, {-1, -1, -1}},
       {raw("abcd"), 1, K().str("abc").i8(1).b, 0, {1, 1, 1}},
       // Mode 2 is deliberately asymmetric: only the first operand's position
       // decides whether length comes first, so each sorts after the other.
@@ -190,19 +174,14 @@ TEST(KeyOrder, PinnedCasesInEveryModeAndBothOrders) {
       // longer operand's last byte is skipped.
       {K().bits({1, 0}).b, 0, K().bits({0, 1}).b, 0, {-1, 1, 1}},
       {K().bits({8, 0}).b, 0, K().bits({0, 7}).b, 0, {-1, 0, 0}},
-      {K().bits({1, 0, 0}).b, 0, K().bits({6, 0, 0}).b, 0, {-1, 1, 1}},
       {K().bits({5}).b, 0, K().bits({2}).b, 0, {1, 0, 0}},
       {K().bits({1}).b, 0, K().bits({1, 0, 0}).b, 0, {0, 0, 0}},
-      {K().bits({1, 2}).i8(1).b, 0, K().bits({1, 2}).i8(2).b, 0, {-1, -1, -1}},
       {K().mask64(2).b, 0, K().mask64(1).b, 0, {1, -1, -1}},
       {K().mask64(1ull << 63).b, 0, K().mask64(0).b, 0, {1, 1, 1}},
-      {K().mask64(1ull << 63).b, 0, K().mask64(1ull << 62).b, 0, {1, -1, -1}},
       {K().mask32(0x80000000u).b, 0, K().mask32(1).b, 0, {1, -1, -1}},
-      {K().mask32(0xffffffffu).b, 0, K().mask32(0x7fffffffu).b, 0, {1, 1, 1}},
-      {K().mask32(5).i8(1).b, 0, K().mask32(5).i8(0).b, 0, {1, 1, 1}},
   };
   for (size_t i = 0; i < std::size(cases); ++i) {
-    const Case& c = cases[i];
+    const auto& c = cases[i];
     for (int mode : {0, 1, 2, 7}) {  // modes other than 0, 1 and 2 behave as 0
       const int want = c.want[mode == 7 ? 0 : mode];
       EXPECT_EQ(cmpk(c.a, c.as, c.b, c.bs, mode), want) << "case " << i << " mode " << mode;
@@ -224,9 +203,8 @@ std::vector<RandKey> random_keys(uint64_t seed, int count, const std::vector<int
   std::mt19937_64 rng(seed);
   auto pick = [&](int n) { return static_cast<int>(rng() % static_cast<uint64_t>(n)); };
   auto some = [&](int n) {
-    static const unsigned char v[] = {0, 1, 2, 7, 0x80, 0xff};
     Bytes out;
-    for (int i = 0; i < n; ++i) out.push_back(v[pick(6)]);
+    while (n-- > 0) out.push_back(std::array<unsigned char, 6>{0, 1, 2, 7, 0x80, 0xff}[pick(6)]);
     return out;
   };
   auto text = [&] {

@@ -42,14 +42,6 @@ inline std::vector<arbo_node*> children(const arbo_node* n) {
   return out;
 }
 
-// Instances on one skip-list level.
-inline std::vector<arbo_node*> level(arbo_node* list, int i) {
-  std::vector<arbo_node*> out;
-  for (arbo_node* n = arbo::as_dyn(list)->head[i]; n != nullptr; n = arbo::as_gen(n)->next[i])
-    out.push_back(n);
-  return out;
-}
-
 inline std::string key_string(const arbo_node* n) {
   arbo::key_bytes kb = arbo::node_key_bytes(n);
   return std::string(reinterpret_cast<const char*>(kb.ptr), static_cast<size_t>(kb.len));
