@@ -48,6 +48,18 @@ class ScratchText {
   size_t capacity_;
 };
 
+// The ordering comparisons of filters: 3 greater, 4 greater or equal,
+// 5 less, 6 (and any other caller-checked value) less or equal.
+template <typename T>
+int ordered(uint32_t cmp_op, T a, T b) {
+  switch (cmp_op) {
+    case 3: return a > b ? 1 : 0;
+    case 4: return a >= b ? 1 : 0;
+    case 5: return a < b ? 1 : 0;
+    default: return a <= b ? 1 : 0;
+  }
+}
+
 struct CmpPattern {
   bool is_uint = false;  // Value decodes as an unsigned 64-bit integer
   uint64_t u = 0;

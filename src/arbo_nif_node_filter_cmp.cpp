@@ -27,16 +27,6 @@ struct Subject {
   size_t len = 0;
 };
 
-template <typename T>
-int ordered(uint32_t cmp_op, T a, T b) {
-  switch (cmp_op) {
-    case 3: return a > b ? 1 : 0;
-    case 4: return a >= b ? 1 : 0;
-    case 5: return a < b ? 1 : 0;
-    default: return a <= b ? 1 : 0;
-  }
-}
-
 uint64_t be(const unsigned char* p, int n) {
   uint64_t v = 0;
   for (int i = 0; i < n; ++i) v = (v << 8) | p[i];

@@ -58,16 +58,6 @@ bool parse_d(const char* s, size_t len, double* out) {
   return true;
 }
 
-template <typename T>
-int ordered(uint32_t cmp_op, T a, T b) {
-  switch (cmp_op) {
-    case 3: return a > b ? 1 : 0;
-    case 4: return a >= b ? 1 : 0;
-    case 5: return a < b ? 1 : 0;
-    default: return a <= b ? 1 : 0;
-  }
-}
-
 }  // namespace
 
 int32_t _arbo_nif_fmt_cs_val(const unsigned char* e, char* dst, int32_t cap) {
