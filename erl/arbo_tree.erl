@@ -163,8 +163,17 @@ attach(T) -> error({badarg, {tree, T}}).
 reading({arbo, Res, View, {arbo_gate, _, _, _}} = T, Fun) when is_function(Fun, 1) ->
     Word = word(T),
     S = enter(T, Word, 0),
-    try Fun({arbo, Res, View, {arbo_reading, Word, S, self()}})
-    after atomics:sub(Word, 1, 1)
+    %% The pass's token in the process dictionary is what a reader handle
+    %% is checked against on every call: a nested pass keeps the outer one.
+    {Tok, Outer} = case get({'$arbo_pass', Res}) of
+                       undefined -> {erlang:unique_integer(), true};
+                       Tok0 -> {Tok0, false}
+                   end,
+    Outer andalso begin put({'$arbo_pass', Res}, Tok), put(Tok, '$arbo_pass') end,
+    try Fun({arbo, Res, View, {arbo_reading, Word, S, Tok}})
+    after
+        Outer andalso begin erase({'$arbo_pass', Res}), erase(Tok) end,
+        atomics:sub(Word, 1, 1)
     end;
 reading(T, Fun) -> error({badarg, {T, Fun}}).
 
@@ -267,10 +276,10 @@ find({arbo, Res, _, {arbo_gate, _, Owner, Word}} = T,
             atomics:sub(Word, 1, 1),
             read(T, [P], fun(S1) -> mk(T, S1, arbo:find_child(T, Addr, K, Code), Addr) end)
     end;
-find({arbo, Res, _, {arbo_reading, Word, S, Owner}} = T,
-     #arbo_node{table = Res, stamp = S, addr = Addr}, Key) when Owner =:= self() ->
+find({arbo, Res, _, {arbo_reading, _, S, Tok}} = T,
+     #arbo_node{table = Res, stamp = S, addr = Addr}, Key) ->
     {K, Code} = find_arg(Key),
-    inside(T, Word, S),
+    inside(T, Tok),
     case arbo:find_child(T, Addr, K, Code) of
         0 -> none;
         R -> #arbo_node{table = Res, stamp = S, addr = R, parent = Addr}
@@ -436,10 +445,9 @@ next_sibling({arbo, Res, _, {arbo_gate, _, Owner, Word}} = T,
             read(T, [N], fun(S1) -> mk(T, S1, arbo:next_sibling_nif(T, Addr, [], 0), Parent)
                          end)
     end;
-next_sibling({arbo, Res, _, {arbo_reading, Word, S, Owner}} = T,
-             #arbo_node{table = Res, stamp = S, addr = Addr, parent = Parent})
-  when Owner =:= self() ->
-    inside(T, Word, S),
+next_sibling({arbo, Res, _, {arbo_reading, _, S, Tok}} = T,
+             #arbo_node{table = Res, stamp = S, addr = Addr, parent = Parent}) ->
+    inside(T, Tok),
     case arbo:next_sibling_nif(T, Addr, [], 0) of
         0 -> none;
         R -> #arbo_node{table = Res, stamp = S, addr = R, parent = Parent}
@@ -567,9 +575,9 @@ value_raw({arbo, Res, _, {arbo_gate, _, Owner, Word}} = T,
             atomics:sub(Word, 1, 1),
             read(T, [N], fun(_) -> arbo:get_val_raw(T, Addr) end)
     end;
-value_raw({arbo, Res, _, {arbo_reading, Word, S, Owner}} = T,
-          #arbo_node{table = Res, stamp = S, addr = Addr}) when Owner =:= self() ->
-    inside(T, Word, S),
+value_raw({arbo, Res, _, {arbo_reading, _, S, Tok}} = T,
+          #arbo_node{table = Res, stamp = S, addr = Addr}) ->
+    inside(T, Tok),
     arbo:get_val_raw(T, Addr);
 value_raw(T, N) ->
     read(T, [N], fun(_) -> arbo:get_val_raw(T, N#arbo_node.addr) end).
@@ -759,18 +767,18 @@ walk_chunks(T, P, F, Fun, Acc, Cont, Left) ->
     {Acc1, Left1} = visit(Found, P, Fun, Acc, Left),
     walk_chunks(T, P, F, Fun, Acc1, Next, Left1).
 
-steps(_, _, _, Cont, 0, Found) -> {lists:reverse(Found), Cont};
-steps(T, PA, F, Cont, N, Found) ->
-    R = case Cont of
-            first -> arbo:first_child_nif(T, PA, F, 0);
-            {next, A} -> arbo:next_sibling_nif(T, A, F, 0);
-            {resume, Stack, At} -> arbo:next_sibling_nif(T, At, F, 0, Stack)
-        end,
-    case R of
-        0 -> {lists:reverse(Found), done};
-        {yield, Stack1, At1} -> steps(T, PA, F, {resume, Stack1, At1}, N - 1, Found);
-        A1 -> steps(T, PA, F, {next, A1}, N - 1, [A1 | Found])
-    end.
+steps(T, PA, F, first, N, Found) -> step(T, PA, F, arbo:first_child_nif(T, PA, F, 0), N, Found);
+steps(T, PA, F, {next, A}, N, Found) -> step(T, PA, F, arbo:next_sibling_nif(T, A, F, 0), N, Found);
+steps(T, PA, F, {resume, Stack, At}, N, Found) ->
+    step(T, PA, F, arbo:next_sibling_nif(T, At, F, 0, Stack), N, Found).
+
+%% One library answer; the plain case (a match, more steps left) loops here
+%% without building a continuation.
+step(_, _, _, 0, _, Found) -> {lists:reverse(Found), done};
+step(T, PA, F, {yield, Stack, At}, N, Found) when N > 1 -> steps(T, PA, F, {resume, Stack, At}, N - 1, Found);
+step(_, _, _, {yield, Stack, At}, _, Found) -> {lists:reverse(Found), {resume, Stack, At}};
+step(T, PA, F, A, N, Found) when N > 1 -> step(T, PA, F, arbo:next_sibling_nif(T, A, F, 0), N - 1, [A | Found]);
+step(_, _, _, A, _, Found) -> {lists:reverse([A | Found]), {next, A}}.
 
 visit(_, _, _, Acc, 0) -> {Acc, 0};
 visit([], _, _, Acc, Left) -> {Acc, Left};
@@ -904,12 +912,11 @@ gate(T) -> error({badarg, {tree, T}}).
 not_inside(T) ->
     atomics:get(word(T), 1) band ?ARBO_COUNT =:= 0 orelse error({in_reading, T}).
 
-%% A reader handle is good while its process is inside the gate in the
-%% epoch it was made in (a waiting writer's bit aside).
-inside(T, Word, S) ->
-    V = atomics:get(Word, 1),
-    (V band ?ARBO_COUNT > 0 andalso (V bsr ?ARBO_SHIFT) band (bnot 1) =:= S)
-        orelse error({reading_over, T}).
+%% A reader handle is good while the pass that made it runs, in the process
+%% that runs it: only that process's dictionary holds the pass's token (and
+%% while the pass runs the process is announced, so the epoch cannot move).
+inside(T, Tok) ->
+    get(Tok) =:= '$arbo_pass' orelse error({reading_over, T}).
 
 %% The calling process's gate word of this tree.
 word({arbo, _, _, {arbo_gate, _, Owner, Word}}) when Owner =:= self() -> Word;
@@ -926,14 +933,13 @@ word({arbo, Res, _, {arbo_gate, Keeper, _, _}} = T) ->
 
 %% A reader section: every node argument belongs to the tree and is as new
 %% as the epoch; Fun(Stamp) runs with deletions kept out.
-read({arbo, _, _, {arbo_reading, Word, S, Owner}} = T, Nodes, Fun) when Owner =:= self() ->
-    inside(T, Word, S),
+read({arbo, _, _, {arbo_reading, _, S, Tok}} = T, Nodes, Fun) ->
+    inside(T, Tok),
     lists:foreach(fun(N) -> own(T, N) end, Nodes),
     case [N || #arbo_node{stamp = NS} = N <- Nodes, NS =/= S] of
         [] -> native(T, fun() -> Fun(S) end);
         [Stale | _] -> error({stale_node, Stale})
     end;
-read({arbo, _, _, {arbo_reading, _, _, _}} = T, _, _) -> error({reading_over, T});
 read({arbo, _, _, {arbo_gate, _, _, _}} = T, Nodes, Fun) -> gated_read(T, Nodes, Fun);
 read(T, _, _) -> error({badarg, {tree, T}}).
 
