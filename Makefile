@@ -13,7 +13,7 @@ EUNIT_MODS = $(subst $(space),$(comma),$(sort $(basename $(notdir $(wildcard tes
 comma := ,
 space := $(empty) $(empty)
 
-.PHONY: all deps build native asan erl test unit eunit eunit-asan demo bench clean check
+.PHONY: all deps build native asan erl test unit eunit eunit-asan demo bench clean check reliability
 
 all: build
 
@@ -65,6 +65,10 @@ demo: build
 bench: build
 	$(BUILD)/arbo_micro_bench --benchmark_min_time=0.2 || true
 	$(ERL) -noshell -pa ebin -pa test/ebin -eval 'arbo_bench:main(), halt().'
+
+# The reliability scenarios at full scale, with the figures the README quotes.
+reliability: build
+	ARBO_NIF_DIR=$(CURDIR)/priv $(ERL) -noshell -pa ebin -pa test/ebin -eval 'arbo_reliability:main(), halt().'
 
 # Dialyzer over the Erlang modules (the PLT of erts, kernel and stdlib is
 # built once into $(BUILD)/), then the API docs with EDoc into doc/.
