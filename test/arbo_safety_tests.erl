@@ -9,6 +9,8 @@
 -include_lib("eunit/include/eunit.hrl").
 
 -export([in_child/0]).
+%% shared with the native fuzz suite, which sweeps every public function
+-export([exported/0, run_calls/1, arg/0]).
 
 %% PropEr of this OTP release cannot report an exception raised inside a
 %% property: turn one into a printed failure.
