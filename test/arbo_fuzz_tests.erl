@@ -516,4 +516,7 @@ finish() ->
     true = is_integer(C) andalso arbo:get_child(T, R, arbo:child_index(T, R, C)) =:= C,
     ok = arbo:close(T),
     Probe = arbo:new(),
-    ok = arbo:close(Probe).
+    ok = arbo:close(Probe),
+    {ok, Dir} = file:get_cwd(),
+    ok = file:set_cwd("/tmp"),
+    ok = file:del_dir_r(Dir).
