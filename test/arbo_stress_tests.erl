@@ -120,8 +120,9 @@ race_round(P, NT, NR, Ms) ->
 %% ---- trees ---------------------------------------------------------------
 
 %% /1 a container of leaves (some in namespaces), /2 a sorted list whose
-%% instances carry a leaf 1 with a value (a few say "needle"), /{4, W} one
-%% user-ordered list per writer. Tree 1 hides inactive instances.
+%% instances carry a leaf 1 with a value (a few say "needle"), /3 a small
+%% sorted list where readers and deleting writers meet all the time, /{4, W}
+%% one user-ordered list per writer. Tree 1 hides inactive instances.
 build(I, #{prefill := N, writers := NW}) ->
     T = arbo_tree:new(case I of 1 -> [hide_inactive]; _ -> [] end),
     R = arbo_tree:root(T),
@@ -135,6 +136,7 @@ build(I, #{prefill := N, writers := NW}) ->
          ok = arbo_tree:set_value(T, arbo_tree:add_leaf(T, Inst, 1), leaf_value(K))
      end || K <- Keys],
     [arbo_tree:add_list(T, R, {4, W}, user_order) || W <- lists:seq(1, NW)],
+    arbo_tree:add_list(T, R, 3, sorted),
     put({prefill_bins, T}, length([K || K <- Keys, bins(leaf_value(K)) =:= 1])),
     T.
 
@@ -200,7 +202,11 @@ reader(#{tree := T0} = Ctx) ->
     repeat(fun read_op/1, Ctx#{tree := handle(T0)}).
 
 read_op(#{tree := T, writers := NW}) ->
-    case rand:uniform(10) of
+    case rand:uniform(13) of
+        11 -> on(T, [3, {int, rand:uniform(8)}, 1], fun(N) -> arbo_tree:value_raw(T, N) end);
+        12 -> hot_walk(T);
+        13 -> %% one pass through the gate for many calls: deletions wait for it
+            arbo_tree:reading(T, fun hot_walk/1);
         1 -> on(T, [1, leaf_name()], fun(N) -> arbo_tree:value(T, N) end);
         2 -> on(T, [2, {int, sorted_key()}, 1], fun(N) -> arbo_tree:value_raw(T, N) end);
         3 -> on(T, [pick([1, 2, {4, rand:uniform(NW)}])],
@@ -228,6 +234,14 @@ read_op(#{tree := T, writers := NW}) ->
                 end);
         10 -> on(T, [1, {rand:uniform(3), rand:uniform(16)}], fun(N) -> arbo_tree:value(T, N) end)
     end.
+
+%% The values under the small list /3, the scheduler given away between
+%% calls.
+hot_walk(T) ->
+    on(T, [3], fun(L) -> [on(T, arbo_tree:first_child(T, C),
+                             fun(N) -> erlang:yield(), arbo_tree:value_raw(T, N) end)
+                          || C <- arbo_tree:children(T, L)]
+               end).
 
 filters() ->
     [all, {value, eq, [1], ?NEEDLE}, {exists, [1]}, {'not', {has_value, [1]}},
@@ -299,8 +313,12 @@ writer(#{tree := T0, idx := I, w := W} = Ctx) ->
     put({stat, history}, {I, W, get(history)}).
 
 write_op(#{tree := T} = Ctx) ->
-    case rand:uniform(16) of
+    case rand:uniform(18) of
         N when N =< 6 -> own_list_op(Ctx);
+        17 -> on(T, [3], fun(L) -> I = arbo_tree:add(T, L, {int, rand:uniform(8)}),
+                                   set_value(T, arbo_tree:add_leaf(T, I, 1), value())
+                         end);
+        18 -> on(T, [3], fun(L) -> arbo_tree:delete(T, L, {int, rand:uniform(8)}) end);
         7 -> on(T, [1], fun(C) -> set_value(T, arbo_tree:add_leaf(T, C, leaf_name()), value()) end);
         8 -> on(T, [1], fun(C) -> arbo_tree:delete(T, C, leaf_name()) end);
         9 -> on(T, [1], fun(C) -> arbo_tree:delete_ns(T, C, rand:uniform(3)) end);
@@ -510,9 +528,11 @@ held_binaries(T) ->
                || N <- [Root | descendants(P, Root)],
                   X <- [N | attrs(P, arbo:get_attr_root(P, N))]]).
 
-%% The library's byte counter and the capacity of its shared flags table.
+%% The library's byte counter and the capacity of its shared flags table,
+%% once tables that earlier tests dropped are collected.
 lib_counter() ->
     [erlang:garbage_collect(Pid) || Pid <- processes()],
+    timer:sleep(50),
     [Mem, {8, Cap, _}] = arbo:alloc_info(),
     {Mem, Cap}.
 
