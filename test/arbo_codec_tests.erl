@@ -4,14 +4,12 @@
 -include_lib("proper/include/proper.hrl").
 -include_lib("eunit/include/eunit.hrl").
 
--export([key/0, element/0, value/0, key_bytes/0]).
+%% shared with the safety suite
+-export([key_bytes/0]).
 
 %% A property run quietly; a failure shows the shrunk counterexample.
--define(PROP(P, N),
-        ?assertEqual(true, case proper:quickcheck(P, [{numtests, N}, quiet]) of
-                               true -> true;
-                               _ -> {counterexample, proper:counterexample()}
-                           end)).
+-define(PROP(P, N), ?assertEqual(true, case proper:quickcheck(P, [{numtests, N}, quiet]) of
+                                          true -> true; _ -> {counterexample, proper:counterexample()} end)).
 
 %% ---- generators ------------------------------------------------------------
 
@@ -22,52 +20,37 @@ key_var() -> [{14, 0}, {34, 0}, {38, 0}, {208, 0}, {39, 0}, {47, 0}, {206, 0}, {
               {201, 6}, {202, 6}, {203, 6}, {18, 2}].
 
 named() ->
-    oneof([empty,
-           {int8, integer(-128, 127)}, {uint8, integer(0, 255)}, {bool, boolean()},
-           {int16, integer(-32768, 32767)}, {uint16, integer(0, 65535)},
-           {int32, integer(-(1 bsl 31), (1 bsl 31) - 1)}, {uint32, integer(0, (1 bsl 32) - 1)},
-           {int64, integer(-(1 bsl 63), (1 bsl 63) - 1)}, {uint64, integer(0, (1 bsl 64) - 1)},
-           {ipv4, {byte(), byte(), byte(), byte()}},
+    oneof([empty, {int8, integer(-128, 127)}, {uint8, integer(0, 255)}, {bool, boolean()},
+           {int16, integer(-32768, 32767)}, {uint16, integer(0, 65535)}, {int32, integer(-(1 bsl 31), (1 bsl 31) - 1)},
+           {uint32, integer(0, (1 bsl 32) - 1)}, {int64, integer(-(1 bsl 63), (1 bsl 63) - 1)},
+           {uint64, integer(0, (1 bsl 64) - 1)}, {ipv4, {byte(), byte(), byte(), byte()}},
            {bitmask32, integer(0, (1 bsl 32) - 1)}, {bitmask64, integer(0, (1 bsl 64) - 1)},
-           {date, {integer(-32768, 32767), byte(), byte()}},
-           {string, binary()}, {string32, binary()},
+           {date, {integer(-32768, 32767), byte(), byte()}}, {string, binary()}, {string32, binary()},
            {binary, 17, ?SUCHTHAT(B, binary(1), B > <<1>>)},
            {binary, 20, ?SUCHTHAT(B, binary(6), binary:part(B, 4, 2) =/= <<0, 0>>)}]).
 
 element() ->
-    oneof([named(),
-           ?LET({T, N}, oneof(key_fixed()), {binary, T, binary(N)}),
-           ?LET({T, Min}, oneof(key_var()),
-                ?LET(B, binary(), {binary, T, <<(binary:copy(<<7>>, Min))/binary, B/binary>>}))]).
+    oneof([named(), ?LET({T, N}, oneof(key_fixed()), {binary, T, binary(N)}),
+           ?LET({T, Min}, oneof(key_var()), ?LET(B, binary(), {binary, T, <<(binary:copy(<<7>>, Min))/binary, B/binary>>}))]).
 
 key() ->
     ?LET({Es, Rest}, {list(element()), oneof([[], [{binary, 204, binary()}]])}, Es ++ Rest).
 
 %% Mostly well-formed keys, some cut short, some with a byte changed.
 key_bytes() ->
-    ?LET({K, Mut}, {key(), oneof([none, {cut, nat()}, {flip, nat(), byte()}])},
-         mutate(arbo_key:encode(K), Mut)).
+    ?LET({K, Mut}, {key(), oneof([none, {cut, nat()}, {flip, nat(), byte()}])}, mutate(arbo_key:encode(K), Mut)).
 
 mutate(B, none) -> B;
 mutate(B, {cut, N}) -> binary:part(B, 0, N rem (byte_size(B) + 1));
 mutate(<<>>, {flip, _, X}) -> <<X>>;
-mutate(B, {flip, N, X}) ->
-    P = N rem byte_size(B),
-    <<H:P/binary, _, T/binary>> = B,
-    <<H/binary, X, T/binary>>.
+mutate(B, {flip, N, X}) -> P = N rem byte_size(B), <<H:P/binary, _, T/binary>> = B, <<H/binary, X, T/binary>>.
 
+%% Values: fixed-size types by content size, the rest length-prefixed.
 value() ->
-    oneof([named(),
-           ?LET(T, oneof([24, 26, 22, 25, 28, 46, 21, 40, 48, 2, 44, 209, 23, 43, 19, 16, 41, 49,
-                          27]),
-                {binary, T, binary(fixed_len(T))}),
-           ?LET(T, oneof([14, 201, 34, 38, 208, 202, 18, 31, 39, 47, 50, 203, 206]),
-                {binary, T, binary()})]).
-
-fixed_len(T) ->
-    hd([N || {N, Ts} <- [{3, [24, 26]}, {4, [22, 25, 28, 46]}, {5, [21, 40, 48]},
-                         {8, [2, 44, 209]}, {9, [23, 43]}, {13, [19]}, {16, [16]},
-                         {17, [41, 49]}, {28, [27]}], lists:member(T, Ts)]).
+    Fixed = [{3, [24, 26]}, {4, [22, 25, 28, 46]}, {5, [21, 40, 48]}, {8, [2, 44, 209]}, {9, [23, 43]}, {13, [19]},
+             {16, [16]}, {17, [41, 49]}, {28, [27]}],
+    oneof([named(), ?LET({N, Ts}, oneof(Fixed), ?LET(T, oneof(Ts), {binary, T, binary(N)})),
+           ?LET(T, oneof([14, 201, 34, 38, 208, 202, 18, 31, 39, 47, 50, 203, 206]), {binary, T, binary()})]).
 
 %% ---- properties --------------------------------------------------------------
 
@@ -97,49 +80,36 @@ bytes_round_trip_test() ->
 
 %% ---- tables ------------------------------------------------------------------
 
-key_encoding_test_() ->
-    Cases = [{[{int32, -2}], <<8, 255, 255, 255, 254>>},
-             {[{string, <<"eth0">>}], <<200, 4, "eth0">>},
-             {[{string32, <<"ab">>}], <<205, 0, 0, 0, 2, "ab">>},
-             {[{date, {2026, 11, 22}}], <<20, 16#07, 16#ea, 11, 22, 0, 0>>},
+%% One row per framing rule: encodings both ways, then rejections.
+key_table_test_() ->
+    Cases = [{[{int32, -2}], <<8, 255, 255, 255, 254>>}, {[{string, <<"eth0">>}], <<200, 4, "eth0">>},
+             {[{string32, <<"ab">>}], <<205, 0, 0, 0, 2, "ab">>}, {[{date, {2026, 11, 22}}], <<20, 16#07, 16#ea, 11, 22, 0, 0>>},
              {[{binary, 201, <<1, 2, 3, 4, 5, 6, 9>>}], <<201, 7, 1, 2, 3, 4, 5, 6, 9>>},
-             {[{binary, 18, <<1, 2>>}], <<18, 0, 0, 0, 2, 1, 2>>},
-             {[{uint16, 1}, {binary, 204, <<1, 2>>}], <<11, 0, 1, 204, 1, 2>>}],
-    [?_assertEqual({B, {ok, K}}, {arbo_key:encode(K), arbo_key:decode(B)}) || {K, B} <- Cases].
-
-%% One row per framing rule.
-key_rejects_test_() ->
-    Cases = [{<<10, 1, 33>>, {unknown_type, 33, 2}},
-             {<<8, 0, 0>>, {truncated, 8, 0}},
-             {<<200, 3, 1, 2>>, {truncated, 200, 0}},
-             {<<201, 5, 0, 0, 0, 0, 0>>, {bad_length, 201, 0}},
-             {<<202, 0, 6, 0, 0, 0, 0, 0>>, {truncated, 202, 0}},
-             {<<203, 0, 0, 0, 3, 1, 1, 1, 1, 1, 1>>, {bad_length, 203, 0}},
-             {<<18, 0, 0, 0, 1, 0, 0>>, {bad_length, 18, 0}},
-             {"ab", not_binary}],
-    [?_assertEqual({error, R}, arbo_key:validate(B)) || {B, R} <- Cases] ++
+             {[{binary, 18, <<1, 2>>}], <<18, 0, 0, 0, 2, 1, 2>>}, {[{uint16, 1}, {binary, 204, <<1, 2>>}], <<11, 0, 1, 204, 1, 2>>}],
+    Rejects = [{<<10, 1, 33>>, {unknown_type, 33, 2}}, {<<8, 0, 0>>, {truncated, 8, 0}}, {<<200, 3, 1, 2>>, {truncated, 200, 0}},
+               {<<201, 5, 0, 0, 0, 0, 0>>, {bad_length, 201, 0}}, {<<202, 0, 6, 0, 0, 0, 0, 0>>, {truncated, 202, 0}},
+               {<<203, 0, 0, 0, 3, 1, 1, 1, 1, 1, 1>>, {bad_length, 203, 0}}, {<<18, 0, 0, 0, 1, 0, 0>>, {bad_length, 18, 0}},
+               {"ab", not_binary}],
+    [?_assertEqual({B, {ok, K}}, {arbo_key:encode(K), arbo_key:decode(B)}) || {K, B} <- Cases] ++
+    [?_assertEqual({error, R}, arbo_key:validate(B)) || {B, R} <- Rejects] ++
     [?_assertError({bad_key_element, _}, arbo_key:encode(K))
-     || K <- [[{int8, 128}], [{string, "text"}], [{binary, 8, <<1, 2, 3, 4>>}],
-              [{binary, 17, <<1>>}], [{binary, 201, <<1, 2>>}], [nonsense]]] ++
+     || K <- [[{int8, 128}], [{string, "text"}], [{binary, 8, <<1, 2, 3, 4>>}], [{binary, 17, <<1>>}], [nonsense]]] ++
     [?_assertError({bad_key, rest_not_last}, arbo_key:encode([{binary, 204, <<>>}, {uint8, 1}]))].
 
+%% Values: no header rule, length prefixes where keys have fixed sizes.
 value_table_test_() ->
-    Cases = [{{binary, 201, <<1, 2>>}, <<201, 2, 1, 2>>},      % no header rule in values
-             {{binary, 31, <<5>>}, <<31, 0, 0, 0, 1, 5>>},     % length-prefixed in values
-             {empty, <<0>>}],
-    [?_assertEqual(B, arbo_val:encode(V)) || {V, B} <- Cases] ++
-        [?_assertEqual({error, R}, arbo_val:validate(B))
-         || {B, R} <- [{<<>>, empty_input}, {<<3, 1>>, {unknown_type, 3}},
-                       {<<200, 2, 1>>, {truncated, 200}}, {<<8, 1, 2, 3, 4, 5>>, trailing_bytes}]] ++
-        [?_assertError({bad_value, _}, arbo_val:encode(V))
-         || V <- [{int32, 1 bsl 31}, {binary, 24, <<1>>}, {string, 7}]].
+    [?_assertEqual(B, arbo_val:encode(V))
+     || {V, B} <- [{{binary, 201, <<1, 2>>}, <<201, 2, 1, 2>>}, {{binary, 31, <<5>>}, <<31, 0, 0, 0, 1, 5>>}, {empty, <<0>>}]] ++
+    [?_assertEqual({error, R}, arbo_val:validate(B))
+     || {B, R} <- [{<<>>, empty_input}, {<<3, 1>>, {unknown_type, 3}}, {<<200, 2, 1>>, {truncated, 200}},
+                   {<<8, 1, 2, 3, 4, 5>>, trailing_bytes}]] ++
+    [?_assertError({bad_value, _}, arbo_val:encode(V)) || V <- [{int32, 1 bsl 31}, {binary, 24, <<1>>}, {string, 7}]].
 
 %% The order itself is the tree model's oracle against the library; here
 %% the modes, opaque keys and refusals.
 compare_test_() ->
     S = fun(X) -> [{string, X}] end,
-    [?_assertEqual(1, arbo_key:compare(S(<<"aa">>), S(<<"b">>), length_first)),
-     ?_assertEqual(-1, arbo_key:compare(S(<<"aa">>), S(<<"b">>), plain)),
-     ?_assertEqual(0, arbo_key:compare(S(<<"abc">>), {opaque, <<"abc">>})),
+    [?_assertEqual([1, -1, 0], [arbo_key:compare(S(<<"aa">>), S(<<"b">>), length_first),
+                                arbo_key:compare(S(<<"aa">>), S(<<"b">>), plain), arbo_key:compare(S(<<"abc">>), {opaque, <<"abc">>})]),
      ?_assertError({bad_key_element, _}, arbo_key:compare([{int8, 999}], [])),
      ?_assertError({bad_mode, _}, arbo_key:compare([], [], 7))].
