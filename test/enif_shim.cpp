@@ -38,7 +38,6 @@ ResourceHeader* header_of(void* obj) {
 
 void* g_priv = nullptr;
 std::atomic<long> g_live_resources{0};
-bool g_refuse_resources = false;
 std::atomic<long> g_sends{0};
 
 }  // namespace
@@ -47,8 +46,6 @@ namespace arbo_shim {
 
 void set_priv_data(void* priv) { g_priv = priv; }
 long live_resources() { return g_live_resources.load(); }
-void refuse_resources(bool refuse) { g_refuse_resources = refuse; }
-long sends() { return g_sends.load(); }
 
 }  // namespace arbo_shim
 
@@ -73,7 +70,6 @@ void enif_rwlock_rwunlock(ErlNifRWLock* l) { l->m.unlock(); }
 void* enif_priv_data(ErlNifEnv*) { return g_priv; }
 
 void* enif_alloc_resource(ErlNifResourceType*, size_t size) {
-  if (g_refuse_resources) return nullptr;
   auto* h = static_cast<ResourceHeader*>(std::malloc(sizeof(ResourceHeader) + size));
   if (h == nullptr) return nullptr;
   new (&h->refs) std::atomic<long>(1);

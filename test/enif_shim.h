@@ -10,10 +10,6 @@ namespace arbo_shim {
 void set_priv_data(void* priv);
 // Resources (arbo_bin) allocated and not yet released.
 long live_resources();
-// Make enif_alloc_resource fail, to test callers that must cope.
-void refuse_resources(bool refuse);
-// Messages sent with enif_send so far.
-long sends();
 
 // A table with an empty root and the library state, for store tests.
 struct TestTable {

@@ -42,11 +42,6 @@ inline std::vector<arbo_node*> children(const arbo_node* n) {
   return out;
 }
 
-inline std::string key_string(const arbo_node* n) {
-  arbo::key_bytes kb = arbo::node_key_bytes(n);
-  return std::string(reinterpret_cast<const char*>(kb.ptr), static_cast<size_t>(kb.len));
-}
-
 inline const unsigned char* bytes_of(const std::string& s) {
   return reinterpret_cast<const unsigned char*>(s.data());
 }
@@ -75,12 +70,12 @@ struct KeptRecords {
 
 // The table's counters at one moment.
 struct Counters {
-  uint64_t mem, lib;
+  uint64_t mem;
   uint32_t size;
   long resources;
 };
 inline Counters counters(arbo_shim::TestTable& t) {
-  return {t.table.mem, t.table.alloc_state->mem.load(), t.table.size, arbo_shim::live_resources()};
+  return {t.table.mem, t.table.size, arbo_shim::live_resources()};
 }
 
 }  // namespace store_test
