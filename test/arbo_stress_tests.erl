@@ -42,12 +42,15 @@ dir() ->
 
 run(Scale) ->
     P = params(Scale),
-    Base = lib_counter(),
-    Mixed = mixed(P),
-    Race = close_race(P),
-    Mem = memory_check(Base, lib_counter(), [Mixed, Race]),
-    _ = file:del_dir_r(maps:get(dir, P)),
-    #{params => P, mixed => Mixed, race => Race, mem => Mem}.
+    try
+        Base = lib_counter(),
+        Mixed = mixed(P),
+        Race = close_race(P),
+        Mem = memory_check(Base, lib_counter(), [Mixed, Race]),
+        #{params => P, mixed => Mixed, race => Race, mem => Mem}
+    after
+        file:del_dir_r(maps:get(dir, P))
+    end.
 
 %% ---- scenario 1: mixed load on several trees at once ----------------------
 
