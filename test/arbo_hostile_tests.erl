@@ -31,7 +31,7 @@ params(Scale) ->
     {Seeds, Flips, Randoms, Kills, BigNodes} =
         case Scale of
             quick -> {3, 700, 400, 3, 600000};
-            full -> {8, 5000, 2500, 8, 600000}
+            full -> {8, 10000, 5000, 8, 600000}
         end,
     D = case os:getenv("ARBO_ASAN") of "1" -> 4; _ -> 1 end,
     #{seeds => Seeds, flips => Flips div D, randoms => Randoms div D, kills => Kills,
@@ -53,12 +53,14 @@ figures(Scale) ->
      {"verification", counts(maps:get(verify, H))},
      {"verified load answers", counts(maps:get(load, H))},
      {"raw loader answers", counts(maps:get(raw, H))},
-     {"verifier/loader agreement", agreement(H)},
+     {"verified files the loader took without a format error", ratio(maps:get(took, H), maps:get(ok, maps:get(verify, H)))},
+     {"raw loader answered as verification predicts", agreement(H)},
      {"accepted files saved again and reloaded equal", ratio(maps:get(resaved, H), maps:get(accepted, H))},
      {"crashes", "0"},
      {"hostile files duration", ms(maps:get(ms, H))},
      {"refused saves (fault: answer, previous file)", F},
      {"saves killed with SIGKILL", integer_to_list(maps:get(kills, K))},
+     {"kill delays (ms after the save began)", string:join([integer_to_list(D) || D <- maps:get(delays, K)], ", ")},
      {"kills that landed mid-save", integer_to_list(maps:get(mid_save, K))},
      {"previous file intact", ratio(maps:get(intact, K), maps:get(mid_save, K))},
      {"kills after the save completed (new file complete)", integer_to_list(maps:get(completed, K))},
@@ -129,7 +131,7 @@ hostile(Dir, #{seeds := Seeds} = P) ->
     rand:seed(exsss, {7, 11, 13}),
     Saved = [saved_seed(N) || N <- lists:seq(1, Seeds)],
     Acc0 = #{files => 0, kinds => #{}, verify => #{}, load => #{}, raw => #{}, agree => 0,
-             checked => 0, accepted => 0, resaved => 0, problems => []},
+             checked => 0, took => 0, accepted => 0, resaved => 0, problems => []},
     lists:foldl(fun(File, Acc) -> try_file(Dir, File, Acc) end, Acc0, files(Saved, P)).
 
 %% The files of every kind, lazily made: {Kind, Bytes, Raw} where Raw says
@@ -208,15 +210,14 @@ fields(<<Op, R/binary>>, P, Acc0) ->
             16#17 -> {8, []}
         end,
     <<_:Skip/binary, Next/binary>> = R,
-    fields(Next, P + 1 + Skip, lists:reverse(Lens, Acc)).
+    fields(Next, P + 1 + Skip, lists:reverse([{Pos, {len, W}} || {Pos, W} <- Lens], Acc)).
 
 %% A csval Off bytes into R (R starts at file position P).
 csval_fields(R, Off, P) ->
     <<_:Off/binary, V/binary>> = R,
     {ok, N} = arbo_val:frame(V),
     <<Type, _/binary>> = V,
-    Lens = case Type of 200 -> [{P + Off + 1, 1}]; 205 -> [{P + Off + 1, 4}]; _ -> [] end,
-    {Off + N, [{Pos, {len, W}} || {Pos, W} <- Lens]}.
+    {Off + N, case Type of 200 -> [{P + Off + 1, 1}]; 205 -> [{P + Off + 1, 4}]; _ -> [] end}.
 
 %% ---- seed trees ------------------------------------------------------------------------
 
@@ -340,9 +341,11 @@ try_file(Dir, {Kind, Bin, Raw}, Acc) ->
              [{raw, outcome(RawAnswer)} || RawAnswer =/= false],
          Acc#{files := maps:get(files, Acc) + 1,
               checked := maps:get(checked, Acc) + bool(Agreed),
+              took := maps:get(took, Acc) + bool(V =:= ok andalso
+                                                     lists:member(outcome(L), [ok, truncate, invalid_node_type])),
               agree := maps:get(agree, Acc) + bool(Agreed andalso agrees(V, L, RawAnswer)),
               accepted := maps:get(accepted, Acc) + bool(element(1, L) =:= ok),
-              resaved := maps:get(resaved, Acc) + bool(Resaved =:= true),
+              resaved := maps:get(resaved, Acc) + bool(Resaved =:= same),
               problems := lists:sublist(Problems ++ maps:get(problems, Acc), 5)}).
 
 %% A file that failed a check is kept for a look.
@@ -361,9 +364,9 @@ bump(Keys, Acc) ->
     lists:foldl(fun({K, X}, A) -> maps:update_with(K, fun(M) -> maps:update_with(X, fun(N) -> N + 1 end, 1, M) end, A) end,
                 Acc, Keys).
 
-%% What a loaded tree holds saves to a file that verifies and loads into
-%% the same tree (below the root: the root's own flags and attributes are
-%% not saved).
+%% What a loaded tree holds saves to a file that verifies and loads:
+%% `same' when it loads into the same tree below the root (the root's own
+%% flags and attributes are not saved), else `differs'.
 resave(T) ->
     true = arbo:save_nif(T, <<"again", 0>>, 0),
     ok = arbo_file:verify("again"),
@@ -371,7 +374,7 @@ resave(T) ->
     {ok, _} = arbo_tree:load(T2, "again"),
     Same = element(6, arbo_file_tests:dump(T)) =:= element(6, arbo_file_tests:dump(T2)),
     arbo_tree:close(T2),
-    Same.
+    case Same of true -> same; false -> differs end.
 
 %% Record streams hold checkpoints: any checkpoint argument will do.
 raw_load(Path, Kind) ->
@@ -391,7 +394,12 @@ checks(Kind, V, L, Resaved, Raw) ->
                        {{error, E}, {error, {invalid_file, E2}}} -> E =:= E2;
                        _ -> false
                    end},
-     {resave, lists:member(Resaved, [true, skip])},
+     %% the prefix of a saved tree saves as itself; flipped bits and random
+     %% records can make shapes the saver writes otherwise (an integer
+     %% instance under a type byte 0 comes back as a plain tag)
+     {resave, lists:member(Resaved, [same, skip]) orelse
+                  (Resaved =:= differs andalso lists:member(Kind, [bit_flip, bit_flips, random_bytes,
+                                                                  record_stream]))},
      {raw_answer, Raw =:= false orelse match(Raw, {true, tuple8})
                       orelse (match(Raw, {error, atom}) andalso lists:member(element(2, Raw), ?LOADER_ERRORS))},
      {agreement, Raw =:= false orelse Kind =:= record_stream orelse agrees(V, L, Raw)}].
@@ -428,7 +436,7 @@ verdict(X) -> X.
 
 outcome({ok, #{truncated_at := undefined}}) -> ok;
 outcome({ok, _}) -> truncate;
-outcome({error, {invalid_file, _}}) -> refused_unverified;
+outcome({error, {invalid_file, _}}) -> refused_by_verification;
 outcome({true, {_, _, _, _, _, _, _, undefined}}) -> ok;
 outcome({true, _}) -> truncate;
 outcome({error, A}) when is_atom(A) -> A;
@@ -542,15 +550,15 @@ run_kills(Scale) ->
     ok = file:write_file(Big, big_file(Nodes)),
     Target = filename:join(Dir, "target"),
     Results = [kill_once(Dir, Big, Target, I, (I - 0.5) / Kills * 0.9) || I <- lists:seq(1, Kills)],
-    Mid = [R || {mid_save, _, _} = R <- Results],
-    ?assertEqual([], [R || {_, _, false} = R <- Results]),
+    Mid = [R || {mid_save, _, _, _} = R <- Results],
+    ?assertEqual([], [R || {_, _, false, _} = R <- Results]),
     ?assertNotEqual([], Mid),
-    {_, Info, _} = hd(Results),
+    {_, Info, _, _} = hd(Results),
     _ = os:cmd("rm -rf '" ++ Dir ++ "'"),
     Info#{kills => Kills, mid_save => length(Mid), intact => length(Mid),
-          completed => Kills - length(Mid)}.
+          completed => Kills - length(Mid), delays => [D || {_, _, _, D} <- Results]}.
 
-%% {mid_save | completed, Info, Whole}
+%% {mid_save | completed, Info, Whole, Delay}
 kill_once(Dir, Big, Target, I, Fraction) ->
     Peer = start_child(#{}),
     MRef = erlang:monitor(process, Peer),
@@ -560,7 +568,8 @@ kill_once(Dir, Big, Target, I, Fraction) ->
     Temps = fun() -> filelib:wildcard(filename:join(Dir, ".target.tmp.*")) end,
     peer:send(Peer, arbo_hostile_saver, save),
     wait_until(fun() -> Temps() =/= [] end, 20000),
-    timer:sleep(round(SaveMs * Fraction)),
+    Delay = round(SaveMs * Fraction),
+    timer:sleep(Delay),
     _ = os:cmd("kill -9 " ++ OsPid),
     receive {'DOWN', MRef, process, Peer, _} -> ok after 20000 -> error(child_vm_not_killed) end,
     Left = Temps(),
@@ -571,7 +580,7 @@ kill_once(Dir, Big, Target, I, Fraction) ->
             [_ | _] -> Now =:= PrevBytes andalso PrevHash =:= loaded_hash(Target);
             [] -> NewHash =:= erlang:md5(Now)
         end,
-    {case Left of [_ | _] -> mid_save; [] -> completed end, maps:with([nodes, bytes, save_ms], Info), Whole}.
+    {case Left of [_ | _] -> mid_save; [] -> completed end, maps:with([nodes, bytes, save_ms], Info), Whole, Delay}.
 
 wait_until(F, Ms) when Ms > 0 ->
     case F() of

@@ -2,8 +2,7 @@
 %% failure (an aborted or stalled VM) is reported instead of ending the test
 %% run: random terms thrown at every public function never crash the VM,
 %% stall it or leave a tree's lock held; every key the codec accepts can be
-%% compared and stored; a corrupt save file never reaches the loader in a
-%% state that aborts it.
+%% compared and stored. (Corrupt save files: arbo_hostile_tests.)
 -module(arbo_safety_tests).
 -include_lib("proper/include/proper.hrl").
 -include_lib("eunit/include/eunit.hrl").
@@ -39,7 +38,7 @@ in_child_vm_test_() ->
                  catch Class:Reason -> {child_vm_failed, Class, Reason}
                  end,
         catch peer:stop(Peer),
-        ?assertEqual([ok, ok, ok], Result)
+        ?assertEqual([ok, ok], Result)
     end}.
 
 %% Runs in the child VM.
@@ -47,7 +46,7 @@ in_child() ->
     Dir = filename:join("/tmp", "arbo_safety_" ++ os:getpid()),
     ok = filelib:ensure_dir(filename:join(Dir, "x")),
     ok = file:set_cwd(Dir),   % random paths land here
-    [?PROP(random_calls(), 400), ?PROP(accepted_keys(), 1500), ?PROP(corrupt_files(), 300)].
+    [?PROP(random_calls(), 400), ?PROP(accepted_keys(), 1500)].
 
 %% ---- random terms at every public function ----------------------------------
 
@@ -141,29 +140,3 @@ accepted_keys() ->
                 ok = arbo_tree:close(T),
                 N =< length(Valid) andalso length(Refused) + length(Valid) =:= length(Bins)
             end)).
-
-%% ---- corrupt files ------------------------------------------------------------
-
-corrupt_files() ->
-    ?FORALL(Mutations, non_empty(list(oneof([{flip, nat(), byte()}, {cut, nat()}]))),
-            ?SAFE(begin
-                T = arbo_file_tests:config(),
-                ok = arbo_tree:save(T, "good"),
-                {ok, Good} = file:read_file("good"),
-                Bad = lists:foldl(fun mutate/2, Good, Mutations),
-                ok = file:write_file("bad", Bad),
-                T2 = arbo_tree:new(),
-                Ok = case arbo_tree:load(T2, "bad") of
-                         {ok, _} -> is_tuple(arbo_file_tests:dump(T2));
-                         {error, _} -> true
-                     end,
-                [arbo_tree:close(X) || X <- [T, T2]],
-                Ok
-            end)).
-
-mutate({flip, P, X}, B) when byte_size(B) > 0 ->
-    I = P rem byte_size(B),
-    <<H:I/binary, _, R/binary>> = B,
-    <<H/binary, X, R/binary>>;
-mutate({cut, P}, B) -> binary:part(B, 0, P rem (byte_size(B) + 1));
-mutate(_, B) -> B.
