@@ -33,17 +33,14 @@
 
 model_test_() ->
     N = case os:getenv("ARBO_PROP_TESTS") of false -> 250; S -> list_to_integer(S) end,
-    {timeout, 300, fun() ->
-        ?assertEqual(true, proper:quickcheck(prop_model(), [{numtests, N}, {to_file, user}]))
-    end}.
+    {timeout, 300, fun() -> ?assertEqual(true, proper:quickcheck(prop_model(), [{numtests, N}, {to_file, user}])) end}.
 
 prop_model() ->
     proper:forall(commands(), fun(Cmds) ->
         %% failures come back as false, not as exceptions: this PropEr
         %% cannot report an exception on this OTP (no get_stacktrace)
         try with_table(fun(T) -> run(T, Cmds) end) =:= ok
-        catch C:E:St ->
-            proper:whenfail(fun() -> io:format(user, "~p:~p~n~p~n", [C, E, St]) end, fun() -> false end)
+        catch C:E:St -> proper:whenfail(fun() -> io:format(user, "~p:~p~n~p~n", [C, E, St]) end, fun() -> false end)
         end
     end).
 
@@ -54,8 +51,7 @@ prop_model() ->
 commands() -> proper_types:resize(60, proper_types:list(command())).
 
 command() ->
-    Idx = range(1, length(?LISTS)),
-    {Seed, Pos} = {range(0, 337), range(0, 999)},
+    {Idx, Seed, Pos} = {range(1, length(?LISTS)), range(0, 337), range(0, 999)},
     Bulk = frequency([{1, Idx}, {3, elements([3, 4])}]),
     frequency([{10, {add, Idx, Seed, 1}}, {3, {add, Bulk, Seed, range(1, 200)}},
                {6, {del, Idx, Seed, 1}}, {3, {del, Bulk, Seed, range(1, 200)}},
@@ -65,15 +61,13 @@ command() ->
                {3, {set_attr, Idx, Pos, range(0, 3), range(0, 14)}}]).
 
 run(T, Cmds) ->
-    R = arbo:get_root(T),
-    Ls = [{Tag, #l{ref = arbo:add_hkey_dyn(T, R, Tag, Mode), mode = Mode, fam = F}} || {Tag, Mode, F} <- ?LISTS],
-    M0 = #m{t = T, lists = maps:from_list(Ls)},
-    M = lists:foldl(fun(C, Acc) -> Acc1 = step(C, Acc), check(element(2, C), Acc1), Acc1 end, M0, Cmds),
+    Ls = [{Tag, #l{ref = arbo:add_hkey_dyn(T, arbo:get_root(T), Tag, Mode), mode = Mode, fam = F}} || {Tag, Mode, F} <- ?LISTS],
+    M = lists:foldl(fun(C, Acc) -> Acc1 = step(C, Acc), check(element(2, C), Acc1), Acc1 end,
+                    #m{t = T, lists = maps:from_list(Ls)}, Cmds),
     [check(Idx, M) || Idx <- maps:keys(M#m.lists)],
     %% freeing everything gives back every byte but the kept lookup records
-    ok = arbo:del_all(T),
-    expect(final, {M#m.gen + 1, 0, ?ROOT_MEM + ?HT_KEY * M#m.leaked},
-           {arbo:get_generation(T), arbo:get_size(T), arbo:get_mem(T)}).
+    expect(final, {ok, M#m.gen + 1, 0, ?ROOT_MEM + ?HT_KEY * M#m.leaked},
+           {arbo:del_all(T), arbo:get_generation(T), arbo:get_size(T), arbo:get_mem(T)}).
 
 %% ---- keys of each family ----------------------------------------------------------
 
@@ -122,47 +116,37 @@ hkey(#it{key = {bin, 6, B}}) -> {B};
 hkey(#it{key = {int, Tag, Ns}, kflags = F}) ->
     U = Tag band 16#FFFFFFFF,
     case {Ns, lists:member(btuple, F), lists:member(tuple, F)} of
-        {0, _, true} -> {Tag};
-        {0, _, false} -> U;
-        {_, true, _} -> {{Ns, U}};
-        {_, false, _} -> [Ns | U]
+        {0, _, Tuple} -> if Tuple -> {Tag}; true -> U end;
+        {_, BTuple, _} -> if BTuple -> {{Ns, U}}; true -> [Ns | U] end
     end.
 
 %% ---- one step -----------------------------------------------------------------
 
-step({add, Idx, S0, N}, M) -> lists:foldl(fun(S, Acc) -> add(Idx, S, Acc) end, M, lists:seq(S0, S0 + N - 1));
-step({del, Idx, S0, N}, M) -> lists:foldl(fun(S, Acc) -> del(Idx, S, Acc) end, M, lists:seq(S0, S0 + N - 1));
+step({Op, Idx, S0, N}, M) when Op =:= add; Op =:= del ->
+    Step = fun(S, Acc) when Op =:= add -> add(Idx, S, Acc); (S, Acc) -> del(Idx, S, Acc) end,
+    lists:foldl(Step, M, lists:seq(S0, S0 + N - 1));
 step({rename, Idx, Pos, S}, M) ->
     with_item(Idx, Pos, M, fun(L, It) ->
         {Code, Term, Key, KF} = rename_key(L#l.fam, S),
         Free = not lists:keymember(Key, #it.key, L#l.items),
         expect({rename, Term}, Free, arbo:rename_instance0(M#m.t, L#l.ref, It#it.ref, Term, Code)),
         %% byte-keyed nodes hold no value
-        Val = case Key of {bin, _, _} -> undefined; _ -> It#it.val end,
-        It1 = case Free of true -> It#it{key = Key, kflags = KF, val = Val}; false -> It end,
-        Items = lists:keyreplace(It#it.ref, #it.ref, L#l.items, It1),
-        put_list(Idx, L#l{items = order(L#l.mode, Items)}, M)
+        It1 = case Free of true -> It#it{key = Key, kflags = KF, val = value(element(1, Key), 18, It#it.val)}; false -> It end,
+        put_list(Idx, L#l{items = order(L#l.mode, lists:keyreplace(It#it.ref, #it.ref, L#l.items, It1))}, M)
     end);
 step({set_val, Idx, Pos, Kind, Len}, M) ->
-    with_item(Idx, Pos, M, fun(L, It) ->
-        B = binary:copy(<<Len>>, Len),
-        ok = arbo:set_val(M#m.t, It#it.ref, Kind, B),
-        put_item(Idx, L, It#it{val = value(element(1, It#it.key), Kind, B)}, M)
-    end);
+    with_item(Idx, Pos, M, fun(L, It) -> ok = arbo:set_val(M#m.t, It#it.ref, Kind, B = binary:copy(<<Len>>, Len)),
+                                          put_item(Idx, L, It#it{val = value(element(1, It#it.key), Kind, B)}, M) end);
 step({set_flags, Idx, Pos, V}, M) ->
-    with_item(Idx, Pos, M, fun(L, It) ->
-        expect(set_flags, V, arbo:set_flags(M#m.t, It#it.ref, V)),
-        put_item(Idx, L, It#it{uflags = V}, M)
-    end);
+    with_item(Idx, Pos, M, fun(L, It) -> expect(set_flags, V, arbo:set_flags(M#m.t, It#it.ref, V)),
+                                          put_item(Idx, L, It#it{uflags = V}, M) end);
 step({set_attr, Idx, Pos, Key, Len}, M) ->
     with_item(Idx, Pos, M, fun(L, It) ->
-        B = binary:copy(<<(Len + 100)>>, Len),
-        _ = arbo:do_set_attr(M#m.t, It#it.ref, Key, B),
-        {Attrs, Gen} = case {Len, lists:keymember(Key, 1, It#it.attrs)} of
-            {0, Had} -> {lists:keydelete(Key, 1, It#it.attrs), M#m.gen + length([x || Had])};
-            _ -> {lists:keystore(Key, 1, It#it.attrs, {Key, B}), M#m.gen}
-        end,
-        put_item(Idx, L, It#it{attrs = Attrs}, M#m{gen = Gen})
+        _ = arbo:do_set_attr(M#m.t, It#it.ref, Key, B = binary:copy(<<(Len + 100)>>, Len)),
+        %% removing an attribute moves the generation
+        Had = lists:keymember(Key, 1, It#it.attrs),
+        Attrs = if Len =:= 0 -> lists:keydelete(Key, 1, It#it.attrs); true -> lists:keystore(Key, 1, It#it.attrs, {Key, B}) end,
+        put_item(Idx, L, It#it{attrs = Attrs}, M#m{gen = M#m.gen + length([x || Had, Len =:= 0])})
     end).
 
 add(Idx, S, M) ->
@@ -170,11 +154,10 @@ add(Idx, S, M) ->
     {Code, Term, Key, KF} = add_key(L#l.fam, S),
     Ref = arbo:add_hkey(M#m.t, L#l.ref, Term, Code),
     case lists:keyfind(Key, #it.key, L#l.items) of
-        It = #it{key = {int, _, _}} ->
-            expect({add_existing, Term}, It#it.ref, Ref),
-            %% the tuple flags of an integer key accumulate
+        #it{ref = Old} = It ->
+            expect({add_existing, Term}, Old, Ref),
+            %% the tuple flags of an integer key accumulate (byte keys have none)
             put_item(Idx, L, It#it{kflags = lists:usort(KF ++ It#it.kflags)}, M);
-        #it{ref = Old} -> expect({add_existing, Term}, Old, Ref), M;
         false ->
             Items = order(L#l.mode, L#l.items ++ [#it{key = Key, ref = Ref, kflags = KF}]),
             Idx1 = L#l.idx orelse (L#l.mode =:= 3 andalso length(Items) >= 128),
@@ -187,31 +170,22 @@ del(Idx, S, M) ->
     {Code, _, Term} = key_form(Key),
     Want = lists:keymember(Key, #it.key, L#l.items),
     expect({del, Term, Code}, Want, arbo:del_hkey(M#m.t, L#l.ref, Term, Code)),
-    case Want of
-        false -> M;
-        true ->
-            %% with an index, each removal leaves its lookup record counted;
-            %% the index goes when a removal starts at 64 instances or fewer
-            Leaked = M#m.leaked + length([x || L#l.idx]),
-            Items = lists:keydelete(Key, #it.key, L#l.items),
-            put_list(Idx, L#l{items = Items, idx = L#l.idx andalso length(L#l.items) > 64},
-                     M#m{gen = M#m.gen + 1, leaked = Leaked})
-    end.
+    %% with an index, each removal leaves its lookup record counted; the
+    %% index goes when a removal starts at 64 instances or fewer
+    Items = lists:keydelete(Key, #it.key, L#l.items),
+    put_list(Idx, L#l{items = Items, idx = L#l.idx andalso (not Want orelse length(L#l.items) > 64)},
+             M#m{gen = M#m.gen + length([x || Want]), leaked = M#m.leaked + length([x || Want, L#l.idx])}).
 
 order(3, Items) -> Items;
 order(Mode, Items) -> lists:sort(fun(A, B) -> sort_key(Mode, A#it.key) =< sort_key(Mode, B#it.key) end, Items).
 
 value(bin, _, _) -> undefined;
-value(_, 17, <<>>) -> undefined;
 value(_, 18, B) -> B;
-value(_, K, B) when K =:= 17; K =:= 37 -> {csval, B};
+value(_, K, B) when K =:= 37; K =:= 17, B =/= <<>> -> {csval, B};
 value(_, _, _) -> undefined.
 
 with_item(Idx, Pos, M, Fun) ->
-    case get_list(Idx, M) of
-        #l{items = []} -> M;
-        L = #l{items = Items} -> Fun(L, lists:nth(Pos rem length(Items) + 1, Items))
-    end.
+    case get_list(Idx, M) of #l{items = []} -> M; L = #l{items = Is} -> Fun(L, lists:nth(Pos rem length(Is) + 1, Is)) end.
 
 get_list(Idx, M) -> maps:get(Idx, M#m.lists).
 put_list(Idx, L, M) -> M#m{lists = maps:put(Idx, L, M#m.lists)}.
@@ -219,26 +193,22 @@ put_item(Idx, L, It, M) -> put_list(Idx, L#l{items = lists:keyreplace(It#it.ref,
 
 %% ---- checks ------------------------------------------------------------------
 
-expect(_What, Want, Want) -> ok;
-expect(What, Want, Got) -> error({mismatch, What, {want, Want}, {got, Got}}).
+expect(What, Want, Got) -> Want =:= Got orelse error({mismatch, What, {want, Want}, {got, Got}}), ok.
 
 %% Size and generation, and one list in full: order, and per instance key,
 %% lookup, value, flags, attributes.
 check(Idx, M = #m{t = T}) ->
-    Items = lists:append([L#l.items || L <- maps:values(M#m.lists)]),
-    Size = maps:size(M#m.lists) + length(Items) + lists:sum([length(It#it.attrs) || It <- Items]),
+    Size = lists:sum([1 + length(L#l.items) + lists:sum([length(It#it.attrs) || It <- L#l.items]) || L <- maps:values(M#m.lists)]),
     expect(size_gen, {Size, M#m.gen}, {arbo:get_size(T), arbo:get_generation(T)}),
     L = get_list(Idx, M),
-    expect({order, Idx}, [It#it.ref || It <- L#l.items], children(T, L#l.ref)),
-    expect({num_children, Idx}, length(L#l.items), arbo:num_children(T, L#l.ref)),
+    expect({order, Idx}, {[It#it.ref || It <- L#l.items], length(L#l.items)},
+           {children(T, L#l.ref), arbo:num_children(T, L#l.ref)}),
     lists:foreach(fun(It = #it{ref = Ref}) ->
         {_, FC, FK} = key_form(It#it.key),
-        Attrs = [case lists:keyfind(K, 1, It#it.attrs) of false -> []; {K, B} -> attr_value(B) end
-                 || K <- [0, 1, 2, 3]],
+        %% attribute values of up to 10 bytes read back in their string form
+        Attrs = [case lists:keyfind(K, 1, It#it.attrs) of false -> []; {K, B} when byte_size(B) =< 10 -> {csval, B};
+                     {K, B} -> B end || K <- [0, 1, 2, 3]],
         expect({instance, Idx, It#it.key}, {hkey(It), Ref, It#it.val, It#it.uflags, Attrs},
                {arbo:get_hkey0(T, Ref), arbo:find_child(T, L#l.ref, FK, FC), arbo:get_val_raw(T, Ref),
                 arbo:get_flags(T, Ref), [arbo:do_get_attr(T, Ref, K) || K <- [0, 1, 2, 3]]})
     end, L#l.items).
-
-attr_value(B) when byte_size(B) =< 10 -> {csval, B};
-attr_value(B) -> B.
