@@ -14,12 +14,10 @@
 %% ---- the fixed tree ------------------------------------------------------------------------
 
 %% P holds C; C holds leaves 1, 3, 4, 6, 8, 10 (values of each kind, flags on
-%% 3)
-%% and the list 9 whose instances 1..3 hold a leaf 1 with values "a", "b",
+%% 3) and the list 9 whose instances 1..3 hold a leaf 1 with values "a", "b",
 %% "c".
 fixed_tree(T) ->
-    P = arbo:add_hkey_internal(T, arbo:get_root(T), 1),
-    C = arbo:add_hkey_internal(T, P, 1),
+    C = arbo:add_hkey_internal(T, P = arbo:add_hkey_internal(T, arbo:get_root(T), 1), 1),
     Leaf = fun(K, V) -> N = arbo:add_hkey(T, C, [0 | K], 3), V =:= none orelse arbo:set_val(T, N, 17, V), N end,
     [Leaf(K, V) || {K, V} <- [{1, str("10")}, {4, none}, {6, <<14, 1, 0>>}, {10, <<8, 1, 2>>}]],
     arbo:set_val(T, Leaf(8, none), 37, <<13, (1 bsl 64 - 1):64, 0, 0>>),
@@ -31,6 +29,8 @@ fixed_tree(T) ->
 
 -define(NOPE, {3, 9, [1], <<>>}).  % unsupported
 -define(MISS, {4, [9, 1]}).       % missing: the path stops at a list
+-define(YES, {4, [1]}).
+-define(NO, {4, [99]}).
 
 %% One row per path the random walks below do not take: value kinds, flag
 %% masks, own keys, malformed terms, mf 0 answering early, long chains of
@@ -40,7 +40,6 @@ operators_test() ->
     with_table(fun(T) ->
         {P, C} = fixed_tree(T),
         Chain = fun(Op, Ls) -> lists:foldr(fun(A, B) -> {Op, A, B} end, lists:last(Ls), lists:droplast(Ls)) end,
-        {Yes, No} = {{4, [1]}, {4, [99]}},
         Cases =
             [{?MISS, 1, missing}, {{4, [bad]}, 1, missing}, {{4, not_a_list}, 1, full},
              {{3, 1, [8], <<"18446744073709551615">>}, 1, full}, {{3, 1, [6], <<"x">>}, 1, unsupported},
@@ -51,34 +50,22 @@ operators_test() ->
              {{2, {0, ?MISS, {4, []}}}, 0, match}, {{1, ?MISS, {4, [99]}}, 0, 0},
              {{1, {4, [1]}, ?NOPE}, 1, unsupported}, {{}, 1, unsupported}, {{0, {4, []}}, 1, unsupported},
              {{3, 1002, [9, 1], x}, 1, full}, {{3, 1, [9, 1, 5], <<"b">>}, 1, 0},
-             {Chain(1, lists:duplicate(199, Yes) ++ [No]), 1, missing},
-             {Chain(0, [No, ?NOPE | lists:duplicate(100, No)]), 1, unsupported},
-             {lists:foldl(fun(_, F) -> {2, {2, F}} end, Yes, lists:seq(1, 400)), 1, full},
-             {lists:foldl(fun(_, F) -> {1, F, Yes} end, Yes, lists:seq(1, 5000)), 1, unsupported}],
-        [?assertEqual({F, MF, Want}, {F, MF, case arbo:first_child_nif(T, P, F, MF) of
-                                                 0 -> 0; C -> match; {C, A} -> A end})
+             {Chain(1, lists:duplicate(199, ?YES) ++ [?NO]), 1, missing},
+             {Chain(0, [?NO, ?NOPE | lists:duplicate(100, ?NO)]), 1, unsupported},
+             {lists:foldl(fun(_, F) -> {2, {2, F}} end, ?YES, lists:seq(1, 400)), 1, full},
+             {lists:foldl(fun(_, F) -> {1, F, ?YES} end, ?YES, lists:seq(1, 5000)), 1, unsupported}],
+        [?assertEqual({F, MF, Want}, {F, MF, case arbo:first_child_nif(T, P, F, MF) of 0 -> 0; C -> match; {C, A} -> A end})
          || {F, MF, Want} <- Cases]
-    end).
-
-%% Byte keys: elements of an encoded key by index; an opaque key as its
-%% bytes; a text that fills its buffer may have been cut: "missing".
-key_elements_test() ->
-    with_table(fun(T) ->
-        L = arbo:add_hkey_dyn(T, arbo:get_root(T), 1, 0),
-        Q = fun(N) -> list_to_binary(lists:duplicate(N, $q)) end,
-        I = arbo:add_hkey(T, L, <<(str("eth"))/binary, 15, 10, 0, 0, 1, (str(Q(70)))/binary>>, 5),
-        O = arbo:add_hkey(T, L, <<"opaque">>, 6),
-        Cases = [{1, <<"10.0.0.1">>, {I, full}}, {0, <<"opaque">>, {O, full}}, {2, Q(63), 0}, {2, Q(64), {I, missing}}],
-        [?assertEqual({Idx, Pat, Want}, {Idx, Pat, arbo:first_child_nif(T, L, {101, 1, Idx, Pat}, 1)})
-         || {Idx, Pat, Want} <- Cases]
     end).
 
 %% The instance scan over 8 instances yields with one entry on the stack.
 %% One entry does not count as a resumption: the scan starts afresh above it
 %% and yields with two; two entries resume from the node on top, which is
 %% compared itself (also for an empty path). A stack term whose node list
-%% ends first is accepted.
-scan_yield_test() ->
+%% ends first is accepted. Byte keys: elements of an encoded key by index,
+%% an opaque key as its bytes; a text that fills its buffer may have been
+%% cut: "missing".
+scan_and_keys_test() ->
     with_table(fun(T) ->
         C = arbo:add_hkey_internal(T, P = arbo:add_hkey_internal(T, arbo:get_root(T), 11), 1),
         L = arbo:add_hkey_dyn(T, C, 9, 0),
@@ -90,8 +77,14 @@ scan_yield_test() ->
         ok = arbo:set_val(T, Z = arbo:add_hkey(T, arbo:get_root(T), [0 | 77], 3), 17, str("z")),
         ?assertEqual({C, full}, arbo:next_sibling_nif(T, C, F, 1, {[C, Z], [[1], [1]]})),
         ?assertEqual({C, missing}, arbo:next_sibling_nif(T, C, F, 1, {[C, 0], [[1], [1]]})),
-        ?assertEqual({C, full}, arbo:next_sibling_nif(T, C, {0, {4, [99]}, {3, 1, [], <<"z">>}}, 1,
-                                                      {[C, Z], [[], []]}))
+        ?assertEqual({C, full}, arbo:next_sibling_nif(T, C, {0, {4, [99]}, {3, 1, [], <<"z">>}}, 1, {[C, Z], [[], []]})),
+        B = arbo:add_hkey_dyn(T, arbo:get_root(T), 12, 0),
+        Q = fun(N) -> list_to_binary(lists:duplicate(N, $q)) end,
+        I = arbo:add_hkey(T, B, <<(str("eth"))/binary, 15, 10, 0, 0, 1, (str(Q(70)))/binary>>, 5),
+        O = arbo:add_hkey(T, B, <<"opaque">>, 6),
+        Cases = [{1, <<"10.0.0.1">>, {I, full}}, {0, <<"opaque">>, {O, full}}, {2, Q(63), 0}, {2, Q(64), {I, missing}}],
+        [?assertEqual({Idx, Pat, Want}, {Idx, Pat, arbo:first_child_nif(T, B, {101, 1, Idx, Pat}, 1)})
+         || {Idx, Pat, Want} <- Cases]
     end).
 
 %% ---- randomized walks against an Erlang model -------------------------------------------------
@@ -115,8 +108,7 @@ walks(T, Round) ->
 
 %% The events a walk produces: {answer, A} and {yield, Node}.
 events(_T, _F, _MF, 0, Acc) -> lists:reverse(Acc);
-events(T, F, MF, {yield, Stack, N}, Acc) ->
-    events(T, F, MF, arbo:next_sibling_nif(T, N, F, MF, Stack), [{yield, N} | Acc]);
+events(T, F, MF, {yield, Stack, N}, Acc) -> events(T, F, MF, arbo:next_sibling_nif(T, N, F, MF, Stack), [{yield, N} | Acc]);
 events(T, F, MF, {N, _} = A, Acc) -> events(T, F, MF, arbo:next_sibling_nif(T, N, F, MF), [{answer, A} | Acc]);
 events(T, F, MF, N, Acc) -> events(T, F, MF, arbo:next_sibling_nif(T, N, F, MF), [{answer, N} | Acc]).
 
@@ -144,9 +136,7 @@ build(T, P, Size) ->
             || {Ns, K} <- shuffle(Keys)],
     lists:sort(fun(#{ns := A, key := KA}, #{ns := B, key := KB}) -> {A, KA} =< {B, KB} end, Sibs).
 
-leaf(T, P, Ns, K) ->
-    Ref = arbo:add_hkey(T, P, [Ns | K], 3),
-    node(T, Ref, leaf, Ns, K, value(T, Ref), []).
+leaf(T, P, Ns, K) -> Ref = arbo:add_hkey(T, P, [Ns | K], 3), node(T, Ref, leaf, Ns, K, value(T, Ref), []).
 
 box(T, P, K) ->
     Ref = arbo:add_hkey_internal(T, P, K),
@@ -162,8 +152,7 @@ plain(Ref, Kind, K, Kids) -> #{ref => Ref, kind => Kind, ns => 0, key => K, val 
 
 %% A node of the model, marked inactive one time in five.
 node(T, Ref, Kind, Ns, K, Val, Kids) ->
-    Inactive = rand:uniform(5) =:= 1,
-    Inactive andalso deactivate(T, Ref),
+    Inactive = rand:uniform(5) =:= 1 andalso is_integer(deactivate(T, Ref)),
     #{ref => Ref, kind => Kind, ns => Ns, key => K, val => Val, kids => Kids, inactive => Inactive}.
 
 value(T, Ref) ->
@@ -180,11 +169,7 @@ value(T, Ref) ->
 %% instance scan uses the walk's node stack, and it has a filter of its own.
 
 filter(Depth) ->
-    case rand:uniform(20) of
-        1 -> [];
-        N when N =< 3 -> {3, pick([1, 3, 5]), [8, 1], pattern()};
-        _ -> filter_plain(Depth)
-    end.
+    case rand:uniform(20) of 1 -> []; N when N =< 3 -> {3, pick([1, 3, 5]), [8, 1], pattern()}; _ -> filter_plain(Depth) end.
 
 filter_plain(Depth) ->
     Path = pick([[], [8], [1], [3], [[1 | 2]], [1, 1], [2, 2]]),
@@ -205,11 +190,7 @@ eval({0, A, B}, N, MF) ->
 eval({1, A, B}, N, MF) -> case eval(A, N, MF) of 0 -> 0; R -> fold(1, R, eval(B, N, MF)) end;
 eval({2, A}, N, MF) -> case eval(A, N, MF) of 1 -> 0; 0 -> 1; R -> R end;
 eval({4, Path}, N, MF) ->
-    case find(N, Path) of
-        {N2, []} when is_map(N2) -> 1;
-        {none, _} when MF =:= 0 -> 0;
-        _ -> 2
-    end;
+    case find(N, Path) of {N2, []} when is_map(N2) -> 1; {none, _} when MF =:= 0 -> 0; _ -> 2 end;
 eval({3, CmpOp, Path, Pat}, N, MF) when is_integer(CmpOp) ->
     case find(N, Path) of
         {#{kind := list, kids := Insts}, [_ | _] = Rest} ->
@@ -229,14 +210,12 @@ cmp(none, _, _, MF) -> 2 * b(MF =/= 0);
 cmp(#{val := none}, _, _, _) -> 0;
 cmp(#{val := V}, Op, Pat, _) ->
     case {Op, string:to_integer(V), string:to_integer(Pat)} of
-        {1, _, _} -> b(V =:= binary_to_list(Pat));
-        {2, _, _} -> b(V =/= binary_to_list(Pat));
+        {Eq, _, _} when Eq =< 2 -> b((V =:= binary_to_list(Pat)) =:= (Eq =:= 1));
         {_, {X, []}, {Y, <<>>}} -> b(element(Op - 2, {X > Y, X >= Y, X < Y, X =< Y}));
         _ -> 3
     end.
 
-b(true) -> 1;
-b(false) -> 0.
+b(B) -> if B -> 1; true -> 0 end.
 
 %% Path resolution: {Node, Rest} (Rest non-empty only at a list) or {none, []}.
 %% (Instances are in namespace 0: a namespace in the path finds none.)
