@@ -408,13 +408,23 @@ rename(T, I, NewKey) ->
 
 %% @doc Move a child that has a namespace into another namespace (under the
 %% same tag): `true', or `false' when the library refuses (a container, a
-%% child without a namespace, a list instance).
+%% child without a namespace, a list instance) or when the namespace already
+%% has a child under that tag: the library itself would drop the moved child
+%% with its value and subtree, so it is not asked. Runs on the writer side
+%% (raises `{in_reading, Tree}' inside a reading pass).
 -spec rename_ns(tree(), tree_node(), 0..16#ffffffff) -> boolean().
 rename_ns(T, N, NewNs) ->
     ?U32(NewNs) orelse error({badarg, {namespace, NewNs}}),
-    read(T, [N], fun(_) ->
-        N#arbo_node.parent =/= 0 orelse error({root, N}),
-        arbo:rename_ns(T, N#arbo_node.parent, N#arbo_node.addr, NewNs)
+    own(T, N),
+    N#arbo_node.parent =/= 0 orelse error({root, N}),
+    exclusive(T, fun(H, S) ->
+        fresh(S, N),
+        #arbo_node{addr = Addr, parent = P} = N,
+        Free = case arbo:get_hkey0(H, Addr) of
+                   [_ | Tag] -> lists:member(arbo:find_child(H, P, [NewNs | Tag], 10), [0, Addr]);
+                   _ -> true
+               end,
+        {Free andalso arbo:rename_ns(H, P, Addr, NewNs), false}
     end).
 
 %% ===========================================================================

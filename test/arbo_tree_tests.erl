@@ -71,6 +71,12 @@ tour_test() ->
     %% (the root's reference went stale with the deletion, like any other)
     NsLeaf = arbo_tree:add_leaf(T, arbo_tree:root(T), {4, 1}),
     ?assertEqual({true, {5, 1}}, {arbo_tree:rename_ns(T, NsLeaf, 5), arbo_tree:key(T, NsLeaf)}),
+    %% onto a taken pair the library would drop the leaf: refused before it
+    Taken = arbo_tree:add_leaf(T, arbo_tree:root(T), {6, 1}),
+    ok = arbo_tree:set_value(T, NsLeaf, <<"plain bytes">>),
+    Before = arbo_tree:info(T),
+    ?assertEqual({false, Before, {6, 1}},
+                 {arbo_tree:rename_ns(T, NsLeaf, 6), arbo_tree:info(T), arbo_tree:key(T, Taken)}),
     ?assertEqual([true, false], [arbo_tree:delete_ns(T, arbo_tree:root(T), 5) || _ <- [1, 2]]),
     ok = arbo_tree:clear(T),
     ?assertMatch(#{size := 0}, arbo_tree:info(T)),
