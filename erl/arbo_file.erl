@@ -18,6 +18,8 @@
 %% load/3} verifies before it loads.
 -module(arbo_file).
 
+-include_lib("kernel/include/file.hrl").
+
 -export([verify/1, verify_binary/1, save/2, save/3, load/2, load/3]).
 -export_type([verify_error/0, load_info/0, load_option/0]).
 
@@ -146,7 +148,9 @@ save(Tree, Path) -> save(Tree, Path, []).
 %% removed and the target is left as it was. Options: `{skip_flags, Mask}'
 %% leaves out every node whose user flags contain all bits of Mask, with its
 %% subtree. Errors: `{error, badarg}' for a path that is not a file name (or
-%% holds a NUL byte), `{error, Reason}' from the library (`io', `no_key') or
+%% holds a NUL byte), `{error, not_regular}' when the target exists and is
+%% neither a regular file nor a symbolic link (a device or a directory would
+%% be replaced by the rename), `{error, Reason}' from the library (`io', `no_key') or
 %% from the file system (a posix atom). A closed tree raises
 %% `error({arbo_closed, Tree})'.
 -spec save(arbo:handle(), file:filename_all(), [{skip_flags, non_neg_integer()}]) ->
@@ -157,9 +161,13 @@ save(Tree, Path, Opts) ->
         orelse error({badarg, {skip_flags, Mask}}),
     case native_path(Path) of
         {ok, Target} ->
-            Tmp = temp_name(Target),
-            Result = write_synced(Tree, Tmp, Mask),
-            finish(Result, Tmp, Target);
+            case file:read_link_info(Target) of
+                {ok, #file_info{type = Type}} when Type =/= regular, Type =/= symlink ->
+                    {error, not_regular};
+                _ ->
+                    Tmp = temp_name(Target),
+                    finish(write_synced(Tree, Tmp, Mask), Tmp, Target)
+            end;
         error -> {error, badarg}
     end.
 
