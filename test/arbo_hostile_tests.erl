@@ -17,174 +17,144 @@
 
 -export([figures/1]).
 %% Run inside child VMs.
--export([hostile/2, refused_saves/1, kill_setup/3]).
+-export([hostile/2, refused_saves/1, big_save/2]).
 
 -define(MAGIC, <<16#EE, 16#DA, 0, 1>>).
 -define(LOADER_ERRORS, [not_found, io, invalid_magic, invalid_op, invalid_node_type,
                         invalid_key_type, invalid_data, not_implemented,
                         memory_allocation_error, deprecated_op]).
 
-%% ---- scale ------------------------------------------------------------------------
-
 %% Work per scale; the sanitizer build is several times slower.
 params(Scale) ->
-    {Seeds, Flips, Randoms, Kills, BigNodes} =
-        case Scale of
-            quick -> {3, 700, 400, 3, 600000};
-            full -> {8, 10000, 5000, 8, 600000}
-        end,
+    {Seeds, Flips, Randoms, Kills} = case Scale of quick -> {3, 700, 400, 3};
+                                                   full -> {8, 10000, 5000, 8} end,
     D = case os:getenv("ARBO_ASAN") of "1" -> 4; _ -> 1 end,
     #{seeds => Seeds, flips => Flips div D, randoms => Randoms div D, kills => Kills,
-      big_nodes => BigNodes div D}.
-
-%% ---- EUnit entry points -------------------------------------------------------------
+      big_nodes => 600000 div D}.
 
 hostile_files_test_() -> {timeout, 900, fun() -> run_hostile(quick) end}.
-refused_saves_test_() -> {timeout, 300, fun() -> run_refused(quick) end}.
+refused_saves_test_() -> {timeout, 300, fun run_refused/0}.
 killed_saves_test_() -> {timeout, 600, fun() -> run_kills(quick) end}.
 
 %% Figures for the reliability report; raises when anything is wrong.
 figures(Scale) ->
     H = run_hostile(Scale),
-    F = run_refused(Scale),
-    K = run_kills(Scale),
-    [{"hostile files tried", integer_to_list(maps:get(files, H))},
-     {"files by kind", counts(maps:get(kinds, H))},
-     {"verification", counts(maps:get(verify, H))},
-     {"verified load answers", counts(maps:get(load, H))},
-     {"raw loader answers", counts(maps:get(raw, H))},
-     {"verified files the loader took without a format error",
-      ratio(maps:get(took, H), maps:get(ok, maps:get(verify, H)))},
-     {"raw loader answered as verification predicts", agreement(H)},
-     {"accepted files saved again and reloaded equal",
-      ratio(maps:get(resaved, H), maps:get(accepted, H))},
-     {"crashes", "0"},
-     {"hostile files duration", ms(maps:get(ms, H))},
-     {"refused saves (fault: answer, previous file)", F},
-     {"saves killed with SIGKILL", integer_to_list(maps:get(kills, K))},
-     {"kill delays (ms after the save began)",
-      string:join([integer_to_list(D) || D <- maps:get(delays, K)], ", ")},
-     {"kills that landed mid-save", integer_to_list(maps:get(mid_save, K))},
-     {"previous file intact", ratio(maps:get(intact, K), maps:get(mid_save, K))},
-     {"kills after the save completed (new file complete)",
-      integer_to_list(maps:get(completed, K))},
-     {"save of the killed tree", io_lib:format("~b nodes, ~s MB, ~s",
-                                               [maps:get(nodes, K), mb(maps:get(bytes, K)),
-                                                ms(maps:get(save_ms, K))])},
+    Refused = run_refused(),
+    {Kills, Save} = run_kills(Scale),
+    Mid = [Whole || {true, Whole, _} <- Kills],
+    N = fun(K) -> maps:get(K, H, 0) end,
+    [{"hostile files tried", f("~b (~s)", [lists:sum([V || {{kind, _}, V} <- maps:to_list(H)]),
+                                          counts(kind, H)])},
+     {"verification", counts(verify, H)},
+     {"verified load answers", counts(load, H)},
+     {"raw loader answers", counts(raw, H)},
+     {"raw loader answered as verification predicts", f("~b/~b", [N(agree), N(checked)])},
+     {"hostile files duration", f("~.1f s", [N(ms) / 1000])},
+     {"refused saves (fault: answer, previous file)", Refused},
+     {"saves killed with SIGKILL", f("~b: ~b mid-save, the rest after the rename; delays ~w ms",
+                                     [length(Kills), length(Mid), [D || {_, _, D} <- Kills]])},
+     {"save of the killed tree", Save},
+     {"previous file intact", f("~b/~b", [length([x || true <- Mid]), length(Mid)])},
      {"lost", "0"}].
 
-counts(M) ->
-    string:join([io_lib:format("~p ~b", [K, V]) || {K, V} <- lists:sort(maps:to_list(M))], ", ").
-ratio(A, B) -> io_lib:format("~b/~b", [A, B]).
-ms(Ms) -> io_lib:format("~.1f s", [Ms / 1000]).
-mb(B) -> io_lib:format("~.1f", [B / 1048576]).
-agreement(#{agree := A, checked := C}) -> ratio(A, C).
+f(Fmt, Args) -> lists:flatten(io_lib:format(Fmt, Args)).
+counts(Tag, H) ->
+    string:join([f("~p ~b", [K, V]) || {{T, K}, V} <- lists:sort(maps:to_list(H)), T =:= Tag],
+                ", ").
 
-%% ---- child VMs ---------------------------------------------------------------------
+%% ---- child VMs and scratch directories ------------------------------------------------
 
-code_args() ->
+child(Extra) ->
     Dirs = lists:usort([filename:absname(filename:dirname(code:which(M)))
-                        || M <- [?MODULE, arbo_tree, arbo_file_tests]]),
-    lists:append([["-pa", D] || D <- Dirs]).
+                        || M <- [?MODULE, arbo_tree]]),
+    Args = lists:append([["-pa", D] || D <- Dirs]),
+    element(2, peer:start(Extra#{connection => standard_io, args => Args})).
 
-start_child(Extra) ->
-    case peer:start(maps:merge(#{connection => standard_io, args => code_args()}, Extra)) of
-        {ok, P} -> P;
-        {ok, P, _} -> P
-    end.
-
-in_child(Extra, M, F, A, Timeout) ->
-    Peer = start_child(Extra),
-    try peer:call(Peer, M, F, A, Timeout)
+in_child(Extra, F, A, Timeout) ->
+    Peer = child(Extra),
+    try peer:call(Peer, ?MODULE, F, A, Timeout)
     catch Class:Reason -> {child_vm_failed, Class, Reason}
     after catch peer:stop(Peer)
     end.
 
-%% Hostile files are many small writes: they go to memory when it can.
-scratch(Name) -> scratch("/tmp", Name).
 scratch(Root, Name) ->
     D = filename:join(Root, "arbo_hostile_" ++ os:getpid() ++ "_" ++ Name),
-    _ = os:cmd("rm -rf '" ++ D ++ "'"),
-    ok = filelib:ensure_dir(filename:join(D, "x")),
+    [] = rm(D) ++ os:cmd("mkdir -p " ++ D),
     D.
-
+rm(D) -> os:cmd("chmod -R u+w '" ++ D ++ "' 2>/dev/null; rm -rf '" ++ D ++ "'").
 nul(Path) -> <<(iolist_to_binary(Path))/binary, 0>>.
 
 %% ---- 1. hostile files ---------------------------------------------------------------
 
+%% Many small writes: they go to memory when it can. The file at work is
+%% left behind when the child VM dies.
 run_hostile(Scale) ->
-    Root = case filelib:is_dir("/dev/shm") of true -> "/dev/shm"; false -> "/tmp" end,
+    Root = hd([D || D <- ["/dev/shm", "/tmp"], filelib:is_dir(D)]),
     Dir = scratch(Root, "files"),
-    T0 = erlang:monotonic_time(millisecond),
-    R = in_child(#{env => [{"TMPDIR", Root}]}, ?MODULE, hostile, [Dir, params(Scale)], 840000),
-    Ms = erlang:monotonic_time(millisecond) - T0,
-    case R of
-        #{problems := []} ->
-            _ = os:cmd("rm -rf '" ++ Dir ++ "'"),
-            R#{ms => Ms};
-        #{problems := Ps} -> error({hostile_files, Ps, maps:without([problems], R)});
-        _ ->
-            %% kinds are tried in turn: the last one with a file was at work
-            Kinds = [cut, huge_length, bad_code, bit_flip, bit_flips, random_bytes, record_stream],
-            Tried = [F || K <- Kinds,
-                          filelib:is_file(F = filename:join(Dir, "kind_" ++ atom_to_list(K)))],
-            error({hostile_files, R, {last_file, lists:last([none | Tried])}})
-    end.
+    {Us, R} = timer:tc(fun() -> in_child(#{env => [{"TMPDIR", Root}]}, hostile,
+                                         [Dir, params(Scale)], 840000) end),
+    is_map(R) andalso [] =:= maps:get(problems, R)
+        orelse error({hostile_files, R, {file_at_work, Dir ++ "/current"}}),
+    rm(Dir),
+    R#{ms => Us div 1000}.
 
 %% In the child: every file of every kind, tallied.
-hostile(Dir, #{seeds := Seeds} = P) ->
+hostile(Dir, #{seeds := Seeds, flips := Flips, randoms := Randoms}) ->
     ok = file:set_cwd(Dir),
     rand:seed(exsss, {7, 11, 13}),
-    Saved = [saved_seed(N) || N <- lists:seq(1, Seeds)],
-    Acc0 = #{files => 0, kinds => #{}, verify => #{}, load => #{}, raw => #{}, agree => 0,
-             checked => 0, took => 0, accepted => 0, resaved => 0, problems => []},
-    lists:foldl(fun(File, Acc) -> try_file(Dir, File, Acc) end, Acc0, files(Saved, P)).
-
-%% The files of every kind, in turn: {Kind, Bytes, Raw} where Raw says
-%% the raw loader must stand them too.
-files(Saved, #{flips := Flips, randoms := Randoms}) ->
-    Each = fun(F) -> lists:append([F(S) || S <- Saved]) end,
-    Each(fun cuts/1) ++ Each(fun huge_lengths/1) ++ Each(fun bad_codes/1) ++
-        [{bit_flip, flip(pick(Saved), 1), false} || _ <- lists:seq(1, Flips)] ++
-        [{bit_flips, flip(pick(Saved), 2 + rand:uniform(7)), false} || _ <- lists:seq(1, Flips)] ++
-        [{random_bytes, random_bytes(), false} || _ <- lists:seq(1, Randoms)] ++
-        [{record_stream, record_stream(), true} || _ <- lists:seq(1, 2 * Randoms)].
-
-cuts(Good) -> [{cut, binary:part(Good, 0, N), true} || N <- lists:seq(0, byte_size(Good) - 1)].
-
-%% Every length field set past the end of the file: 4-byte fields to
-%% 0x7fffffff, 0xffffffff and one byte too many; narrower fields to their
-%% largest value, the file cut where that is too many.
+    Saved = [seed(N) || N <- lists:seq(1, Seeds)],
+    Each = fun(G) -> lists:flatmap(G, Saved) end,
+    Rep = fun(N, G) -> [G() || _ <- lists:seq(1, N)] end,
+    %% {Kind, whether the raw loader must stand it too, files}
+    Kinds =
+        [{cut, true, Each(fun(S) -> [binary:part(S, 0, N) || N <- lists:seq(0, byte_size(S) - 1)]
+                          end)},
+         {huge_length, true, Each(fun huge_lengths/1)},
+         {bad_code, true, Each(fun bad_codes/1)},
+         {bit_flips, false, Rep(2 * Flips, fun() -> flip(pick(Saved), pick([1, rand:uniform(9)])) end)},
+         {random_bytes, false, Rep(Randoms, fun() -> <<(pick([<<>>, ?MAGIC]))/binary,
+                                                       (rand:bytes(rand:uniform(300) - 1))/binary>>
+                                            end)},
+         {record_stream, true, Rep(2 * Randoms, fun() -> iolist_to_binary([?MAGIC | Rep(rand:uniform(40), fun record/0)]) end)}],
+    lists:foldl(fun({Kind, Raw, Bins}, Acc) ->
+                        lists:foldl(fun(B, A) -> try_file(Kind, Raw, B, A) end, Acc, Bins)
+                end, #{problems => []}, Kinds).
+%% Every length field past the end of the file: 4-byte fields set to
+%% 0x7fffffff, 0xffffffff and one byte too many, 1-byte fields to 255 with
+%% the file cut where that is too many.
 huge_lengths(Good) ->
     Size = byte_size(Good),
-    [{huge_length, put_int(binary:part(Good, 0, Cut), Pos, W, V), true}
-     || {Pos, {len, W}} <- fields(Good),
-        {V, Cut} <- case W of
-                        4 -> [{X, Size} || X <- [16#7fffffff, 16#ffffffff, Size - Pos - 3]];
-                        _ -> Max = 1 bsl (8 * W) - 1,
-                             [{Max, min(Size, Pos + W + Max - 1 - rand:uniform(3))}]
-                    end].
+    [put_int(binary:part(Good, 0, Cut), Pos, W, V)
+     || {Pos, W} <- lists:flatmap(fun({P, Op}) -> length_at(Good, P, Op) end, records(Good)),
+        {V, Cut} <- [{X, Size} || W =:= 4, X <- [16#7fffffff, 16#ffffffff, Size - Pos - 3]] ++
+            [{255, min(Size, Pos + 255 - rand:uniform(3))} || W =:= 1]].
 
 %% Opcodes replaced by codes that stop the load: operations 0, 1, 21, 25 and
 %% 28..31 anywhere, key forms 6 and 7 on the path records.
 bad_codes(Good) ->
-    Ops = [{Pos, Op} || {Pos, {op, Op}} <- fields(Good)],
-    [{bad_code, put_int(Good, Pos, 1, C), true}
-     || {Pos, Op} <- Ops,
-        C <- [pick([0, 1, 21, 25, 28, 29, 30, 31])] ++
-                 [Op band 31 + 32 * F || F <- [6, 7], lists:member(Op band 31, [6, 15, 20])],
+    [put_int(Good, P, 1, C)
+     || {P, Op} <- records(Good),
+        C <- [pick([0, 1, 21, 25, 28, 29, 30, 31]) |
+              [Op band 31 + 32 * F || F <- [6, 7], lists:member(Op band 31, [6, 15, 20])]],
         rand:uniform(3) =:= 1].
 
-flip(B, N) ->
-    lists:foldl(fun(_, Acc) ->
-                        I = rand:uniform(bit_size(Acc)) - 1,
-                        <<H:I/bits, X:1, R/bits>> = Acc,
-                        <<H:I/bits, (1 - X):1, R/bits>>
-                end, B, lists:seq(1, N)).
+%% {Offset, Opcode} of every record: a record ends where a prefix verifies.
+records(Good) ->
+    [{P, binary:at(Good, P)} || P <- lists:seq(4, byte_size(Good) - 1),
+                                arbo_file:verify_binary(binary:part(Good, 0, P)) =:= ok].
 
-random_bytes() ->
-    B = rand:bytes(rand:uniform(300) - 1),
-    case rand:uniform(2) of 1 -> B; 2 -> <<(?MAGIC)/binary, B/binary>> end.
+%% {Offset, Width} of the length fields of a record: opaque and encoded
+%% keys, long binaries, short binaries, string values.
+length_at(_, P, Op) when Op =:= 16#86; Op =:= 16#A6; Op =:= 16#0E -> [{P + 1, 4}];
+length_at(_, P, 16#0D) -> [{P + 1, 1}];
+length_at(G, P, Op) when Op =:= 9; Op =:= 18 ->
+    Type = P + 1 + 4 * (Op div 18),
+    case binary:at(G, Type) of 200 -> [{Type + 1, 1}]; 205 -> [{Type + 1, 4}]; _ -> [] end;
+length_at(_, _, _) -> [].
+
+flip(B, N) ->
+    lists:foldl(fun(I, Acc) -> <<H:I/bits, X:1, R/bits>> = Acc, <<H:I/bits, (1 - X):1, R/bits>> end,
+                B, [rand:uniform(bit_size(B)) - 1 || _ <- lists:seq(1, N)]).
 
 put_int(B, Pos, W, V) ->
     <<H:Pos/binary, _:W/binary, R/binary>> = B,
@@ -192,128 +162,61 @@ put_int(B, Pos, W, V) ->
 
 pick(L) -> lists:nth(rand:uniform(length(L)), L).
 
-%% Where the records of a saved file start ({op, Opcode}) and where its
-%% length fields lie ({len, Width}): key and binary lengths, the length
-%% prefixes of encoded strings.
-fields(<<_:4/binary, Rest/binary>>) -> fields(Rest, 4, []).
-fields(<<>>, _, Acc) -> lists:reverse(Acc);
-fields(<<Op, R/binary>>, P, Acc0) ->
-    Acc = [{P, {op, Op}} | Acc0],
-    {Skip, Lens} =
-        case Op of
-            _ when Op =:= 2; Op =:= 3; Op =:= 7 -> {0, []};
-            _ when Op =:= 16#06; Op =:= 16#0F; Op =:= 16#46 -> {4, []};
-            _ when Op =:= 16#14; Op =:= 16#66 -> {5, []};
-            16#26 -> {8, []};
-            16#34 -> {9, []};
-            _ when Op =:= 16#86; Op =:= 16#A6; Op =:= 16#0E ->
-                <<N:32, _/binary>> = R,
-                {4 + N, [{P + 1, 4}]};
-            16#0D -> <<N, _/binary>> = R, {1 + N, [{P + 1, 1}]};
-            16#09 -> csval_fields(R, 0, P + 1);
-            16#12 -> csval_fields(R, 4, P + 1);
-            16#0B -> {1, []};
-            16#11 -> {2, []};
-            16#16 -> {4, []};
-            16#17 -> {8, []}
-        end,
-    <<_:Skip/binary, Next/binary>> = R,
-    fields(Next, P + 1 + Skip, lists:reverse([{Pos, {len, W}} || {Pos, W} <- Lens], Acc)).
-
-%% A csval Off bytes into R (R starts at file position P).
-csval_fields(R, Off, P) ->
-    <<_:Off/binary, V/binary>> = R,
-    {ok, N} = arbo_val:frame(V),
-    <<Type, _/binary>> = V,
-    {Off + N, case Type of 200 -> [{P + Off + 1, 1}]; 205 -> [{P + Off + 1, 4}]; _ -> [] end}.
-
-%% ---- seed trees ------------------------------------------------------------------------
-
-%% A small tree of every shape, varied by N, saved: containers under plain
-%% and namespaced names, a list in every order with int, pair, opaque or
-%% tuple keys, leaves with typed and raw values (some long), attributes and
-%% flags of every width.
-saved_seed(N) ->
-    rand:seed(exsss, {N, 17, 29}),
+%% A small tree of every shape, saved: containers, a list in every order
+%% with int, pair, opaque or tuple keys, leaves with typed and raw values
+%% (some long), attributes and flags of every width.
+seed(N) ->
     T = arbo_tree:new(),
     R = arbo_tree:root(T),
     C = arbo_tree:add_container(T, R, 100 + N),
     decorate(T, arbo_tree:add_leaf(T, C, {N, 3}), leaf),
     Orders = [sorted, sorted_length_first, sorted_length_first_but_last, user_order],
-    Families = [int, pair, opaque, tuple],
-    [begin
-         L = arbo_tree:add_list(T, pick([R, C]), pick([I, {I, 9}]), Order),
-         Family = lists:nth((I + N) rem 4 + 1, Families),
-         [decorate(T, arbo_tree:add(T, L, key(Family)), Family)
-          || _ <- lists:seq(1, rand:uniform(3))]
-     end || {I, Order} <- lists:zip(lists:seq(1, 4), Orders)],
+    [decorate(T, arbo_tree:add(T, L, element(K, {{int, rand:uniform(2000) - 1000},
+                                                {pair, rand:uniform(20), rand:uniform(99)},
+                                                {opaque, rand:bytes(rand:uniform(14) - 1)},
+                                                [{string, rand:bytes(rand:uniform(12))},
+                                                 {uint32, rand:uniform(99)}]})), K < 3)
+     || {I, Order} <- lists:zip(lists:seq(1, 4), Orders),
+        L <- [arbo_tree:add_list(T, pick([R, C]), pick([I, {I, 9}]), Order)],
+        K <- [(I + N) rem 4 + 1], _ <- lists:seq(1, rand:uniform(3))],
     ok = arbo_tree:save(T, "seed"),
     arbo_tree:close(T),
     {ok, B} = file:read_file("seed"),
     B.
 
-key(int) -> {int, rand:uniform(2000) - 1000};
-key(pair) -> {pair, rand:uniform(20), rand:uniform(99)};
-key(opaque) -> {opaque, rand:bytes(rand:uniform(14) - 1)};
-key(tuple) -> [{string, rand:bytes(rand:uniform(12))}, {uint32, rand:uniform(99)}].
-
-%% Value (leaves and int-keyed instances), flags, an attribute, a leaf below.
+%% A value (leaves, and instances with int or pair keys: Kind true), flags,
+%% an attribute, below an instance a leaf.
 decorate(T, Node, Kind) ->
-    [ok = arbo_tree:set_value(T, Node, value())
-     || lists:member(Kind, [leaf, int, pair]), rand:uniform(3) > 1],
+    [ok = arbo_tree:set_value(T, Node, value(5)) || Kind =/= false, rand:uniform(3) > 1],
     ok = arbo_tree:set_flags(T, Node, pick([0, 0, 16#80, 16#1200, 16#120000, 16#1200000000])),
-    [ok = arbo_tree:set_attr(T, Node, rand:uniform(4), value_csval()) || rand:uniform(2) =:= 1],
+    [ok = arbo_tree:set_attr(T, Node, rand:uniform(4), value(0)) || rand:uniform(2) =:= 1],
     [decorate(T, arbo_tree:add_leaf(T, Node, rand:uniform(5)), leaf)
      || Kind =/= leaf, rand:uniform(2) =:= 1],
     ok.
 
-%% Long values (raw binaries of 256 bytes and more, 4-byte string lengths)
-%% now and then: they make the files long.
-value() ->
-    case rand:uniform(12) of
-        1 -> rand:bytes(250 + rand:uniform(20));
-        N when N < 7 -> rand:bytes(rand:uniform(20));
-        _ -> value_csval()
-    end.
-value_csval() ->
-    case rand:uniform(12) of
-        1 -> {string32, rand:bytes(rand:uniform(40))};
-        _ -> pick([{uint32, rand:uniform(1 bsl 20)}, {string, rand:bytes(rand:uniform(9))},
-                   {ipv4, {10, 0, 0, 7}}, {int64, -5}])
-    end.
+%% A typed value, or with Raw > 0 now and then a raw binary (one long).
+value(Raw) ->
+    pick([{string32, rand:bytes(rand:uniform(40))}, {uint32, rand:uniform(1 bsl 20)}, {int64, -5},
+          {string, rand:bytes(rand:uniform(9))}, {ipv4, {10, 0, 0, 7}}] ++
+             lists:duplicate(Raw, rand:bytes(rand:uniform(20))) ++
+             [rand:bytes(250 + rand:uniform(20)) || Raw > 0]).
 
-%% ---- random record streams ---------------------------------------------------------------
 
-%% The magic and random records of every operation, mostly well formed, with
-%% tags and keys from small ranges so that paths meet again; encoded keys
-%% are always well formed (a corrupt one is for verification to refuse).
-record_stream() ->
-    iolist_to_binary([?MAGIC | [record() || _ <- lists:seq(1, rand:uniform(40))]]).
-
+%% A random record of every operation, mostly well formed, with tags and
+%% keys from small ranges so that paths meet again; encoded keys are always
+%% well formed (a corrupt one is for verification to refuse).
 record() ->
-    F = pick([0, 0, 1, 2, 2, 3, 4, 5, 5]),
-    case rand:uniform(24) of
-        1 -> <<(pick([0, 1, 21, 25, 28, 31, 16#E6, 16#C6]))>>;
-        2 -> <<(pick([2, 3, 4, 5]))>>;
-        N when N =< 7 -> [6 + 32 * F, path(F)];
-        8 -> [15, path(0)];
-        9 -> [20 + 32 * pick([0, 1]), path(pick([0, 1])), rand:uniform(6) - 1];
-        10 -> [16, path(0), pick([0, 1, 200, 255])];
-        N when N =< 13 -> <<7>>;
-        14 -> <<8, (rand:uniform(4) - 1)>>;
-        15 -> [9, csval()];
-        16 -> B = rand:bytes(rand:uniform(30)), [13, byte_size(B), B];
-        17 -> B = rand:bytes(250 + rand:uniform(20)), <<14, (byte_size(B)):32, B/binary>>;
-        18 -> pick([<<11, 5>>, <<17, 1:16>>, <<22, 1:32>>, <<23, 1:64>>]);
-        19 -> [<<18, (rand:uniform(5)):32>>, csval()];
-        20 -> [10 + 32 * F, path(F)];
-        21 -> [<<12, (rand:uniform(3) - 1):32>>];
-        22 -> [19 + 32 * F, path(F), <<(rand:uniform(5) - 1):32>>];
-        23 -> F2 = pick([2, 3, 4, 5]), [26 + 32 * F, path(F), pick([0, 1, 2]), F2, path(F2)];
-        24 -> F2 = pick([2, 3, 4, 5, 0]),
-              pick([[24 + 32 * F, path(F), <<(rand:uniform(3)):32>>],
-                    [27 + 32 * F, path(F), F2, path(F2)]])
-    end.
+    {F, F2, X} = {pick([0, 0, 1, 2, 2, 3, 4, 5, 5]), pick([0, 2, 3, 4, 5]), rand:uniform(5) - 1},
+    B = rand:bytes(rand:uniform(30)),
+    pick(lists:duplicate(5, [6 + 32 * F, path(F)]) ++ lists:duplicate(3, <<7>>) ++
+             [<<(pick([0, 1, 21, 25, 28, 31, 16#E6, 16#C6, 2, 3, 4, 5]))>>, <<8, (X rem 4)>>,
+              [15, path(0)], [20 + 32 * (F rem 2), path(F rem 2), X],
+              [16, path(0), pick([0, 1, 200, 255])], [9, csval()], [13, byte_size(B), B],
+              <<14, 280:32, (binary:copy(<<X>>, 280))/binary>>, [<<18, X:32>>, csval()],
+              pick([<<11, 5>>, <<17, 1:16>>, <<22, 1:32>>, <<23, 1:64>>]), [10 + 32 * F, path(F)],
+              <<12, (X rem 3):32>>, [19 + 32 * F, path(F), <<X:32>>],
+              [24 + 32 * F, path(F), <<X:32>>], [26 + 32 * F, path(F), X rem 3, F2, path(F2)],
+              [27 + 32 * F, path(F), F2, path(F2)]]).
 
 path(0) -> <<(rand:uniform(4)):32>>;
 path(1) -> <<(rand:uniform(2) - 1):32, (rand:uniform(4)):32>>;
@@ -323,331 +226,203 @@ path(4) -> B = rand:bytes(rand:uniform(6) - 1), <<(byte_size(B)):32, B/binary>>;
 path(5) -> B = arbo_key:encode([{string, pick([<<"a">>, <<"bb">>])}, {uint32, rand:uniform(3)}]),
            <<(byte_size(B)):32, B/binary>>.
 
-csval() ->
-    case rand:uniform(8) of
-        1 -> <<0>>;
-        2 -> <<(pick([250, 3, 1]))>>;
-        _ -> arbo_val:encode(value_csval())
-    end.
+csval() -> pick([<<0>>, <<(pick([250, 3, 1]))>> | lists:duplicate(6, arbo_val:encode(value(0)))]).
 
-%% ---- one file ---------------------------------------------------------------------------
-
-%% Verification, the verified load (and a save and reload of what it
-%% loaded), the raw loader: tallied, every wrong answer kept as a problem.
-try_file(Dir, {Kind, Bin, Raw}, Acc) ->
-    Path = filename:join(Dir, "kind_" ++ atom_to_list(Kind)),
-    ok = file:write_file(Path, Bin, [raw]),
-    V = guarded(fun() -> arbo_file:verify(Path) end),
+%% One file through verification, the verified load and, for Raw kinds,
+%% the raw loader; every wrong answer kept as a problem, with the file.
+try_file(Kind, Raw, Bin, Acc) ->
+    ok = file:write_file("current", Bin, [raw]),
+    V = guarded(fun() -> arbo_file:verify("current") end),
     T = arbo_tree:new(),
-    L = guarded(fun() -> arbo_tree:load(T, Path) end),
-    Resaved = case L of
-                  {ok, _} -> guarded(fun() -> resave(T) end);
-                  _ -> skip
-              end,
+    L = guarded(fun() -> arbo_tree:load(T, "current") end),
     arbo_tree:close(T),
-    RawAnswer = Raw andalso guarded(fun() -> raw_load(Path, Kind) end),
-    Problems = [problem(Dir, Kind, What, Bin, {verdict(V), outcome(L), Resaved, outcome(RawAnswer)})
-                || {What, false} <- checks(Kind, V, L, Resaved, RawAnswer)],
-    Agreed = RawAnswer =/= false andalso Kind =/= record_stream,
-    bump([{kinds, Kind}, {verify, verdict(V)}, {load, outcome(L)}] ++
-             [{raw, outcome(RawAnswer)} || RawAnswer =/= false],
-         Acc#{files := maps:get(files, Acc) + 1,
-              checked := maps:get(checked, Acc) + bool(Agreed),
-              took := maps:get(took, Acc) +
-                  bool(V =:= ok andalso
-                       lists:member(outcome(L), [ok, truncate, invalid_node_type])),
-              agree := maps:get(agree, Acc) + bool(Agreed andalso agrees(V, L, RawAnswer)),
-              accepted := maps:get(accepted, Acc) + bool(element(1, L) =:= ok),
-              resaved := maps:get(resaved, Acc) + bool(Resaved =:= same),
-              problems := lists:sublist(Problems ++ maps:get(problems, Acc), 5)}).
+    RawA = Raw andalso guarded(fun() -> raw_load(Kind) end),
+    Predicted = Raw andalso Kind =/= record_stream,
+    Checks =
+        [{answers, case V of
+                       %% a verified file fails only where the tree refuses a record
+                       ok -> lists:member(outcome(L), [ok, truncate, invalid_node_type]);
+                       {error, {_, Off} = E} when is_integer(Off) ->
+                           L =:= {error, {invalid_file, E}};
+                       _ -> false
+                   end},
+         {raw, case Kind of
+                   record_stream -> lists:member(outcome(RawA), [ok, truncate | ?LOADER_ERRORS]);
+                   _ -> not Raw orelse agrees(V, L, RawA)
+               end}],
+    Problems = [{Kind, What, [outcome(X) || X <- [V, L, RawA]], Bin} || {What, false} <- Checks],
+    bump([{kind, Kind}, {verify, outcome(V)}, {load, outcome(L)}] ++
+             [{raw, outcome(RawA)} || Raw] ++ [checked || Predicted] ++
+             [agree || Predicted andalso agrees(V, L, RawA)],
+         Acc#{problems := lists:sublist(Problems ++ maps:get(problems, Acc), 5)}).
 
-%% A file that failed a check is kept for a look.
-problem(Dir, Kind, What, Bin, Answers) ->
-    Name = filename:join(Dir, "problem_" ++ integer_to_list(erlang:unique_integer([positive]))),
-    ok = file:write_file(Name, Bin),
-    {Kind, What, Answers, Name}.
-
-guarded(F) ->
-    try F() catch C:R:S -> {crashed, C, R, S} end.
-
-bool(true) -> 1;
-bool(false) -> 0.
+guarded(F) -> try F() catch C:R:S -> {crashed, C, R, S} end.
 
 bump(Keys, Acc) ->
-    Inc = fun(X) -> fun(M) -> maps:update_with(X, fun(N) -> N + 1 end, 1, M) end end,
-    lists:foldl(fun({K, X}, A) -> maps:update_with(K, Inc(X), A) end, Acc, Keys).
-
-%% What a loaded tree holds saves to a file that verifies and loads:
-%% `same' when it loads into the same tree below the root (the root's own
-%% flags and attributes are not saved), else `differs'.
-resave(T) ->
-    true = arbo:save_nif(T, <<"again", 0>>, 0),
-    ok = arbo_file:verify("again"),
-    T2 = arbo_tree:new(),
-    {ok, _} = arbo_tree:load(T2, "again"),
-    Same = element(6, arbo_file_tests:dump(T)) =:= element(6, arbo_file_tests:dump(T2)),
-    arbo_tree:close(T2),
-    case Same of true -> same; false -> differs end.
+    lists:foldl(fun(K, A) -> maps:update_with(K, fun(N) -> N + 1 end, 1, A) end, Acc, Keys).
 
 %% Record streams hold checkpoints: any checkpoint argument will do.
-raw_load(Path, Kind) ->
+raw_load(Kind) ->
     T = arbo:new(),
     Checkpoint = case Kind of record_stream -> pick([-1, -2, 0, 9]); _ -> -1 end,
-    try arbo:load_nif(T, nul(Path), Checkpoint, 1, undefined)
+    try arbo:load_nif(T, <<"current", 0>>, Checkpoint, 1, undefined)
     after arbo:close(T)
     end.
 
-%% {Check, Passed}.
-checks(Kind, V, L, Resaved, Raw) ->
-    [{verify_answer, case V of ok -> true; {error, {_, Off}} -> is_integer(Off); _ -> false end},
-     {load_answer, case {V, L} of
-                       %% a verified file fails only where the tree refuses a record
-                       {ok, {ok, #{nodes := _}}} -> true;
-                       {ok, {error, invalid_node_type}} -> true;
-                       {{error, E}, {error, {invalid_file, E2}}} -> E =:= E2;
-                       _ -> false
-                   end},
-     %% the prefix of a saved tree saves as itself; flipped bits and random
-     %% records can make shapes the saver writes otherwise (an integer
-     %% instance under a type byte 0 comes back as a plain tag)
-     {resave, lists:member(Resaved, [same, skip]) orelse
-                  (Resaved =:= differs andalso
-                   lists:member(Kind, [bit_flip, bit_flips, random_bytes, record_stream]))},
-     {raw_answer, case Raw of
-                      false -> true;
-                      {true, Reply} -> tuple_size(Reply) =:= 8;
-                      {error, A} -> lists:member(A, ?LOADER_ERRORS);
-                      _ -> false
-                  end},
-     {agreement, Raw =:= false orelse Kind =:= record_stream orelse agrees(V, L, Raw)}].
-
 %% The raw loader's answer is the one verification predicts: the verified
 %% load's answer for an accepted file, the loader's code for the fault
-%% verification found.
-agrees(ok, L, Raw) -> outcome(L) =:= outcome(Raw);
-agrees({error, {_, Off}}, _, {true, {_, _, _, _, _, _, _, {checkpoint, Stop}}}) ->
-    %% the loader stopped at a truncation mark before the fault (verification
-    %% reads on to the end)
-    Off >= Stop;
-agrees({error, {Reason, _}}, _, Raw) ->
-    Want = case Reason of
-               truncated -> io;
-               {bad_value, _} -> invalid_data;
-               R when is_atom(R) -> R;
-               _ -> none
-           end,
-    outcome(Raw) =:= Want.
+%% verification found, or a stop at a truncation mark before that fault
+%% (verification reads on to the end).
+agrees(V, L, Raw) ->
+    case {outcome(V), Raw} of
+        {ok, _} -> outcome(L) =:= outcome(Raw);
+        {_, {true, {_, _, _, _, _, _, _, {checkpoint, Stop}}}} -> element(2, element(2, V)) >= Stop;
+        {Why, _} -> outcome(Raw) =:= maps:get(Why, #{truncated => io, bad_value => invalid_data}, Why)
+    end.
 
-verdict(ok) -> ok;
-verdict({error, {{R, _}, _}}) -> R;
-verdict({error, {R, _}}) -> R;
-verdict(X) -> X.
-
+%% Every answer (verification, verified load, raw loader) by its result.
 outcome({ok, #{truncated_at := undefined}}) -> ok;
-outcome({ok, _}) -> truncate;
-outcome({error, {invalid_file, _}}) -> refused_by_verification;
+outcome({ok, #{}}) -> truncate;
 outcome({true, {_, _, _, _, _, _, _, undefined}}) -> ok;
-outcome({true, _}) -> truncate;
+outcome({true, {_, _, _, _, _, _, _, {checkpoint, _}}}) -> truncate;
+outcome({error, {invalid_file, _}}) -> refused_by_verification;
+outcome({error, {{R, _}, Off}}) when is_integer(Off) -> R;
+outcome({error, {R, Off}}) when is_atom(R), is_integer(Off) -> R;
 outcome({error, A}) when is_atom(A) -> A;
 outcome(X) -> X.
 
 %% ---- 2. saves the system refuses --------------------------------------------------
 
 %% Each refused save answers {error, io} and leaves the file it would have
-%% replaced as it was. Root writes where it likes, so the refusals by
-%% permission (and the file size limit) run in a child VM under another
-%% user; a full device is tried here.
-run_refused(_Scale) ->
-    Rows = dev_full() ++ as_other_user(),
-    Bad = [R || {_, Answer, Intact} = R <- Rows, Answer =/= {error, io} orelse Intact =:= false],
-    ?assertEqual([], Bad),
-    Shown = fun(true) -> "intact"; (na) -> "none"; (Skipped) -> Skipped end,
-    lists:flatten(string:join([io_lib:format("~s: ~p, ~s", [Label, A, Shown(I)])
-                               || {Label, A, I} <- Rows], "; ")).
+%% replaced as it was. Root writes where it likes, so the saves run in a
+%% child VM as another user (when run as root), under a file size limit
+%% smaller than the big tree's file.
+run_refused() ->
+    Exes = [os:find_executable(X) || X <- ["setpriv", "prlimit", "erl"]],
+    Rows = case lists:member(false, Exes) of
+               false -> refused(Exes);
+               true -> io:format(user, "~nrefused saves skipped: no setpriv, prlimit or erl~n", []),
+                       [{"refused saves", skipped, none}]
+           end,
+    ?assertEqual([], [R || {_, A, I} = R <- Rows, A =/= skipped,
+                           A =/= {error, io} orelse I =:= changed]),
+    string:join([f("~s: ~p, ~p", [L, A, I]) || {L, A, I} <- Rows], "; ").
 
-dev_full() ->
-    case file:read_file_info("/dev/full") of
-        {ok, #file_info{type = device}} ->
-            T = arbo_file_tests:config(),
-            A = arbo:save_nif(T, <<"/dev/full", 0>>, 0),
-            arbo_tree:close(T),
-            [{"full device (native)", A, na}];
-        _ ->
-            io:format(user, "~nno /dev/full: the full device case is skipped~n", []),
-            [{"full device (native)", {error, io}, "skipped: no /dev/full"}]
-    end.
+refused([Setpriv, Prlimit, Erl]) ->
+    Base = scratch("/tmp", "refused"),
+    ok = file:change_mode(Base, 8#777),
+    User = [X || "0\n" <- [os:cmd("id -u")],
+                 X <- [Setpriv, "--reuid=65534", "--regid=65534", "--clear-groups"]],
+    %% writes past the limit fail with EFBIG instead of a signal
+    Exec = {"/bin/sh", ["-c", "trap '' XFSZ; exec \"$@\"", "sh"] ++ User ++
+                [Prlimit, "--fsize=65536", Erl]},
+    Rows = in_child(#{exec => Exec, env => [{"HOME", Base}]}, refused_saves, [Base], 120000),
+    rm(Base),
+    ?assertMatch([_ | _], Rows),
+    Rows.
 
--define(NOBODY, "65534").
-
-%% A directory the user may not write, holding the previous file, and one
-%% it may write, under a file size limit smaller than the big tree's file.
-as_other_user() ->
-    case [os:find_executable(X) || X <- ["setpriv", "prlimit", "erl"]] of
-        [Setpriv, Prlimit, Erl] when Setpriv =/= false, Prlimit =/= false, Erl =/= false ->
-            Root = string:trim(os:cmd("id -u")) =:= "0",
-            Base = scratch("refused"),
-            [Locked, Open] = Dirs = [filename:join(Base, D) || D <- ["locked", "open"]],
-            Prev = arbo_file_tests:config(),
-            Want = arbo_file_tests:dump(Prev),
-            [begin ok = file:make_dir(D), ok = arbo_tree:save(Prev, filename:join(D, "target")) end
-             || D <- Dirs],
-            arbo_tree:close(Prev),
-            [] = os:cmd("chmod 755 " ++ Base ++ " && chmod 555 " ++ Locked),
-            [[] = os:cmd("chown -R " ++ ?NOBODY ++ ":" ++ ?NOBODY ++ " " ++ Open) || Root],
-            {ok, Before} = file:read_file(filename:join(Locked, "target")),
-            User = [X || Root, X <- [Setpriv, "--reuid=" ++ ?NOBODY, "--regid=" ++ ?NOBODY,
-                                     "--clear-groups"]],
-            %% writes past the limit fail with EFBIG instead of a signal
-            Exec = {"/bin/sh", ["-c", "trap '' XFSZ; exec \"$@\"", "sh"] ++ User ++
-                        [Prlimit, "--fsize=65536", Erl]},
-            Answers = in_child(#{exec => Exec, env => [{"HOME", Base}]}, ?MODULE, refused_saves,
-                               [Base], 120000),
-            ?assertMatch([_ | _], Answers),
-            Intact = fun(none) -> na;
-                        (F) ->
-                             {ok, B} = file:read_file(F),
-                             T = arbo_tree:new(),
-                             {ok, _} = arbo_tree:load(T, F),
-                             Same = B =:= Before andalso arbo_file_tests:dump(T) =:= Want,
-                             arbo_tree:close(T),
-                             Same
-                     end,
-            ?assertEqual([], [F || D <- Dirs, F <- filelib:wildcard(filename:join(D, ".target*"))]),
-            Rows = [{Label, A, Intact(F)} || {Label, A, F} <- Answers],
-            _ = os:cmd("chmod 755 " ++ Locked ++ " && rm -rf '" ++ Base ++ "'"),
-            Rows;
-        _ ->
-            Why = "setpriv, prlimit or erl not found",
-            io:format(user, "~n~s: the refused saves as another user are skipped~n", [Why]),
-            [{"as another user", {error, io}, "skipped: " ++ Why}]
-    end.
-
-%% In the child, as another user under a file size limit: {Label, Answer,
-%% the file that must be intact or none}.
+%% In the child: {Label, Answer, intact | changed | none (no previous file)}.
 refused_saves(Base) ->
-    [Locked, Open] = [filename:join(Base, D) || D <- ["locked", "open"]],
-    [LockedT, OpenT] = [filename:join(D, "target") || D <- [Locked, Open]],
-    %% the refusal is real: this user cannot write there at all
-    {error, eacces} = file:write_file(filename:join(Locked, "probe"), <<"x">>),
+    [Locked, Open] = Dirs = [Base ++ "/locked", Base ++ "/open"],
     T = arbo_file_tests:config(),
-    %% and the size limit is what stops the big save
-    ok = arbo_tree:save(T, filename:join(Open, "small")),
+    %% the previous files, saved under the size limit
+    [ok = arbo_tree:save(T, D ++ "/target") || D <- Dirs, file:make_dir(D) =:= ok],
+    {ok, Before} = file:read_file(Open ++ "/target"),
+    [ok = file:change_mode(F, M) || {F, M} <- [{Locked ++ "/target", 8#444}, {Locked, 8#555}]],
+    %% the refusal is real: this user cannot write there at all
+    {error, eacces} = file:write_file(Locked ++ "/probe", <<"x">>),
     Big = arbo_tree:new(),
-    R = arbo_tree:root(Big),
-    [ok = arbo_tree:set_value(Big, arbo_tree:add_leaf(Big, R, I), binary:copy(<<I:32>>, 25))
-     || I <- lists:seq(1, 2000)],
-    Rows = [{"write-protected directory, over the file (native)",
-             arbo:save_nif(T, nul(LockedT), 0), LockedT},
-            {"write-protected directory, new file (native)",
-             arbo:save_nif(T, nul(filename:join(Locked, "new")), 0), none},
-            {"write-protected directory (API)", arbo_tree:save(T, LockedT), LockedT},
-            {"file size limit (native)",
-             arbo:save_nif(Big, nul(filename:join(Open, "new")), 0), none},
-            {"file size limit (API)", arbo_tree:save(Big, OpenT), OpenT}],
+    [ok = arbo_tree:set_value(Big, arbo_tree:add_leaf(Big, arbo_tree:root(Big), I),
+                              binary:copy(<<I:32>>, 25)) || I <- lists:seq(1, 2000)],
+    Row = fun(L, A, none) -> {L, A, none};
+             (L, A, P) -> {L, A, case file:read_file(P) of {ok, Before} -> intact; _ -> changed end}
+          end,
+    Rows = [Row("full device (native)", arbo:save_nif(T, <<"/dev/full", 0>>, 0), none),
+            Row("write-protected directory, over the file (native)",
+                arbo:save_nif(T, nul(Locked ++ "/target"), 0), Locked ++ "/target"),
+            Row("write-protected directory, new file (native)",
+                arbo:save_nif(T, nul(Locked ++ "/new"), 0), none),
+            Row("write-protected directory (API)", arbo_tree:save(T, Locked ++ "/target"),
+                Locked ++ "/target"),
+            Row("file size limit (native)", arbo:save_nif(Big, nul(Open ++ "/new"), 0), none),
+            Row("file size limit (API)", arbo_tree:save(Big, Open ++ "/target"), Open ++ "/target")],
+    [] = filelib:wildcard(Base ++ "/*/.target*"),
     [arbo_tree:close(X) || X <- [T, Big]],
     Rows.
 
 %% ---- 3. a VM killed in the middle of a save -----------------------------------------
 
-%% One child VM per kill: it saves a small tree to the target, then starts
-%% the save of a big one over it; SIGKILL lands at a fraction of the time
-%% that save takes. The target is the previous file, whole, or (when the
-%% kill came after the rename) the new one, whole.
+%% A child VM per kill saves a big tree over a small tree's file; SIGKILL
+%% lands at a fraction of the time that save takes. The target is then the
+%% previous file, whole (it verifies, loads and holds the tree saved
+%% before), or, when the kill came after the rename, the new one, whole.
 run_kills(Scale) ->
     #{kills := Kills, big_nodes := Nodes} = params(Scale),
-    Dir = scratch("kills"),
-    Big = filename:join(Dir, "big"),
-    ok = file:write_file(Big, big_file(Nodes)),
-    Results = [kill_once(Dir, Big, I, (I - 0.5) / Kills * 0.9) || I <- lists:seq(1, Kills)],
-    ?assertEqual([], [R || {_, false, _} = R <- Results]),
-    Mid = length([R || {mid_save, _, _} = R <- Results]),
-    ?assert(Mid > 0),
-    [{_, _, Info} | _] = Results,
-    _ = os:cmd("rm -rf '" ++ Dir ++ "'"),
-    (maps:with([nodes, bytes, save_ms], Info))#{
-        kills => Kills, mid_save => Mid, intact => Mid, completed => Kills - Mid,
-        delays => [D || {_, _, #{delay := D}} <- Results]}.
+    Dir = scratch("/tmp", "kills"),
+    %% containers of 100 leaves with 100-byte values, as the saver writes them
+    Leaves = << <<6, L:32, 13, 100, (binary:copy(<<L:32>>, 25))/binary, 7>>
+                || L <- lists:seq(1, 100) >>,
+    Bin = iolist_to_binary([?MAGIC, 2, [[<<6, C:32>>, Leaves, 7]
+                                        || C <- lists:seq(1, Nodes div 101)], 3]),
+    ok = file:write_file(Dir ++ "/big", Bin),
+    T = big_tree(Dir ++ "/big"),
+    {Us, ok} = timer:tc(arbo_tree, save, [T, Dir ++ "/new"]),
+    ?assertEqual({ok, Bin}, file:read_file(Dir ++ "/new")),
+    Size = maps:get(size, arbo_tree:info(T)),
+    arbo_tree:close(T),
+    Rs = [kill_once(Dir, Bin, round(Us / 1000 * (I - 0.5) / Kills * 0.9))
+          || I <- lists:seq(1, Kills)],
+    rm(Dir),
+    ?assertEqual([], [R || {_, false, _} = R <- Rs]),
+    ?assertNotEqual([], [x || {true, _, _} <- Rs]),
+    {Rs, f("~b nodes, ~.1f MB, ~b ms", [Size, byte_size(Bin) / 1048576, Us div 1000])}.
 
-%% {mid_save | completed, Whole, Info}
-kill_once(Dir, Big, I, Fraction) ->
-    Target = filename:join(Dir, "target"),
-    Peer = start_child(#{}),
+%% {killed mid-save, target whole, delay}
+kill_once(Dir, Bin, Delay) ->
+    Target = Dir ++ "/target",
+    Prev = arbo_file_tests:config(),
+    ok = arbo_tree:save(Prev, Target),
+    {Want, {ok, PrevBin}} = {dumped(Prev), file:read_file(Target)},
+    Temps = fun() -> filelib:wildcard(Dir ++ "/.target.tmp.*") end,
+    Peer = child(#{}),
     try
         MRef = erlang:monitor(process, Peer),
-        #{os_pid := OsPid, prev := PrevHash, new := NewHash, save_ms := SaveMs} = Info =
-            peer:call(Peer, ?MODULE, kill_setup, [Big, Target, I], 300000),
-        {ok, PrevBytes} = file:read_file(Target),
-        Temps = fun() -> filelib:wildcard(filename:join(Dir, ".target.tmp.*")) end,
-        peer:send(Peer, arbo_hostile_saver, save),
-        wait_until(fun() -> Temps() =/= [] end, 20000),
-        Delay = round(SaveMs * Fraction),
+        OsPid = peer:call(Peer, os, getpid, []),
+        ok = peer:cast(Peer, ?MODULE, big_save, [Dir ++ "/big", Target]),
+        wait_until(fun() -> Temps() =/= [] end, 60000),
         timer:sleep(Delay),
         _ = os:cmd("kill -9 " ++ OsPid),
         receive {'DOWN', MRef, process, Peer, _} -> ok
         after 20000 -> error(child_vm_not_killed)
         end,
-        Left = Temps(),
-        [ok = file:delete(F) || F <- Left],
+        Mid = [ok = file:delete(F) || F <- Temps()] =/= [],
         {ok, Now} = file:read_file(Target),
-        Whole = ok =:= arbo_file:verify(Target) andalso
-            case Left of
-                [_ | _] -> Now =:= PrevBytes andalso PrevHash =:= loaded_hash(Target);
-                [] -> NewHash =:= erlang:md5(Now)
-            end,
-        {case Left of [_ | _] -> mid_save; [] -> completed end, Whole, Info#{delay => Delay}}
+        {Mid, case Mid of
+                  true -> Now =:= PrevBin andalso loaded(Target) =:= Want;
+                  false -> Now =:= Bin
+              end, Delay}
     after
         catch peer:stop(Peer)
     end.
 
-wait_until(F, Ms) when Ms > 0 ->
-    case F() of
-        true -> ok;
-        false -> timer:sleep(1), wait_until(F, Ms - 1)
-    end;
-wait_until(_, _) -> error(timeout).
+wait_until(F, Ms) when Ms > 0 -> F() orelse begin timer:sleep(1), wait_until(F, Ms - 1) end.
 
-tree_hash(T) -> erlang:md5(term_to_binary(arbo_file_tests:dump(T))).
-
-loaded_hash(F) ->
+loaded(F) ->
     T = arbo_tree:new(),
     {ok, _} = arbo_tree:load(T, F),
-    H = tree_hash(T),
+    dumped(T).
+
+dumped(T) ->
+    D = arbo_file_tests:dump(T),
     arbo_tree:close(T),
-    H.
+    D.
 
-%% Containers of 100 leaves with 100-byte values, as the saver writes them.
-big_file(Nodes) ->
-    Leaves = << <<6, L:32, 13, 100, (binary:copy(<<L:32>>, 25))/binary, 7>>
-                || L <- lists:seq(1, 100) >>,
-    iolist_to_binary([?MAGIC, 2, [[<<6, C:32>>, Leaves, 7] || C <- lists:seq(1, Nodes div 101)],
-                      3]).
-
-%% In the child: the previous file saved, the big tree loaded and its save
-%% timed once; a registered process then waits to save it over the target.
-kill_setup(Big, Target, I) ->
-    Self = self(),
-    {Pid, MRef} = spawn_monitor(fun() -> saver(Self, Big, Target, I) end),
-    receive
-        {ready, Info} -> erlang:demonitor(MRef, [flush]), Info;
-        {'DOWN', MRef, process, Pid, Why} -> error({setup_failed, Why})
-    end.
-
-saver(Parent, Big, Target, I) ->
-    Prev = arbo_file_tests:config(),
-    ok = arbo_tree:set_value(Prev, arbo_tree:add_leaf(Prev, arbo_tree:root(Prev), 99), {uint32, I}),
-    ok = arbo_tree:save(Prev, Target),
-    %% a file of our own making: straight to the loader
+%% A file of our own making: straight to the loader.
+big_tree(Big) ->
     T = arbo_tree:new(),
     {true, _} = arbo_tree:exclusive(
                   T, fun(H, _) -> {arbo:load_nif(H, nul(Big), -1, 0, undefined), true} end),
-    Trial = Target ++ ".trial",
-    {Us, ok} = timer:tc(fun() -> arbo_tree:save(T, Trial) end),
-    {ok, Saved} = file:read_file(Trial),
-    ok = file:delete(Trial),
-    register(arbo_hostile_saver, self()),
-    %% the saver writes the same tree as the same bytes
-    Parent ! {ready, #{os_pid => os:getpid(), prev => tree_hash(Prev), new => erlang:md5(Saved),
-                       save_ms => Us div 1000, nodes => maps:get(size, arbo_tree:info(T)),
-                       bytes => byte_size(Saved)}},
-    receive save -> arbo_tree:save(T, Target) end,
-    receive never -> ok end.
+    T.
+
+%% In the child.
+big_save(Big, Target) -> arbo_tree:save(big_tree(Big), Target).
