@@ -8,8 +8,7 @@
 
 -include_lib("eunit/include/eunit.hrl").
 
--import(walk_util, [with_table/1, hide/1, int8/1, str/1, u32/1, deactivate/2, shuffle/1,
-                    pick/1]).
+-import(walk_util, [with_table/1, hide/1, str/1, u32/1, deactivate/2, shuffle/1, pick/1]).
 
 %% ---- the fixed tree ------------------------------------------------------------------------
 
@@ -23,8 +22,7 @@ fixed_tree(T) ->
     arbo:set_val(T, Leaf(8, none), 37, <<13, (1 bsl 64 - 1):64, 0, 0>>),
     arbo:set_flags(T, Leaf(3, u32(7)), 2#101),
     L = arbo:add_hkey_dyn(T, C, 9, 0),
-    [arbo:set_val(T, arbo:add_hkey(T, arbo:add_hkey(T, L, K, 4), [0 | 1], 3), 17, str(S))
-     || {K, S} <- [{1, "a"}, {2, "b"}, {3, "c"}]],
+    [arbo:set_val(T, arbo:add_hkey(T, arbo:add_hkey(T, L, K, 4), [0 | 1], 3), 17, str(S)) || {K, S} <- [{1, "a"}, {2, "b"}, {3, "c"}]],
     {P, C}.
 
 -define(NOPE, {3, 9, [1], <<>>}).  % unsupported
@@ -40,22 +38,18 @@ operators_test() ->
     with_table(fun(T) ->
         {P, C} = fixed_tree(T),
         Chain = fun(Op, Ls) -> lists:foldr(fun(A, B) -> {Op, A, B} end, lists:last(Ls), lists:droplast(Ls)) end,
-        Cases =
-            [{?MISS, 1, missing}, {{4, [bad]}, 1, missing}, {{4, not_a_list}, 1, full},
-             {{3, 1, [8], <<"18446744073709551615">>}, 1, full}, {{3, 1, [6], <<"x">>}, 1, unsupported},
-             {{3, 3, [10], <<"1">>}, 1, unsupported}, {{3, 1, [1], "10"}, 1, unsupported},
-             {{7, 1003, [3], 2#001, 2#011}, 1, full}, {{7, 1003, [3], 2#101, 2#011}, 1, 0},
+        Cases = [{?MISS, 1, missing}, {{4, [bad]}, 1, missing}, {{4, not_a_list}, 1, full}, {{3, 1, [6], <<"x">>}, 1, unsupported},
+             {{3, 1, [8], <<"18446744073709551615">>}, 1, full}, {{3, 3, [10], <<"1">>}, 1, unsupported},
+             {{3, 1, [1], "10"}, 1, unsupported}, {{7, 1003, [3], 2#001, 2#011}, 1, full}, {{7, 1003, [3], 2#101, 2#011}, 1, 0},
              {{3, 1000, [3], 2#100}, 1, full}, {{3, 1001, [99], 2#011}, 1, full}, {{3, 1002, [4], x}, 1, 0},
-             {{101, 1, 0, <<"1">>}, 1, full}, {{101, 1, x, <<"1">>}, 1, unsupported},
-             {{2, {0, ?MISS, {4, []}}}, 0, match}, {{1, ?MISS, {4, [99]}}, 0, 0},
+             {{101, 1, 0, <<"1">>}, 1, full}, {{101, 1, x, <<"1">>}, 1, unsupported}, {{2, {0, ?MISS, {4, []}}}, 0, match},
              {{1, {4, [1]}, ?NOPE}, 1, unsupported}, {{}, 1, unsupported}, {{0, {4, []}}, 1, unsupported},
              {{3, 1002, [9, 1], x}, 1, full}, {{3, 1, [9, 1, 5], <<"b">>}, 1, 0},
              {Chain(1, lists:duplicate(199, ?YES) ++ [?NO]), 1, missing},
              {Chain(0, [?NO, ?NOPE | lists:duplicate(100, ?NO)]), 1, unsupported},
              {lists:foldl(fun(_, F) -> {2, {2, F}} end, ?YES, lists:seq(1, 400)), 1, full},
              {lists:foldl(fun(_, F) -> {1, F, ?YES} end, ?YES, lists:seq(1, 5000)), 1, unsupported}],
-        [?assertEqual({F, MF, Want}, {F, MF, case arbo:first_child_nif(T, P, F, MF) of 0 -> 0; C -> match; {C, A} -> A end})
-         || {F, MF, Want} <- Cases]
+        [?assertEqual({F, MF, Want}, {F, MF, case arbo:first_child_nif(T, P, F, MF) of 0 -> 0; C -> match; {C, A} -> A end}) || {F, MF, Want} <- Cases]
     end).
 
 %% The instance scan over 8 instances yields with one entry on the stack.
@@ -68,8 +62,7 @@ operators_test() ->
 scan_and_keys_test() ->
     with_table(fun(T) ->
         C = arbo:add_hkey_internal(T, P = arbo:add_hkey_internal(T, arbo:get_root(T), 11), 1),
-        L = arbo:add_hkey_dyn(T, C, 9, 0),
-        I5 = lists:nth(5, [arbo:add_hkey(T, L, K, 4) || K <- lists:seq(1, 8)]),
+        I5 = lists:nth(5, [arbo:add_hkey(T, L, K, 4) || L <- [arbo:add_hkey_dyn(T, C, 9, 0)], K <- lists:seq(1, 8)]),
         F = {3, 1, [9, 1], <<"z">>},
         ?assertEqual({yield, {[I5], [[1]]}, C}, arbo:first_child_nif(T, P, F, 1)),
         ?assertEqual({yield, {[I5, I5], [[1], [1]]}, C}, arbo:next_sibling_nif(T, C, F, 1, {[I5], [[1]]})),
@@ -78,13 +71,11 @@ scan_and_keys_test() ->
         ?assertEqual({C, full}, arbo:next_sibling_nif(T, C, F, 1, {[C, Z], [[1], [1]]})),
         ?assertEqual({C, missing}, arbo:next_sibling_nif(T, C, F, 1, {[C, 0], [[1], [1]]})),
         ?assertEqual({C, full}, arbo:next_sibling_nif(T, C, {0, {4, [99]}, {3, 1, [], <<"z">>}}, 1, {[C, Z], [[], []]})),
-        B = arbo:add_hkey_dyn(T, arbo:get_root(T), 12, 0),
-        Q = fun(N) -> list_to_binary(lists:duplicate(N, $q)) end,
-        I = arbo:add_hkey(T, B, <<(str("eth"))/binary, 15, 10, 0, 0, 1, (str(Q(70)))/binary>>, 5),
-        O = arbo:add_hkey(T, B, <<"opaque">>, 6),
+        {B, Q} = {arbo:add_hkey_dyn(T, arbo:get_root(T), 12, 0), fun(N) -> binary:copy(<<"q">>, N) end},
+        [I, O] = [arbo:add_hkey(T, B, K, Code) || {K, Code} <- [{<<(str("eth"))/binary, 15, 10, 0, 0, 1, (str(Q(70)))/binary>>, 5},
+                                                                {<<"opaque">>, 6}]],
         Cases = [{1, <<"10.0.0.1">>, {I, full}}, {0, <<"opaque">>, {O, full}}, {2, Q(63), 0}, {2, Q(64), {I, missing}}],
-        [?assertEqual({Idx, Pat, Want}, {Idx, Pat, arbo:first_child_nif(T, B, {101, 1, Idx, Pat}, 1)})
-         || {Idx, Pat, Want} <- Cases]
+        [?assertEqual({Idx, Pat, Want}, {Idx, Pat, arbo:first_child_nif(T, B, {101, 1, Idx, Pat}, 1)}) || {Idx, Pat, Want} <- Cases]
     end).
 
 %% ---- randomized walks against an Erlang model -------------------------------------------------
@@ -99,18 +90,14 @@ random_walks_test_() ->
 walks(T, Round) ->
     P = arbo:add_hkey_internal(T, arbo:get_root(T), 1),
     Model = build(T, P, case Round rem 3 of 0 -> rand:uniform(3000); _ -> rand:uniform(60) end),
-    [begin
-         {F, MF, Hide} = {filter(3), rand:uniform(2) - 1, rand:uniform(3) =:= 1},
-         H = case Hide of true -> hide(T); false -> T end,
-         Got = events(H, F, MF, arbo:first_child_nif(H, P, F, MF), []),
-         ?assertEqual({F, MF, Hide, expected(Model, F, MF, Hide, 0)}, {F, MF, Hide, Got})
-     end || _ <- lists:seq(1, 25)].
+    [?assertEqual({F, MF, Hide, expected(Model, F, MF, Hide, 0)}, {F, MF, Hide, events(H, F, MF, arbo:first_child_nif(H, P, F, MF), [])})
+     || _ <- lists:seq(1, 25), {F, MF, Hide} <- [{filter(3), rand:uniform(2) - 1, rand:uniform(3) =:= 1}],
+        H <- [case Hide of true -> hide(T); false -> T end]].
 
 %% The events a walk produces: {answer, A} and {yield, Node}.
 events(_T, _F, _MF, 0, Acc) -> lists:reverse(Acc);
 events(T, F, MF, {yield, Stack, N}, Acc) -> events(T, F, MF, arbo:next_sibling_nif(T, N, F, MF, Stack), [{yield, N} | Acc]);
-events(T, F, MF, {N, _} = A, Acc) -> events(T, F, MF, arbo:next_sibling_nif(T, N, F, MF), [{answer, A} | Acc]);
-events(T, F, MF, N, Acc) -> events(T, F, MF, arbo:next_sibling_nif(T, N, F, MF), [{answer, N} | Acc]).
+events(T, F, MF, A, Acc) -> events(T, F, MF, arbo:next_sibling_nif(T, case A of {N, _} -> N; N -> N end, F, MF), [{answer, A} | Acc]).
 
 %% What the walk must produce, stepping the model's siblings as the library
 %% steps them: inactive ones skipped when hidden, a yield after 1002 examined.
@@ -132,16 +119,15 @@ expected([#{ref := Ref} = S | Rest] = Sibs, F, MF, Hide, Count) ->
 
 build(T, P, Size) ->
     Keys = lists:usort([{rand:uniform(2) - 1, rand:uniform(4 * Size)} || _ <- lists:seq(1, Size)]),
-    Sibs = [case rand:uniform(3) of 1 when Ns =:= 0 -> box(T, P, K); _ -> leaf(T, P, Ns, K) end
-            || {Ns, K} <- shuffle(Keys)],
+    Sibs = [case rand:uniform(3) of 1 when Ns =:= 0 -> box(T, P, K); _ -> leaf(T, P, Ns, K) end || {Ns, K} <- shuffle(Keys)],
     lists:sort(fun(#{ns := A, key := KA}, #{ns := B, key := KB}) -> {A, KA} =< {B, KB} end, Sibs).
 
 leaf(T, P, Ns, K) -> Ref = arbo:add_hkey(T, P, [Ns | K], 3), node(T, Ref, leaf, Ns, K, value(T, Ref), []).
 
 box(T, P, K) ->
     Ref = arbo:add_hkey_internal(T, P, K),
-    Lists = [list8(T, arbo:add_hkey_dyn(T, Ref, 8, 0)) || rand:uniform(3) =:= 1],
-    node(T, Ref, box, 0, K, none, [leaf(T, Ref, 0, J) || J <- lists:seq(1, 3), rand:uniform(2) =:= 1] ++ Lists).
+    node(T, Ref, box, 0, K, none, [leaf(T, Ref, 0, J) || J <- lists:seq(1, 3), rand:uniform(2) =:= 1] ++
+                                  [list8(T, arbo:add_hkey_dyn(T, Ref, 8, 0)) || rand:uniform(3) =:= 1]).
 
 %% The list 8 and its instances (never inactive).
 list8(T, L) ->
@@ -152,16 +138,15 @@ plain(Ref, Kind, K, Kids) -> #{ref => Ref, kind => Kind, ns => 0, key => K, val 
 
 %% A node of the model, marked inactive one time in five.
 node(T, Ref, Kind, Ns, K, Val, Kids) ->
-    Inactive = rand:uniform(5) =:= 1 andalso is_integer(deactivate(T, Ref)),
-    #{ref => Ref, kind => Kind, ns => Ns, key => K, val => Val, kids => Kids, inactive => Inactive}.
+    (plain(Ref, Kind, K, Kids))#{ns := Ns, val := Val, inactive := rand:uniform(5) =:= 1 andalso is_integer(deactivate(T, Ref))}.
 
+%% Values as string elements or plain bytes (integer elements' texts are
+%% the element text's business).
 value(T, Ref) ->
-    S = pick(["a", "b", "abc", "10", "-3", "7"]),
-    case rand:uniform(4) of
-        1 -> none;
-        2 -> I = rand:uniform(20) - 10, arbo:set_val(T, Ref, 17, int8(I)), integer_to_list(I);
-        3 -> arbo:set_val(T, Ref, 18, list_to_binary(S)), S;
-        _ -> arbo:set_val(T, Ref, 17, str(S)), S
+    case {rand:uniform(3), pick(["a", "b", "abc", "10", "-3", "7"])} of
+        {1, _} -> none;
+        {2, S} -> arbo:set_val(T, Ref, 18, list_to_binary(S)), S;
+        {_, S} -> arbo:set_val(T, Ref, 17, str(S)), S
     end.
 
 %% ---- random filters and their evaluation ----------------------------------------------------
@@ -174,8 +159,7 @@ filter(Depth) ->
 filter_plain(Depth) ->
     Path = pick([[], [8], [1], [3], [[1 | 2]], [1, 1], [2, 2]]),
     case {Depth > 0 andalso rand:uniform(6), rand:uniform(5)} of
-        {1, _} -> {0, filter_plain(Depth - 1), filter_plain(Depth - 1)};
-        {2, _} -> {1, filter_plain(Depth - 1), filter_plain(Depth - 1)};
+        {Op, _} when Op =:= 1; Op =:= 2 -> {Op - 1, filter_plain(Depth - 1), filter_plain(Depth - 1)};
         {3, _} -> {2, filter_plain(Depth - 1)};
         {_, 1} -> {4, Path};
         {_, 2} -> {3, x, [], <<>>};
