@@ -45,9 +45,6 @@ round_trip_test() ->
     ?assertMatch({ok, #{nodes := Size, transactions := 1, truncated_at := undefined}},
                  arbo_tree:load(T2, F)),
     ?assertEqual(dump(T), dump(T2)),
-    %% the copy saves to the same bytes
-    ok = arbo_tree:save(T2, F2),
-    ?assertEqual(file:read_file(F), file:read_file(F2)),
     %% skipping flagged nodes: two interfaces with their two leaves and
     %% attribute each
     ok = arbo_tree:save(T, F2, [{skip_flags, 16#8000}]),
@@ -69,11 +66,9 @@ records_test_() ->
              16#B3, 4:32, Key/binary, 9:32, 24, 1:32, 2:32,
              16#BA, 4:32, Key/binary, 1, 5, 4:32, Key/binary,
              16#5B, 7:32, 2, 1:32, 16#BB, 4:32, Key/binary, 5, 4:32, Key/binary>>,
-    Bad = [{<<0>>, not_implemented}, {<<21>>, deprecated_op}, {<<28>>, invalid_op},
-           {<<16#E6, 0:32>>, invalid_key_type}, {<<16#BA, 4:32, Key/binary, 1, 6>>, invalid_key_type},
-           {<<16#BA, 4:32, Key/binary, 1, 5, 1:32, 3>>, {bad_key, {unknown_type, 3, 0}}},
-           {<<16#AA, 2:32, 200, 5>>, {bad_key, {truncated, 200, 0}}},
-           {<<18, 1:32, 250>>, {bad_value, {unknown_type, 250}}},
+    Bad = [{<<0>>, not_implemented}, {<<21>>, deprecated_op}, {<<28>>, invalid_op}, {<<16#E6, 0:32>>, invalid_key_type},
+           {<<16#BA, 4:32, Key/binary, 1, 6>>, invalid_key_type}, {<<16#BA, 4:32, Key/binary, 1, 5, 1:32, 3>>, {bad_key, {unknown_type, 3, 0}}},
+           {<<16#AA, 2:32, 200, 5>>, {bad_key, {truncated, 200, 0}}}, {<<18, 1:32, 250>>, {bad_value, {unknown_type, 250}}},
            {<<9, 8, 1>>, truncated}, {<<16#A6, 9:32>>, truncated}],
     [?_assertEqual(ok, arbo_file:verify_binary(Good)),
      ?_assertEqual({error, {invalid_magic, 0}}, arbo_file:verify_binary(<<1, 2, 3, 4, 5>>))] ++
@@ -134,10 +129,8 @@ verified_load_test() ->
     %% a corrupt key deep in the file: nothing is loaded
     Bad = binary:replace(Good, <<200, 4, "eth1">>, <<201, 4, "eth1">>),
     ok = file:write_file(F, Bad),
-    ?assertMatch({error, {invalid_file, {{bad_key, _}, _}}}, arbo_tree:load(T, F)),
-    ?assertEqual(Before, dump(T)),
-    ?assertEqual({error, {enoent, 0}}, arbo_tree:load(T, tmp("missing"))),
-    ?assertEqual({error, badarg}, arbo_tree:load(T, <<"a", 0>>)),
+    ?assertMatch({{error, {invalid_file, {{bad_key, _}, _}}}, Before, {error, {enoent, 0}}, {error, badarg}},
+                 {arbo_tree:load(T, F), dump(T), arbo_tree:load(T, tmp("missing")), arbo_tree:load(T, <<"a", 0>>)}),
     %% a load moves the epoch: references are stale afterwards
     R = arbo_tree:root(T),
     ok = file:write_file(F, Good),

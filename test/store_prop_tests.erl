@@ -20,7 +20,7 @@
 %% {tag, ordering mode, key family}. Mode 2 orders these keys as mode 0 does
 %% (where it differs is pinned in keys_tests); opaque keys in sorted lists
 %% are followed in store_model_test.cpp.
--define(LISTS, [{1, 0, int}, {2, 1, bin5}, {3, 3, int3}, {4, 3, bin6}]).
+-define(LISTS, [{1, 0, int}, {2, 1, bin5}, {3, 3, int3}, {4, 3, bin5}]).
 -define(ROOT_MEM, 112).
 -define(HT_KEY, 16).
 -define(FLAG_VALUES, [0, 5, 16#3fffff, 16#400001, 1 bsl 40, 16#ffffffffffffffff]).
@@ -75,7 +75,6 @@ run(T, Cmds) ->
 add_key(int, S) when S rem 2 =:= 0 -> H = S div 2 - 40, {4, H, {int, H, 0}, [tuple]};
 add_key(int, S) -> H = S div 2 - 40, Ns = (S div 2) rem 3, {27, {Ns, H}, {int, H, Ns}, [btuple]};
 add_key(int3, S) -> {4, S - 20, {int, S - 20, 0}, [tuple]};
-add_key(bin6, S) -> B = letters(S, 13), {6, B, {bin, 6, B}, []};
 add_key(bin5, S) -> B = enc(S), {5, B, {bin, 5, B}, []}.
 
 %% The new key of a rename: {code, key term, model key, the key flags it leaves}
@@ -97,8 +96,7 @@ enc(S) -> Str = letters(S, 14), <<200, (byte_size(Str)), Str/binary>>.
 %% {delete code, find code, key term}
 key_form({int, Tag, 0}) -> {13, 11, {Tag}};
 key_form({int, Tag, Ns}) -> {29, 28, {Ns, Tag}};
-key_form({bin, 5, B}) -> {15, 12, B};
-key_form({bin, 6, B}) -> {52, 53, B}.
+key_form({bin, 5, B}) -> {15, 12, B}.
 
 %% The key order of the sorted lists: byte keys first, integers by signed
 %% tag then namespace; encoded keys element by element, strings length
@@ -112,7 +110,6 @@ sort_key(_, {bin, 5, <<200, _, S/binary>>}) -> {0, {2, S}}.
 %% The key as get_hkey0 reads it back: integer keys by the forms they were
 %% given (the tuple flags accumulate).
 hkey(#it{key = {bin, 5, B}}) -> {binary, B};
-hkey(#it{key = {bin, 6, B}}) -> {B};
 hkey(#it{key = {int, Tag, Ns}, kflags = F}) ->
     U = Tag band 16#FFFFFFFF,
     case {Ns, lists:member(btuple, F), lists:member(tuple, F)} of
