@@ -144,9 +144,10 @@ TEST_P(ListModel, RandomSequencesAgreeWithTheModel) {
       }
     } else if (op < 70) {
       if (n > 0 && g.chance(80)) k = items[at = g.below(n)].first;
+      if (at >= 0) inactive -= is_inactive(items[at].second);
       const bool indexed = user && as_dyn(ops.list)->head[2] != nullptr;
       ASSERT_EQ(ops.del(k), at >= 0 ? 1 : 0);
-      if (at >= 0) inactive -= is_inactive(items[at].second), indexed_removals += indexed, items.erase(items.begin() + at);
+      if (at >= 0) indexed_removals += indexed, items.erase(items.begin() + at);
     } else if (op < 78) {
       ASSERT_EQ(ops.find(k), at >= 0 ? items[at].second : nullptr);
     } else if (op < 88 && !user) {
