@@ -20,8 +20,8 @@ run(Title, Mod) ->
     T0 = erlang:monotonic_time(millisecond),
     try Mod:figures(full) of
         Figures ->
-            [io:format("  ~-52s ~s~n", [Label, Value]) || {Label, Value} <- Figures],
-            io:format("  ~-52s ~.1f s~n",
+            [io:format("  ~-58s ~s~n", [Label, Value]) || {Label, Value} <- Figures],
+            io:format("  ~-58s ~.1f s~n",
                       ["wall time", (erlang:monotonic_time(millisecond) - T0) / 1000]),
             true
     catch Class:Reason:Stack ->
