@@ -43,21 +43,16 @@ mixed(#{trees := NT, readers := NR, writers := NW, ms := Ms} = P) ->
     Trees = [{I, build(I, P)} || I <- lists:seq(1, NT)],
     Start = now_ms(),
     #{writer := Wr, saver := #{saves := Saves}} = Stats =
-        collect(spawn_load(Trees, P#{until => Start + Ms}, [{reader, NR}, {writer, NW}, {pushers, 1}, {saver, 1}]),
-                Start + Ms + 300000),
+        collect(spawn_load(Trees, P#{until => Start + Ms}, [{reader, NR}, {writer, NW}, {pushers, 1}, {saver, 1}]), Start + Ms + 300000),
     collect(spawn_load(Trees, P, [{lock_free, 1}]), now_ms() + 10000),
-    Walked = [check_tree(T, fun(W, Keys) -> ?assertEqual(maps:get({model, I, W}, Wr), Keys) end)
-              || {I, T} <- Trees],
+    Walked = [check_tree(T, fun(W, Keys) -> ?assertEqual(maps:get({model, I, W}, Wr), Keys) end) || {I, T} <- Trees],
     %% a saved file loads into a consistent tree whose user-ordered lists are
     %% states their writers went through
     Loaded = [begin
-                  ok = arbo_file:verify(Path),
-                  L = arbo_tree:new(),
+                  {ok, L} = {arbo_file:verify(Path), arbo_tree:new()},
                   {ok, #{nodes := Nodes}} = arbo_tree:load(L, Path),
-                  {_, Bins} = check_tree(L, fun(W, Keys) -> ?assert(lists:member(
-                                  erlang:phash2(Keys), maps:get({history, I, W}, Wr))) end),
-                  bump(bins, Bins),
-                  ok = arbo_tree:close(L),
+                  {_, Bins} = check_tree(L, fun(W, Keys) -> ?assert(lists:member(erlang:phash2(Keys), maps:get({history, I, W}, Wr))) end),
+                  {ok, _} = {arbo_tree:close(L), bump(bins, Bins)},
                   Nodes
               end || {I, Path, _} <- Saves],
     [ok = arbo_tree:close(T) || {_, T} <- Trees],
@@ -67,8 +62,7 @@ mixed(#{trees := NT, readers := NR, writers := NW, ms := Ms} = P) ->
 %% Every reader and writer stops because its tree answered closed: one that
 %% did not would run past the round's deadline.
 
-close_race(#{rounds := Rounds} = P) ->
-    lists:foldl(fun merge/2, #{}, [race_round(P) || _ <- lists:seq(1, Rounds)]).
+close_race(#{rounds := Rounds} = P) -> lists:foldl(fun merge/2, #{}, [race_round(P) || _ <- lists:seq(1, Rounds)]).
 
 race_round(#{race_trees := NT, readers := NR, race_ms := Ms} = P) ->
     Trees = [{I, build(I, P#{prefill := 1100})} || I <- lists:seq(1, NT)],
@@ -153,15 +147,13 @@ work(writer, #{idx := I, w := W} = Ctx) ->
     %% so its model is exact) and shares the rest of the tree with the others.
     [put(K, V) || {K, V} <- [{model, []}, {history, [erlang:phash2([])]}, {index, false}, {grow, true}]],
     repeat(fun write_op/1, Ctx),
-    put({stat, {model, I, W}}, get(model)),
-    put({stat, {history, I, W}}, get(history)).
+    [put({stat, {K, I, W}}, get(K)) || K <- [model, history]].
 
 read_op(#{tree := T, writers := NW}) ->
     U = {4, rand:uniform(NW)},
     Key = {int, sorted_key()},
     case rand:uniform(5) of
-        1 -> on(T, pick([[1, leaf_name()], [2, Key, 1], [3, {int, rand:uniform(8)}, 1]]),
-                fun(N) -> arbo_tree:value(T, N) end);
+        1 -> on(T, pick([[1, leaf_name()], [2, Key, 1], [3, {int, rand:uniform(8)}, 1]]), fun(N) -> arbo_tree:value(T, N) end);
         2 -> on(T, [pick([2, U])], fun(L) ->
                  At = pick([L, arbo_tree:find_after(T, L, Key), arbo_tree:nth_child(T, L, rand:uniform(40))]),
                  [arbo_tree:F(T, At) || At =/= none, F <- [num_children, key, flags, child_index, prev_sibling]]
@@ -228,9 +220,7 @@ set_value(T, N, V) -> counted(V, arbo_tree:set_value(T, N, V)).
 %% line (held/1): a plain binary always, an encoded value beyond 10 bytes.
 counted(V, ok) -> bump(bins, held(case is_binary(V) of true -> V; false -> {csval, arbo_val:encode(V)} end)).
 
-held(B) when is_binary(B) -> 1;
-held({csval, B}) when byte_size(B) > 10 -> 1;
-held(_) -> 0.
+held(V) -> case V of B when is_binary(B) -> 1; {csval, B} when byte_size(B) > 10 -> 1; _ -> 0 end.
 
 value() ->
     pick([{int32, rand:uniform(1000)}, {string, <<"short">>}, <<"plain bytes">>, {string, <<"needle">>},
@@ -295,13 +285,11 @@ check_tree({arbo, Res, View, G} = T, CheckUser) ->
 check_node(P, View, N, CheckUser) ->
     Kids = chain(P, arbo:first_child_nif(P, N, [], 0)),
     Shown = [C || C <- Kids, View =:= 0 orelse arbo:do_get_attr(P, C, 0) =:= []],
-    ?assertEqual({length(Kids), length(Shown)},
-                 {arbo:num_children(P, N), arbo:num_children(setelement(3, P, View), N)}),
+    ?assertEqual({length(Kids), length(Shown)}, {arbo:num_children(P, N), arbo:num_children(setelement(3, P, View), N)}),
     case arbo:get_type(P, N) of
         {2, Mode} when Kids =/= [] ->
             Keys = [K || C <- Kids, {K} <- [arbo:get_hkey0(P, C)]],
-            ?assertEqual({Kids, lists:last(Kids)},
-                         {[arbo:find_child(P, N, {K}, 10) || K <- Keys], arbo:last_child(P, N)}),
+            ?assertEqual({Kids, lists:last(Kids)}, {[arbo:find_child(P, N, {K}, 10) || K <- Keys], arbo:last_child(P, N)}),
             Mode =/= 3 andalso ?assertEqual(lists:usort(Keys), Keys),
             Mode =:= 3 andalso ?assertEqual(lists:droplast([0 | Kids]), [arbo:prev_sibling(P, N, C) || C <- Kids]),
             Mode =:= 3 andalso CheckUser(tl(arbo:get_hkey0(P, N)), Keys);

@@ -1,7 +1,7 @@
 %% The tree API: every function on a small configuration tree, its errors
 %% (one generator per error family), model-based random sequences on sorted
 %% and user-ordered lists, filtered walks across the library's yields,
-%% iterator stacks, and the gate: a reader killed inside it, one pass for
+%% iterator stacks (inactive instances are nav_tests'), and the gate: a reader killed inside it, one pass for
 %% many calls, the owner's exit.
 -module(arbo_tree_tests).
 -include_lib("proper/include/proper.hrl").
@@ -26,9 +26,9 @@ keys(T, N) -> [arbo_tree:key(T, C) || C <- arbo_tree:children(T, N)].
 
 %% Types, keys as read back, lookups by path and encoded key, the
 %% neighbours at the ends, find_after, value, flag and attribute calls
-%% (their encodings are the codec's and the store's business); relative
-%% moves (move_to and deletion by key are the model's), references going
-%% stale (also on the iterator stack), namespaces and clear.
+%% (their encodings are the codec's and the store's business; moves and
+%% deletion by key are the model's and the stress writers'), references
+%% going stale (also on the iterator stack), namespaces and clear.
 tour_test() ->
     T = config(),
     R = arbo_tree:root(T),
@@ -38,11 +38,9 @@ tour_test() ->
     Mtu = arbo_tree:find(T, Eth0, 5),
     ?assertEqual({[{tuple, [{string, N}]} || N <- [<<"eth0">>, <<"eth1">>, <<"lo">>]], [{int, 30}, {int, 10}, {int, 20}]},
                  {keys(T, Ifs), keys(T, Rules)}),
-    ?assertEqual([true, true, true, true],
-                 [arbo_tree:is_same(A, B) || {A, B} <- [{Eth0, arbo_tree:find(T, Ifs, {encoded, <<200, 4, "eth0">>})},
-                                                         {Eth1, arbo_tree:prev_sibling(T, Lo)},
-                                                         {Lo, arbo_tree:find_after(T, Ifs, [{string, <<"eth1">>}])},
-                                                         {Eth1, arbo_tree:find_after(T, Ifs, [{string, <<"eth1">>}], inclusive)}]]),
+    ?assertEqual([true, true, true, true], [arbo_tree:is_same(A, B) || {A, B} <- [{Eth0, arbo_tree:find(T, Ifs, {encoded, <<200, 4, "eth0">>})},
+                     {Lo, arbo_tree:find_after(T, Ifs, [{string, <<"eth1">>}])},
+                     {Eth1, arbo_tree:find_after(T, Ifs, [{string, <<"eth1">>}], inclusive)}, {Eth1, arbo_tree:prev_sibling(T, Lo)}]]),
     ?assertEqual({{bool, true}, {csval, <<12, 9000:32>>}, [root, container, {list, sorted}, instance, leaf, {list, user_order}]},
                  {arbo_tree:value(T, arbo_tree:lookup(T, [1, 2, [{string, <<"eth0">>}], {3, 6}])), arbo_tree:value_raw(T, Mtu),
                   [arbo_tree:type(T, N) || N <- [R, arbo_tree:find(T, R, 1), Ifs, Eth0, Mtu, Rules]]}),
@@ -51,16 +49,11 @@ tour_test() ->
                                                   arbo_tree:child_index(T, Lo), arbo_tree:num_children(T, Ifs)}),
     %% an empty sorted list has no last child (the library answers a header)
     ?assertEqual(none, arbo_tree:last_child(T, arbo_tree:add_list(T, R, 8, sorted_length_first))),
-    ?assertMatch(#{size := 16, epoch := 0}, arbo_tree:info(T)),
     [ok = arbo_tree:F(T, Mtu, V) || {F, V} <- [{set_flags, 1 bsl 40 + 5}, {add_flags, 2}, {clear_flags, 1}]],
-    [ok, ok, ok, ok] = [arbo_tree:clear_value(T, Mtu) | [arbo_tree:F(T, Eth0, A, V) || {F, A, V} <- [{set_attr, 1, {uint8, 3}}, {set_attr, 2, {uint8, 4}}]]] ++
-                       [arbo_tree:delete_attr(T, Eth0, 2)],
+    [ok, ok, ok, ok] = [arbo_tree:clear_value(T, Mtu), arbo_tree:set_attr(T, Eth0, 1, {uint8, 3}),
+                        arbo_tree:set_attr(T, Eth0, 2, {uint8, 4}), arbo_tree:delete_attr(T, Eth0, 2)],
     ?assertEqual({undefined, 1 bsl 40 + 6, [{uint8, 3}, undefined]},
                  {arbo_tree:value(T, Mtu), arbo_tree:flags(T, Mtu), [arbo_tree:attr(T, Eth0, Id) || Id <- [1, 2]]}),
-    [R30, R10, R20] = arbo_tree:children(T, Rules),
-    ?assertEqual([true, true, false], [arbo_tree:move_before(T, R20, R30), arbo_tree:move_after(T, R30, R10),
-                                       arbo_tree:move_after(T, R20, R20)]),
-    ?assertEqual([{int, 20}, {int, 10}, {int, 30}], keys(T, Rules)),
     [ok = arbo_tree:iter_push(T, N) || N <- [R, Ifs]],
     {ok, Top} = arbo_tree:iter_top(T),
     ok = arbo_tree:delete(T, Eth1),
@@ -215,15 +208,4 @@ reading_test() ->
     end),
     receive {writer, {W, WRef}} -> receive {'DOWN', WRef, process, W, Done} -> ?assertEqual(true, Done) end end,
     ?assertError({reading_over, _}, arbo_tree:root(Reader)),
-    ok = arbo_tree:close(T).
-
-%% Inactive instances, hidden by a tree made with hide_inactive.
-inactive_test() ->
-    T = arbo_tree:new([hide_inactive]),
-    L = arbo_tree:add_list(T, arbo_tree:root(T), 1, sorted),
-    [A, B, C] = [arbo_tree:add(T, L, {int, K}) || K <- [1, 2, 3]],
-    ?assertEqual({ok, false, [{int, 1}, {int, 3}], true},
-                 {arbo_tree:set_active(T, B, false), arbo_tree:is_active(T, B), keys(T, L),
-                  arbo_tree:is_same(C, arbo_tree:next_sibling(T, A))}),
-    ?assertEqual({ok, true, 3}, {arbo_tree:set_active(T, B, true), arbo_tree:is_active(T, B), arbo_tree:num_children(T, L)}),
     ok = arbo_tree:close(T).

@@ -11,15 +11,12 @@ child_keys(T, Node) -> [arbo:get_hkey0(T, C) || C <- children(T, Node)].
 lib_mem() -> hd(arbo:alloc_info()).
 
 %% Free entries of the shared user-flags table.
-flags_free() ->
-    [_, {8, _Cap, Free}] = arbo:alloc_info(),
-    Free.
+flags_free() -> [_, {8, _Cap, Free}] = arbo:alloc_info(), Free.
 
 %% A reference whose type bits read as 0: eight bytes into a childless leaf
 %% (56 bytes), the type word falls on the leaf's null child link. Only fit
 %% for functions that check the type before they read anything else.
-type0_node(T, Parent) ->
-    arbo:add_hkey(T, Parent, [7 | 4242], 3) + 8.
+type0_node(T, Parent) -> arbo:add_hkey(T, Parent, [7 | 4242], 3) + 8.
 
 %% Every node below the root as {Key, Type, Value, Flags, Attributes,
 %% Children}, children in chain order, attributes as {Key, Value}: two trees

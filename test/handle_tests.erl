@@ -1,24 +1,18 @@
-%% Table handles: creation figures, one row per way a term fails to be a
-%% handle, close, destructor and the library counter. (Every native's
-%% handle check, closed and malformed, is swept by arbo_fuzz_tests.)
+%% Table handles: creation figures, close, destructor and the library
+%% counter. (Every native's handle check, closed and malformed, is swept by
+%% arbo_fuzz_tests.)
 -module(handle_tests).
 -include_lib("eunit/include/eunit.hrl").
 
--import(walk_util, [reason/1, child_vm/2]).
+-import(walk_util, [child_vm/2]).
 -import(arbo_tree_util, [lib_mem/0]).
 
 -define(ROOT_MEM, 112).  % a T_GEN_NODE_MAX record
 
-bad_handles_test() ->
+new_table_test() ->
     T = arbo:new(),
-    {arbo, Res, _, _} = T,
-    ?assertEqual({0, 0, ?ROOT_MEM, true}, {arbo:get_size(T), arbo:get_generation(T), arbo:get_mem(T),
-                                           arbo:get_root(T) > 0}),
-    ok = arbo:close(T),
-    Bad = [{arbo_closed, T}, {badarg, {tree, Res, 0, x}}, {badarg, {arbo, Res, 0}},
-           {badarg, {arbo, make_ref(), 0, x}}, {badarg, {arbo, Res, 1 bsl 32, x}}, {badarg, Res}],
-    [?assertEqual({H, Want}, {H, reason(fun() -> arbo:get_size(H) end)}) || {Want, H} <- Bad],
-    ?assertEqual(arbo_closed, reason(fun() -> arbo:close(T) end)).
+    ?assertEqual({0, 0, ?ROOT_MEM, true}, {arbo:get_size(T), arbo:get_generation(T), arbo:get_mem(T), arbo:get_root(T) > 0}),
+    ok = arbo:close(T).
 
 %% The library counter counts nodes of every table: close gives them back at
 %% once, a table dropped without close through the destructor, also when

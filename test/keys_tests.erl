@@ -1,10 +1,10 @@
 %% cmp_keys_nif/5 at the boundary: byte keys (kinds 5 and 6) in the three
-%% ordering modes, integer keys (kinds 4 and 27), the mixed rule, and every
-%% way a call is refused. The comparison itself is pinned in keys_test.cpp.
+%% ordering modes, integer keys (kinds 4 and 27) and the mixed rule (refused
+%% calls are swept by arbo_fuzz_tests). The comparison itself is pinned in
+%% keys_test.cpp.
 -module(keys_tests).
 -include_lib("eunit/include/eunit.hrl").
 
--import(walk_util, [reason/1]).
 
 -define(I32(V), 8, V:32/signed).
 -define(STR(S), 200, (byte_size(S)), S/binary).
@@ -17,8 +17,7 @@ byte_cases() ->
      {<<"ab">>, 6, <<"abc">>, 6, [-1, -1, -1]}, {<<30, 2:64>>, 5, <<30, 1:64>>, 5, [1, -1, -1]}].
 
 byte_keys_test() ->
-    Cmp = fun(K1, T1, K2, T2, Modes) ->
-                  [max(-1, min(1, arbo:cmp_keys_nif(K1, T1, K2, T2, M))) || M <- Modes] end,
+    Cmp = fun(K1, T1, K2, T2, Modes) -> [max(-1, min(1, arbo:cmp_keys_nif(K1, T1, K2, T2, M))) || M <- Modes] end,
     [?assertEqual({K1, K2, Want, [-W || W <- lists:sublist(Want, 2)]},
                   {K1, K2, Cmp(K1, T1, K2, T2, [0, 1, 2]), Cmp(K2, T2, K1, T1, [0, 1])})
      || {K1, T1, K2, T2, Want} <- byte_cases()],
@@ -35,10 +34,3 @@ int_and_mixed_test() ->
             {-1, [<<?I32(1)>>, 5, 0, 4, 0]}, {1, [0, 4, <<"x">>, 6, 0]},
             {-1, [not_a_key, 6, also_not, 27, 1]}, {1, [[], 2, #{}, 5, 2]}],
     [?assertEqual({A, W}, {A, apply(arbo, cmp_keys_nif, A)}) || {W, A} <- Rows].
-
-%% One row per refusal: a bad kind, mode, byte key, integer key, tagged key.
-badarg_test() ->
-    Calls = [[<<>>, five, <<>>, 5, 0], [<<>>, 5, <<>>, 5, 1 bsl 40], [[8, 0, 0, 0, 1], 5, <<>>, 5, 0],
-             [<<1:3>>, 6, <<>>, 6, 0], [1 bsl 31, 4, 0, 4, 0], [0, 4, {0, 1 bsl 32}, 27, 0],
-             [{0, 1, 2}, 27, 0, 4, 0]],
-    [?assertEqual({A, badarg}, {A, reason(fun() -> apply(arbo, cmp_keys_nif, A) end)}) || A <- Calls].

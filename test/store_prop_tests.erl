@@ -78,7 +78,6 @@ add_key(int3, S) -> {4, S - 20, {int, S - 20, 0}, [tuple]};
 add_key(bin5, S) -> B = enc(S), {5, B, {bin, 5, B}, []}.
 
 %% The new key of a rename: {code, key term, model key, the key flags it leaves}
-rename_key(int, S) when S rem 7 =:= 6 -> B = enc(S), {5, B, {bin, 5, B}, []};
 rename_key(int, S) when S rem 7 =:= 5, S div 2 >= 40 ->
     H = S div 2 - 40, Ns = (S div 2) rem 3, {4, [Ns | H], {int, H, Ns}, [tuple]};
 rename_key(int, S) when S rem 2 =:= 0 -> H = S div 2 - 40, {4, {H}, {int, H, 0}, [tuple]};
@@ -127,8 +126,7 @@ step({rename, Idx, Pos, S}, M) ->
         {Code, Term, Key, KF} = rename_key(L#l.fam, S),
         Free = not lists:keymember(Key, #it.key, L#l.items),
         expect({rename, Term}, Free, arbo:rename_instance0(M#m.t, L#l.ref, It#it.ref, Term, Code)),
-        %% byte-keyed nodes hold no value
-        It1 = case Free of true -> It#it{key = Key, kflags = KF, val = value(element(1, Key), 18, It#it.val)}; false -> It end,
+        It1 = case Free of true -> It#it{key = Key, kflags = KF}; false -> It end,
         put_list(Idx, L#l{items = order(L#l.mode, lists:keyreplace(It#it.ref, #it.ref, L#l.items, It1))}, M)
     end);
 step({set_val, Idx, Pos, Kind, Len}, M) ->

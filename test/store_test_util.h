@@ -46,18 +46,6 @@ inline const unsigned char* bytes_of(const std::string& s) {
   return reinterpret_cast<const unsigned char*>(s.data());
 }
 
-// An encoded key of two elements: a signed 32-bit integer (type 8) and a
-// character string (type 200).
-inline std::string encoded_key(int32_t a, const std::string& s) {
-  std::string k;
-  k.push_back(8);
-  for (int sh = 24; sh >= 0; sh -= 8) k.push_back(static_cast<char>((static_cast<uint32_t>(a) >> sh) & 0xff));
-  k.push_back(static_cast<char>(200));
-  k.push_back(static_cast<char>(s.size()));
-  k += s;
-  return k;
-}
-
 // An indexed removal from a user-ordered list keeps its 16-byte lookup record
 // allocated on purpose; the leak checker ignores what this scope allocates.
 #ifdef ARBO_TEST_LSAN
