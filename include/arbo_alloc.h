@@ -15,9 +15,9 @@
 // - Exhausted memory is a fatal assertion, except for binaries: a refused
 //   arbo_bin returns null and the caller copes.
 // - Lock order: the table lock first, then the flags-table lock.
-// - Nodes come from the table's `node_pool` (64-byte slots for int, gen-one
-//   and gen-two nodes, 128-byte slots for gen-max and list nodes, 64-byte
-//   aligned). The pool has no lock of its own: it is used under the table's
+// - Nodes come from the table's `node_pool`: one slot size per record size
+//   (40, 56, 64, 112 and 120 bytes), 8-byte aligned, the 64-byte class on
+//   cache lines. The pool has no lock of its own: it is used under the table's
 //   write lock, or by the destructor when nobody else holds the table. The
 //   counters above do not see it: they move by node_size(type) per node
 //   whatever the pool holds from the runtime. Under AddressSanitizer nodes
@@ -60,12 +60,15 @@ arbo_alloc_state* _arbo_nif_get_alloc_state(ErlNifEnv* env);
 long _arbo_nif_random(ErlNifEnv* env);
 
 // ---- the per-table node pool -------------------------------------------------------
-constexpr unsigned kPoolClasses = 2;  // 64-byte and 128-byte slots
+constexpr unsigned kPoolClasses = 5;  // one per node record size
 struct pool_chunk;
 struct node_pool {
-  pool_chunk* open[kPoolClasses];  // chunks with a free slot, per class
+  pool_chunk* open[kPoolClasses];  // chunks with freed slots, per class
+  uintptr_t at[kPoolClasses];      // next slot of the page each class carves
+  uintptr_t stop[kPoolClasses];    // end of that page
+  pool_chunk* fresh;               // the newest chunk, which hands out pages
   pool_chunk* all;                 // every chunk held
-  uint32_t chunks[kPoolClasses];   // chunks held, per class
+  uint32_t chunks;                 // chunks held
   uint64_t live;                   // slots handed out
   uint64_t bytes;                  // bytes held from the runtime
 };
@@ -74,13 +77,14 @@ struct node_pool {
 node_pool* _arbo_pool_create();
 // Returns every chunk (live slots included) and the pool itself; null is a no-op.
 void _arbo_pool_destroy(node_pool* pool);
-// Class of a record of `size` bytes (1 to 128): 0 for 64-byte slots, 1 for 128.
+// Class of a record of `size` bytes (1 to 120): the smallest slot that holds it.
 unsigned _arbo_pool_class(size_t size);
-// A 64-byte aligned slot of the class, contents undefined; null when the
+// An 8-byte aligned slot of the class, contents undefined; null when the
 // runtime refuses a new chunk (the node allocator turns that into its assertion).
 void* _arbo_pool_alloc(node_pool* pool, unsigned cls);
-// Gives a slot back; its chunk returns to the runtime when it was the last live one.
-void _arbo_pool_free(node_pool* pool, void* slot);
+// Gives a slot of class `cls` back; its chunk returns to the runtime when it
+// was the last live one.
+void _arbo_pool_free(node_pool* pool, void* slot, unsigned cls);
 
 // Zero-filled node of `type` with the type bits set; counters raised.
 arbo_node* _arbo_nif_node_alloc(store_ctx* ctx, uint32_t type);

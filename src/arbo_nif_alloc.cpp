@@ -130,7 +130,7 @@ int _arbo_nif_node_free(arbo_node* node, store_ctx* ctx) {
   if (node == nullptr) return 0;
   size_t sz = node_size(node->type());
   node_pool* pool = ctx->table->pool;
-  if (kPoolNodes && pool != nullptr) _arbo_pool_free(pool, node);
+  if (kPoolNodes && pool != nullptr) _arbo_pool_free(pool, node, _arbo_pool_class(sz));
   else enif_free(node);
   ctx->table->mem -= sz;
   ctx->table->size--;
