@@ -1,5 +1,6 @@
 // Save files outside the VM (malloc-backed runtime stand-in): loading and
-// saving a sorted list of n integer instances with 10-byte binary values.
+// saving a sorted list of n integer instances with 10-byte values, raw
+// binaries (0D records) or encoded values kept in the node (09 records).
 // Against the Erlang-level figures this separates the loader's own cost from
 // the runtime allocator's.
 #include <benchmark/benchmark.h>
@@ -20,15 +21,20 @@ using arbo_shim::TestTable;
 
 namespace {
 
-std::string list_file(int n) {
+std::string list_file(int n, bool csval) {
   std::vector<unsigned char> b = {0xEE, 0xDA, 0x00, 0x01, 0x02, 0x14, 0, 0, 0, 1, 0};
   for (int k = 1; k <= n; ++k) {
     const unsigned char rec[] = {0x46, static_cast<unsigned char>(k >> 24),
                                  static_cast<unsigned char>(k >> 16),
-                                 static_cast<unsigned char>(k >> 8), static_cast<unsigned char>(k),
-                                 0x0D, 10};
+                                 static_cast<unsigned char>(k >> 8), static_cast<unsigned char>(k)};
     b.insert(b.end(), rec, rec + sizeof rec);
-    b.insert(b.end(), 10, static_cast<unsigned char>(k));
+    if (csval) {  // a string element of 8 bytes
+      b.insert(b.end(), {0x09, 200, 8});
+      b.insert(b.end(), 8, static_cast<unsigned char>(k));
+    } else {
+      b.insert(b.end(), {0x0D, 10});
+      b.insert(b.end(), 10, static_cast<unsigned char>(k));
+    }
     b.push_back(0x07);
   }
   b.push_back(0x07);
@@ -42,7 +48,7 @@ std::string list_file(int n) {
 
 void BM_LoadSortedList(benchmark::State& state) {
   const int n = static_cast<int>(state.range(0));
-  const std::string path = list_file(n);
+  const std::string path = list_file(n, state.range(1) != 0);
   ErlNifPid none;
   enif_set_pid_undefined(&none);
   for (auto _ : state) {
@@ -57,11 +63,15 @@ void BM_LoadSortedList(benchmark::State& state) {
   std::remove(path.c_str());
   state.SetItemsProcessed(state.iterations() * n);
 }
-BENCHMARK(BM_LoadSortedList)->Arg(100000)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_LoadSortedList)
+    ->ArgNames({"n", "csval"})
+    ->Args({100000, 0})
+    ->Args({100000, 1})
+    ->Unit(benchmark::kMillisecond);
 
 void BM_SaveSortedList(benchmark::State& state) {
   const int n = static_cast<int>(state.range(0));
-  const std::string path = list_file(n);
+  const std::string path = list_file(n, false);
   TestTable t;
   ErlNifPid none;
   enif_set_pid_undefined(&none);

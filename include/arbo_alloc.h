@@ -30,6 +30,7 @@
 #include <atomic>
 #include <cstdint>
 
+#include "arbo_assert.h"
 #include "arbo_node.h"
 
 namespace arbo {
@@ -77,8 +78,16 @@ struct node_pool {
 node_pool* _arbo_pool_create();
 // Returns every chunk (live slots included) and the pool itself; null is a no-op.
 void _arbo_pool_destroy(node_pool* pool);
+// Slot sizes: the record sizes of the five node types, ascending (int,
+// gen-one, gen-two, gen-max, list node).
+constexpr size_t kPoolClassSize[kPoolClasses] = {40, 56, 64, 112, 120};
 // Class of a record of `size` bytes (1 to 120): the smallest slot that holds it.
-unsigned _arbo_pool_class(size_t size);
+inline unsigned _arbo_pool_class(size_t size) {
+  ARBO_ASSERT(size > 0 && size <= kPoolClassSize[kPoolClasses - 1]);
+  unsigned cls = 0;
+  while (kPoolClassSize[cls] < size) ++cls;
+  return cls;
+}
 // An 8-byte aligned slot of the class, contents undefined; null when the
 // runtime refuses a new chunk (the node allocator turns that into its assertion).
 void* _arbo_pool_alloc(node_pool* pool, unsigned cls);

@@ -39,9 +39,7 @@ namespace {
 constexpr uintptr_t kPage = 4096;
 constexpr uintptr_t kChunkHeader = 192;  // the first page's header
 constexpr uint32_t kMaxChunkShift = 8;   // 256 pages
-// The record sizes of the five node types, ascending: int, gen-one, gen-two,
-// gen-max, list node.
-constexpr size_t kClassSize[kPoolClasses] = {40, 56, 64, 112, 120};
+constexpr const size_t* kClassSize = kPoolClassSize;
 constexpr uintptr_t kPageHeader[kPoolClasses] = {8, 8, 64, 8, 8};
 
 struct free_slot {
@@ -164,13 +162,6 @@ void _arbo_pool_destroy(node_pool* pool) {
   // Slots still live here were leaked by the tree; they go with the table.
   while (pool->all != nullptr) chunk_release(pool, pool->all);
   enif_free(pool);
-}
-
-unsigned _arbo_pool_class(size_t size) {
-  ARBO_ASSERT(size > 0 && size <= kClassSize[kPoolClasses - 1]);
-  unsigned cls = 0;
-  while (kClassSize[cls] < size) ++cls;
-  return cls;
 }
 
 void* _arbo_pool_alloc(node_pool* pool, unsigned cls) {

@@ -459,8 +459,44 @@ int _load_op_cd_up(load_state* st, uint8_t) {
   return 1;
 }
 
+// The whole csval at the read position, when the buffer holds it: its
+// bytes are taken where they lie and consumed. False leaves everything as
+// it was, for _load_csval (a value cut by the buffer's end, or one that
+// answers an error).
+bool csval_in_buffer(load_state* st, const unsigned char** bytes, size_t* len) {
+  const uint64_t avail = st->valid - st->pos;
+  if (avail == 0) return false;
+  const unsigned char* at = st->buf + st->pos;
+  size_t total = 1;
+  if (at[0] != 0) {
+    int is_variable = 0, is_nested = 0;
+    const int n = _arbo_nif_val_len(at[0], &is_variable, &is_nested);
+    if (n < 0) return false;
+    if (!is_variable) {
+      total += static_cast<size_t>(n);
+    } else {
+      if ((n != 1 && n != 2 && n != 4) || avail < 1 + static_cast<uint64_t>(n)) return false;
+      uint64_t payload = 0;
+      for (int i = 1; i <= n; ++i) payload = payload << 8 | at[i];
+      total += static_cast<size_t>(n) + payload;
+    }
+    if (total > avail) return false;
+  }
+  *bytes = at;
+  *len = at[0] == 0 ? 0 : total;
+  st->pos += static_cast<uint32_t>(total);
+  st->consumed += total;
+  return true;
+}
+
 int _load_op_insert(load_state* st, uint8_t) {
   if (st->at_root()) return 0;
+  const unsigned char* bytes = nullptr;
+  size_t len = 0;
+  if (csval_in_buffer(st, &bytes, &len)) {
+    if (len != 0) _arbo_nif_set_val(st->cur, &st->ctx, bytes, len, len < 65 ? 17 : 37);
+    return 1;
+  }
   decoded_val v;
   if (!_load_csval(st, &v)) return 0;
   if (v.len == 0) return 1;  // type 0: no value

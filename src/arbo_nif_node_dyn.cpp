@@ -278,12 +278,12 @@ arbo_node* sl_insert_hinted(arbo_node* parent, arbo_node* node, store_ctx* ctx,
     return sl_insert(parent, node, ctx);
   }
   // Past every key, the search path of sl_insert is the last node of each
-  // level (the header on empty levels).
+  // level (the header on empty levels); sl_link reads the node's levels.
   sl_path update;
-  for (int i = 0; i < kMaxLevels; ++i)
-    update[i] = hint->last[i] ? as_gen(hint->last[i]) : header;
+  const int h = as_gen(node)->height;
+  for (int i = 0; i < h; ++i) update[i] = hint->last[i] ? as_gen(hint->last[i]) : header;
   sl_link(d, as_gen(node), update);
-  for (int i = 0; i < as_gen(node)->height; ++i) hint->last[i] = node;
+  for (int i = 0; i < h; ++i) hint->last[i] = node;
   hint->size = d->size;
   return node;
 }
