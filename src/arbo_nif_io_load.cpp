@@ -424,7 +424,38 @@ int _load_op_checkpoint_set(load_state* st, uint8_t) {
 
 int _load_op_noop(load_state*, uint8_t) { return 1; }
 
+int _load_op_insert(load_state* st, uint8_t);
+
+// Enters the instance just made. A saved list holds one block per instance,
+// "46 key, 09 value, 07": the value record and the 07 that follow in the
+// buffer are replayed here rather than through the dispatch loop.
+int enter_instance(load_state* st, arbo_node* n) {
+  stack_push(st, n);
+  if (st->pos < st->valid && st->buf[st->pos] == 0x09) {
+    st->pos++;
+    st->consumed++;
+    if (!_load_op_insert(st, 0)) return 0;
+  }
+  if (st->pos < st->valid && st->buf[st->pos] == 0x07) {
+    st->pos++;
+    st->consumed++;
+    return stack_pop(st);
+  }
+  return 1;
+}
+
 int _load_op_cd(load_state* st, uint8_t form) {
+  if (form == 2 && st->valid - st->pos >= 4) {  // an integer instance key the buffer holds
+    const unsigned char* b = st->buf + st->pos;
+    const uint32_t key = static_cast<uint32_t>(b[0]) << 24 | static_cast<uint32_t>(b[1]) << 16 |
+                         static_cast<uint32_t>(b[2]) << 8 | b[3];
+    st->pos += 4;
+    st->consumed += 4;
+    arbo_node* n = _arbo_nif_add_hkey_int_hinted(st->cur, key, 0, &st->ctx, st->hint());
+    if (n == nullptr) return 0;
+    n->set(F_KEY_IS_TUPLE);
+    return enter_instance(st, n);
+  }
   decoded_key k;
   if (!_load_key(st, form, &k)) return 0;
   arbo_node* n = nullptr;
