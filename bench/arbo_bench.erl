@@ -14,7 +14,7 @@
 %% ARBO_BENCH_QUICK=1 asks every group for a short smoke run.
 -module(arbo_bench).
 
--export([main/0, groups/0, quick/0, median/1, ns_per_op/3, holds/3]).
+-export([main/0, groups/0, quick/0, median/1, ns_per_op/3, turns/2, holds/3]).
 
 groups() -> [arbo_bench_store, arbo_bench_walk, arbo_bench_io, arbo_bench_api].
 
@@ -56,6 +56,17 @@ median(L) ->
         1 -> lists:nth(N div 2 + 1, S);
         0 -> (lists:nth(N div 2, S) + lists:nth(N div 2 + 1, S)) / 2
     end.
+
+%% Runs every fun of Funs once per repetition, Runs repetitions, the order
+%% turned round each time (A B C, then C B A, ...): a machine that speeds up
+%% or slows down during the run then weighs on every side alike. Answers,
+%% per fun, the list of its results.
+turns(Runs, Funs) ->
+    Rounds = [case R rem 2 of
+                  1 -> [{I, F()} || {I, F} <- lists:enumerate(Funs)];
+                  0 -> [{I, F()} || {I, F} <- lists:reverse(lists:enumerate(Funs))]
+              end || R <- lists:seq(1, Runs)],
+    [[V || Round <- Rounds, {J, V} <- Round, J =:= I] || I <- lists:seq(1, length(Funs))].
 
 %% Runs Fun/0 once and returns its nanoseconds per operation for Ops
 %% operations; Fun's result must match Want (a check, not a measurement).

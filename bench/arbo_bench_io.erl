@@ -6,14 +6,15 @@
 %% loading a file written here record by record; saving it back must give the
 %% same bytes. The values come in two encodings: raw binaries (0D records,
 %% each value an out-of-line shared binary) and encoded values (09 records
-%% holding an 8-byte string element, 10 bytes kept inside the node).
+%% holding an 8-byte string element, 10 bytes kept inside the node). Each
+%% figure is the best of 5, ETS and the two arbo trees measured in turns.
 -module(arbo_bench_io).
 -export([rows/0]).
 
 rows() ->
     Quick = os:getenv("ARBO_BENCH_QUICK") =:= "1",
     N = case Quick of true -> 100000; false -> 1000000 end,
-    Runs = case Quick of true -> 1; false -> 3 end,
+    Runs = case Quick of true -> 1; false -> 5 end,
     Dir = filename:join("/tmp", "arbo_bench_io_" ++ os:getpid()),
     ok = filelib:ensure_dir(filename:join(Dir, "x")),
     try measure(N, Runs, Dir)
@@ -33,20 +34,22 @@ measure(N, Runs, Dir) ->
     EtsFile = filename:join(Dir, "tab.ets"),
     E = ets:new(arbo_bench_io, [ordered_set, public]),
     true = ets:insert(E, [{K, value(K)} || K <- lists:seq(1, N)]),
-    ToFile = best(Runs, fun() ->
-                                {Us, ok} = timer:tc(fun() -> ets:tab2file(E, EtsFile) end),
-                                Us
-                        end),
+    Raw = source(N, Dir, "raw", fun raw_record/1),
+    Cs = source(N, Dir, "csval", fun csval_record/1),
+    RawT = loaded(N, Raw),
+    CsT = loaded(N, Cs),
+    %% Each side's best of Runs, the sides measured in turns.
+    [ToFile, Save, CsSave] =
+        [lists:min(L) || L <- arbo_bench:turns(Runs, [fun() -> tc(fun() -> ok = ets:tab2file(E, EtsFile) end) end,
+                                                      save_fun(RawT, Raw, Dir), save_fun(CsT, Cs, Dir)])],
     ets:delete(E),
-    FromFile = best(Runs, fun() ->
-                                  {Us, {ok, E2}} = timer:tc(fun() -> ets:file2tab(EtsFile) end),
-                                  N = ets:info(E2, size),
-                                  ets:delete(E2),
-                                  Us
-                          end),
+    arbo:close(RawT),
+    arbo:close(CsT),
+    [FromFile, Load, CsLoad] =
+        [lists:min(L) || L <- arbo_bench:turns(Runs, [fun() -> file2tab(N, EtsFile) end,
+                                                      fun() -> load(N, Raw) end,
+                                                      fun() -> load(N, Cs) end])],
     Label = integer_to_list(N div 1000) ++ "k-instance sorted list",
-    {Load, Save, Size} = measure_arbo(N, Runs, Dir, fun raw_record/1),
-    {CsLoad, CsSave, _} = measure_arbo(N, Runs, Dir, fun csval_record/1),
     [#{row => "load " ++ Label, arbo => ms(Load), peer => ms(FromFile), unit => "ms",
        peer_name => "ets:file2tab/1", target => "peer/arbo >= 5"},
      #{row => "load " ++ Label ++ ", csval values", arbo => ms(CsLoad), peer => ms(FromFile),
@@ -55,37 +58,50 @@ measure(N, Runs, Dir) ->
        peer_name => "ets:tab2file/2", target => "peer/arbo >= 3"},
      #{row => "save " ++ Label ++ ", csval values", arbo => ms(CsSave), peer => ms(ToFile),
        unit => "ms", peer_name => "ets:tab2file/2", target => "peer/arbo >= 3"},
-     #{row => "file size, " ++ Label, arbo => Size,
+     #{row => "file size, " ++ Label, arbo => filelib:file_size(Raw),
        peer => filelib:file_size(EtsFile), unit => "bytes", peer_name => "ets:tab2file/2",
        target => "arbo/peer <= 0.6"}].
 
-%% Best load and save times of a list whose values are written by ValRecord,
-%% and the size of the saved file.
-measure_arbo(N, Runs, Dir, ValRecord) ->
-    Src = filename:join(Dir, "src.arbo"),
-    Out = filename:join(Dir, "out.arbo"),
+%% A save file of the list, values written by ValRecord, made record by record.
+source(N, Dir, Name, ValRecord) ->
+    Src = filename:join(Dir, Name ++ ".arbo"),
     Records = [[<<16#46, K:32>>, ValRecord(K), 7] || K <- lists:seq(1, N)],
     ok = file:write_file(Src, [<<16#EE, 16#DA, 0, 1, 2, 16#14, 1:32, 0>>, Records, <<7, 3>>]),
-    Load = best(Runs, fun() ->
-                              T = arbo:new(),
-                              {Us, {true, _}} =
-                                  timer:tc(fun() -> arbo:load_nif(T, nul(Src), -1, 0, undefined) end),
-                              true = arbo:get_size(T) =:= N + 1,
-                              arbo:close(T),
-                              Us
-                      end),
+    Src.
+
+loaded(N, Src) ->
     T = arbo:new(),
     {true, _} = arbo:load_nif(T, nul(Src), -1, 0, undefined),
-    Save = best(Runs, fun() ->
-                              {Us, true} = timer:tc(fun() -> arbo:save_nif(T, nul(Out), 0) end),
-                              Us
-                      end),
-    arbo:close(T),
-    {ok, Same} = file:read_file(Src),
-    {ok, Same} = file:read_file(Out),
-    {Load, Save, filelib:file_size(Out)}.
+    true = arbo:get_size(T) =:= N + 1,
+    T.
 
-best(Runs, Fun) -> lists:min([Fun() || _ <- lists:seq(1, Runs)]).
+%% Microseconds of one load into a fresh tree (the tree's close not counted).
+load(N, Src) ->
+    T = arbo:new(),
+    Us = tc(fun() -> {true, _} = arbo:load_nif(T, nul(Src), -1, 0, undefined) end),
+    true = arbo:get_size(T) =:= N + 1,
+    arbo:close(T),
+    Us.
+
+file2tab(N, File) ->
+    {Us, {ok, E}} = timer:tc(fun() -> ets:file2tab(File) end),
+    N = ets:info(E, size),
+    ets:delete(E),
+    Us.
+
+%% A save of the tree, which must give back the bytes it was loaded from.
+save_fun(T, Src, Dir) ->
+    Out = filename:join(Dir, "out.arbo"),
+    fun() ->
+            Us = tc(fun() -> true = arbo:save_nif(T, nul(Out), 0) end),
+            {ok, Same} = file:read_file(Out),
+            {ok, Same} = file:read_file(Src),
+            Us
+    end.
+
+tc(Fun) ->
+    {Us, _} = timer:tc(Fun),
+    Us.
 
 ms(Us) -> Us / 1000.
 

@@ -53,24 +53,24 @@ measure(T, E, N, Runs, Order) ->
     Flagged = N div 1000,
     Above = N div 1000 * (999 - ?LIMIT),
 
-    Step = med(Runs, fun() -> ns(N, N, fun() -> step(T, arbo:first_child_nif(T, L, [], 0), 0) end) end),
-    EtsStep = med(Runs, fun() -> ns(N, N, fun() -> ets_step(E, ets:first(E), 0) end) end),
+    {Step, EtsStep} = med(Runs, fun() -> ns(N, N, fun() -> step(T, arbo:first_child_nif(T, L, [], 0), 0) end) end,
+                          fun() -> ns(N, N, fun() -> ets_step(E, ets:first(E), 0) end) end),
 
     FlagF = {3, 1000, [], ?FLAG},
     FlagMs = [{{'$1', '_', '$3'}, [{'=:=', {'band', '$3', ?FLAG}, ?FLAG}], ['$1']}],
-    FlagWalk = med(Runs, fun() -> per_s(N, Flagged, fun() -> walk(T, L, FlagF) end) end),
-    FlagSel = med(Runs, fun() -> per_s(N, Flagged, fun() -> select(E, FlagMs) end) end),
+    {FlagWalk, FlagSel} = med(Runs, fun() -> per_s(N, Flagged, fun() -> walk(T, L, FlagF) end) end,
+                              fun() -> per_s(N, Flagged, fun() -> select(E, FlagMs) end) end),
 
     NumF = {3, 3, [], integer_to_binary(?LIMIT)},
     NumMs = [{{'$1', '$2', '_'}, [{'>', '$2', ?LIMIT}], ['$1']}],
-    NumWalk = med(Runs, fun() -> per_s(N, Above, fun() -> walk(T, L, NumF) end) end),
-    NumSel = med(Runs, fun() -> per_s(N, Above, fun() -> select(E, NumMs) end) end),
+    {NumWalk, NumSel} = med(Runs, fun() -> per_s(N, Above, fun() -> walk(T, L, NumF) end) end,
+                            fun() -> per_s(N, Above, fun() -> select(E, NumMs) end) end),
 
     Tag = ", " ++ integer_to_list(N div 1000) ++ "k " ++ atom_to_list(Order),
     Ks = [rand:uniform(N) - 1 || _ <- lists:seq(1, 100000)],
     P = length(Ks),
-    Probe = med(Runs, fun() -> ns(P, P, fun() -> probe(T, L, Ks, 0) end) end),
-    EtsProbe = med(Runs, fun() -> ns(P, P, fun() -> ets_probe(E, Ks, 0) end) end),
+    {Probe, EtsProbe} = med(Runs, fun() -> ns(P, P, fun() -> probe(T, L, Ks, 0) end) end,
+                            fun() -> ns(P, P, fun() -> ets_probe(E, Ks, 0) end) end),
     Probes = [#{row => "probe find_next_nif/6" ++ Tag, arbo => Probe, peer => EtsProbe,
                 unit => "ns/op", peer_name => "ets:next/2", target => "arbo/peer <= 0.6"}],
     [#{row => "step next_sibling_nif/4" ++ Tag, arbo => Step, peer => EtsStep, unit => "ns/op",
@@ -131,7 +131,9 @@ ns(Items, Want, Fun) ->
 %% Items per second.
 per_s(Items, Want, Fun) -> 1.0e9 / ns(Items, Want, Fun).
 
-%% Median of Runs measurements, arbo and peer measured in turn by the caller.
-med(Runs, Fun) -> arbo_bench:median([Fun() || _ <- lists:seq(1, Runs)]).
+%% Medians of Runs measurements of arbo and of its peer, taken in turns.
+med(Runs, Arbo, Peer) ->
+    [A, P] = arbo_bench:turns(Runs, [Arbo, Peer]),
+    {arbo_bench:median(A), arbo_bench:median(P)}.
 
 shuffle(L) -> [X || {_, X} <- lists:sort([{rand:uniform(), X} || X <- L])].
