@@ -10,7 +10,9 @@
 %%
 %% Rows:
 %% - stepping: next_sibling_nif/4 from the first instance to the end, against
-%%   ets:next/2 from the first key to the end (ns per step);
+%%   ets:next/2 from the first key to the end (ns per step), and the cost of a
+%%   native call that does nothing but decode the handle and take the lock
+%%   (get_generation/1) against the same ets:next/2 step;
 %% - probing: find_next_nif/6 with random keys against ets:next/2 with the same
 %%   keys (ns per probe);
 %% - filtered walks, nodes examined per second: a user-flag mask and a numeric
@@ -53,8 +55,13 @@ measure(T, E, N, Runs, Order) ->
     Flagged = N div 1000,
     Above = N div 1000 * (999 - ?LIMIT),
 
-    {Step, EtsStep} = med(Runs, fun() -> ns(N, N, fun() -> step(T, arbo:first_child_nif(T, L, [], 0), 0) end) end,
-                          fun() -> ns(N, N, fun() -> ets_step(E, ets:first(E), 0) end) end),
+    %% With the floor of any native call: the handle decoded, the lock taken
+    %% and released, nothing else.
+    [Step, EtsStep, Floor] =
+        [arbo_bench:median(L1)
+         || L1 <- arbo_bench:turns(Runs, [fun() -> ns(N, N, fun() -> step(T, arbo:first_child_nif(T, L, [], 0), 0) end) end,
+                                          fun() -> ns(N, N, fun() -> ets_step(E, ets:first(E), 0) end) end,
+                                          fun() -> ns(N, N, fun() -> bare(T, N, 0) end) end])],
 
     FlagF = {3, 1000, [], ?FLAG},
     FlagMs = [{{'$1', '_', '$3'}, [{'=:=', {'band', '$3', ?FLAG}, ?FLAG}], ['$1']}],
@@ -74,7 +81,9 @@ measure(T, E, N, Runs, Order) ->
     Probes = [#{row => "probe find_next_nif/6" ++ Tag, arbo => Probe, peer => EtsProbe,
                 unit => "ns/op", peer_name => "ets:next/2", target => "arbo/peer <= 0.6"}],
     [#{row => "step next_sibling_nif/4" ++ Tag, arbo => Step, peer => EtsStep, unit => "ns/op",
-       peer_name => "ets:next/2", target => "arbo/peer <= 0.6"}] ++
+       peer_name => "ets:next/2", target => "arbo/peer <= 0.6"},
+     #{row => "bare call get_generation/1, against a step" ++ Tag, arbo => Floor, peer => EtsStep,
+       unit => "ns/op", peer_name => "ets:next/2", target => "-"}] ++
     Probes ++
     [#{row => "filtered walk, flag mask" ++ Tag, arbo => FlagWalk, peer => FlagSel,
        unit => "nodes/s", peer_name => "ets:select/3", target => "arbo/peer >= 3"},
@@ -89,6 +98,11 @@ flags(_) -> 0.
 
 step(_T, 0, Count) -> Count;
 step(T, C, Count) -> step(T, arbo:next_sibling_nif(T, C, [], 0), Count + 1).
+
+bare(_T, 0, Count) -> Count;
+bare(T, Left, Count) ->
+    arbo:get_generation(T),
+    bare(T, Left - 1, Count + 1).
 
 ets_step(_E, '$end_of_table', Count) -> Count;
 ets_step(E, K, Count) -> ets_step(E, ets:next(E, K), Count + 1).
