@@ -58,7 +58,12 @@ run(T, NIfs, NRules, File) ->
     query("enabled interfaces that are admin down", fun() ->
         arbo_tree:select(T, Ifs, {'and', {flags_all, [], ?ADMIN_DOWN},
                                   {value, eq, [?ENABLED], <<"true">>}}) end),
-    query("interface ge-0/42/7 by its key", fun() ->
+    query("interface ge-0/42/7 by its key (a lookup)", fun() ->
+        case arbo_tree:find(T, Ifs, [{string, <<"ge-0/42/7">>}]) of
+            none -> [];
+            If -> [If]
+        end end),
+    query("interface ge-0/42/7 by a key filter (a walk)", fun() ->
         arbo_tree:select(T, Ifs, {key, eq, 0, <<"ge-0/42/7">>}) end),
     query("interfaces with a standard mtu, disabled", fun() ->
         arbo_tree:select(T, Ifs, {'and', {value, lt, [?MTU], 9000},
@@ -180,4 +185,4 @@ tick(Name, Progress, T0) ->
 
 query(Name, Fun) ->
     {Us, Found} = timer:tc(Fun),
-    io:format("  query ~s: ~p found in ~.1f ms~n", [Name, length(Found), Us / 1000]).
+    io:format("  query ~s: ~p found in ~.3f ms~n", [Name, length(Found), Us / 1000]).
