@@ -109,7 +109,7 @@ TEST(NodeKeyIndex, RandomSequenceAgainstModel) {
   mirel_hashtable* h = _mirel_create_hashtable_mallf(128, ht_hash_from_key, ht_keys_equal, std::malloc,
                                                      std::free, free_key, reinterpret_cast<uint64_t>(&t.table));
   std::vector<std::string> texts;  // outlive their entries
-  for (int i = 0; i < 250; ++i) texts.push_back("k" + std::to_string(i * 7919 % 1000));
+  for (int i = 0; i < 250; ++i) texts.push_back(std::to_string(i * 7919 % 1000).append(1, 'k'));
   std::map<int, uintptr_t> model;  // key id -> value
   std::mt19937 rng(4);
   for (int step = 1; step <= 4000; ++step) {
