@@ -16,6 +16,7 @@
 
 #include <erl_nif.h>
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 
@@ -113,9 +114,48 @@ void _arbo_nif_do_del_node(arbo_node* node, store_ctx* ctx, int with_siblings,
                            uintptr_t replacement);
 int _arbo_nif_has_descendant_with_flags(ErlNifEnv* env, const arbo_node* node, uint64_t mask,
                                         int include_self);
-// Value-length table of encoded values: fixed payload length, or (with
-// is_variable set) the width of the length prefix.
-int _arbo_nif_val_len(uint8_t tag, int* is_variable, int* is_nested);
+// ---- value-length table of encoded values -----------------------------------
+// Inline: the loader asks it once per value record.
+
+// Payload lengths of fixed-size value tags; kVariable marks the others.
+inline constexpr int8_t kVariable = -1;
+constexpr std::array<int8_t, 256> make_val_len_table() {
+  std::array<int8_t, 256> t{};
+  for (auto& v : t) v = kVariable;
+  t[0] = 0;
+  for (int tag : {6, 10, 17}) t[tag] = 1;
+  for (int tag : {7, 11}) t[tag] = 2;
+  for (int tag : {24, 26}) t[tag] = 3;
+  for (int tag : {8, 12, 15, 22, 25, 28, 29, 46}) t[tag] = 4;
+  for (int tag : {21, 40, 48}) t[tag] = 5;
+  t[20] = 6;
+  for (int tag : {2, 9, 13, 30, 44, 209}) t[tag] = 8;
+  for (int tag : {23, 43}) t[tag] = 9;
+  t[19] = 13;
+  t[16] = 16;
+  for (int tag : {41, 49}) t[tag] = 17;
+  t[27] = 28;
+  return t;
+}
+inline constexpr std::array<int8_t, 256> kValLen = make_val_len_table();
+
+// Fixed payload length of a tag, or (with is_variable set) the width of the
+// length prefix.
+inline int _arbo_nif_val_len(uint8_t tag, int* is_variable, int* is_nested) {
+  *is_variable = 0;
+  *is_nested = 0;
+  if (kValLen[tag] != kVariable) return kValLen[tag];
+  *is_variable = 1;
+  switch (tag) {
+    case 14: return 1;
+    case 34: case 38: case 208: return 2;
+    case 18: case 31: case 39: case 47: case 50: return 4;
+    case 200: case 201: *is_nested = 1; return 1;
+    case 202: *is_nested = 1; return 2;
+    case 203: case 205: case 206: *is_nested = 1; return 4;
+    default: return 0;
+  }
+}
 
 }  // namespace arbo
 

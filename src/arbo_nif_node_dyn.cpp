@@ -278,12 +278,19 @@ arbo_node* sl_insert_hinted(arbo_node* parent, arbo_node* node, store_ctx* ctx,
     return sl_insert(parent, node, ctx);
   }
   // Past every key, the search path of sl_insert is the last node of each
-  // level (the header on empty levels); sl_link reads the node's levels.
-  sl_path update;
-  const int h = as_gen(node)->height;
-  for (int i = 0; i < h; ++i) update[i] = hint->last[i] ? as_gen(hint->last[i]) : header;
-  sl_link(d, as_gen(node), update);
-  for (int i = 0; i < h; ++i) hint->last[i] = node;
+  // level (the header on empty levels), and nothing follows it: link as
+  // sl_link would, with every new link at a level's end.
+  gen_node* g = as_gen(node);
+  const int h = g->height;
+  if (h > d->curh) d->curh = static_cast<uint8_t>(h);
+  for (int i = 0; i < h; ++i) {
+    gen_node* prev = hint->last[i] ? as_gen(hint->last[i]) : header;
+    g->next[i] = nullptr;
+    prev->next[i] = node;
+    hint->last[i] = node;
+  }
+  d->hd.child = d->head[0];
+  d->size++;
   hint->size = d->size;
   return node;
 }
