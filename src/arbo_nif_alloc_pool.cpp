@@ -41,7 +41,6 @@ namespace {
 constexpr uintptr_t kPage = 4096;
 constexpr uintptr_t kChunkHeader = 192;  // the first page's header
 constexpr uint32_t kMaxChunkShift = 8;   // 256 pages
-constexpr const size_t* kClassSize = kPoolClassSize;
 constexpr uintptr_t kPageHeader[kPoolClasses] = {8, 8, 64, 8, 8};
 
 struct free_slot {
@@ -114,7 +113,8 @@ pool_chunk* chunk_new(node_pool* pool) {
 #ifdef MADV_POPULATE_WRITE
   // A large chunk is about to be filled: one call maps its pages instead of
   // one fault per page. A kernel without it just leaves them to fault.
-  if (pages >= 64) madvise(reinterpret_cast<void*>(first), (c->end - first) & ~(kPage - 1), MADV_POPULATE_WRITE);
+  if (pages >= 64)
+    madvise(reinterpret_cast<void*>(first), (c->end - first) & ~(kPage - 1), MADV_POPULATE_WRITE);
 #endif
   return c;
 }
@@ -138,7 +138,7 @@ void chunk_release(node_pool* pool, pool_chunk* c) {
 // Gives class `cls` a new page to carve: the next one of the newest chunk,
 // or the first page of a new chunk. False when the runtime refuses a chunk.
 bool take_page(node_pool* pool, unsigned cls) {
-  const size_t sz = kClassSize[cls];
+  const size_t sz = kPoolClassSize[cls];
   pool_chunk* c = pool->fresh;
   if (c != nullptr && c->pages + kPageHeader[cls] + sz <= c->end) {
     const uintptr_t page = c->pages;
@@ -178,10 +178,10 @@ void* _arbo_pool_alloc(node_pool* pool, unsigned cls) {
     c->free[cls] = c->free[cls]->next;
     if (c->free[cls] == nullptr) list_unlink(pool, c, cls);
   } else {
-    if (pool->at[cls] + kClassSize[cls] > pool->stop[cls] && !take_page(pool, cls))
+    if (pool->at[cls] + kPoolClassSize[cls] > pool->stop[cls] && !take_page(pool, cls))
       return nullptr;
     slot = reinterpret_cast<void*>(pool->at[cls]);
-    pool->at[cls] += kClassSize[cls];
+    pool->at[cls] += kPoolClassSize[cls];
   }
   chunk_of(slot)->live++;
   pool->live++;

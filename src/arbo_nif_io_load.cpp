@@ -426,10 +426,10 @@ int _load_op_noop(load_state*, uint8_t) { return 1; }
 
 int _load_op_insert(load_state* st, uint8_t);
 
-// Enters the instance just made. A saved list holds one block per instance,
-// "46 key, 09 value, 07": the value record and the 07 that follow in the
-// buffer are replayed here rather than through the dispatch loop.
-int enter_instance(load_state* st, arbo_node* n) {
+// Enters the node just made. A saved list holds one block per instance,
+// "46 key, 09 value, 07": a value record and a 07 that follow in the buffer
+// are replayed here rather than through the dispatch loop.
+int enter_node(load_state* st, arbo_node* n) {
   stack_push(st, n);
   if (st->pos < st->valid && st->buf[st->pos] == 0x09) {
     st->pos++;
@@ -445,17 +445,6 @@ int enter_instance(load_state* st, arbo_node* n) {
 }
 
 int _load_op_cd(load_state* st, uint8_t form) {
-  if (form == 2 && st->valid - st->pos >= 4) {  // an integer instance key the buffer holds
-    const unsigned char* b = st->buf + st->pos;
-    const uint32_t key = static_cast<uint32_t>(b[0]) << 24 | static_cast<uint32_t>(b[1]) << 16 |
-                         static_cast<uint32_t>(b[2]) << 8 | b[3];
-    st->pos += 4;
-    st->consumed += 4;
-    arbo_node* n = _arbo_nif_add_hkey_int_hinted(st->cur, key, 0, &st->ctx, st->hint());
-    if (n == nullptr) return 0;
-    n->set(F_KEY_IS_TUPLE);
-    return enter_instance(st, n);
-  }
   decoded_key k;
   if (!_load_key(st, form, &k)) return 0;
   arbo_node* n = nullptr;
@@ -476,8 +465,7 @@ int _load_op_cd(load_state* st, uint8_t form) {
     default: st->result = LOAD_INVALID_DATA; return 0;
   }
   if (n == nullptr) return 0;
-  stack_push(st, n);
-  return 1;
+  return enter_node(st, n);
 }
 
 int _load_op_cd_up_1(load_state* st, uint8_t) { return stack_pop(st); }
