@@ -82,8 +82,7 @@ void _arbo_pool_destroy(node_pool* pool);
 // gen-one, gen-two, gen-max, list node).
 constexpr size_t kPoolClassSize[kPoolClasses] = {40, 56, 64, 112, 120};
 // Class of a record of `size` bytes (1 to 120): the smallest slot that holds it.
-inline unsigned _arbo_pool_class(size_t size) {
-  ARBO_ASSERT(size > 0 && size <= kPoolClassSize[kPoolClasses - 1]);
+constexpr unsigned _arbo_pool_class(size_t size) {
   unsigned cls = 0;
   while (kPoolClassSize[cls] < size) ++cls;
   return cls;

@@ -138,7 +138,7 @@ inline const gen_node* as_gen(const arbo_node* n) {
 inline gen_node* dn_header(arbo_node* dn) { return reinterpret_cast<gen_node*>(dn); }
 
 // Record size of a node type; 0 for codes outside 1 to 5.
-inline size_t node_size(uint32_t type) {
+constexpr size_t node_size(uint32_t type) {
   switch (type) {
     case T_INT_NODE: return sizeof(int_node);
     case T_DYN_NODE: return sizeof(dyn_node);

@@ -107,9 +107,14 @@ constexpr bool kPoolNodes = false;
 constexpr bool kPoolNodes = true;
 #endif
 
-arbo_node* _arbo_nif_node_alloc(store_ctx* ctx, uint32_t type) {
-  size_t sz = node_size(type);
-  ARBO_ASSERT(sz != 0);
+namespace {
+
+// One body per type: the record's size and slot class are constants, and
+// the record is cleared with a few stores.
+template <uint32_t Type>
+arbo_node* node_alloc(store_ctx* ctx) {
+  constexpr size_t sz = node_size(Type);
+  static_assert(sz != 0 && sz <= kPoolClassSize[kPoolClasses - 1]);
   node_pool* pool = ctx->table->pool;
   arbo_node* node;
   if (kPoolNodes && pool != nullptr)
@@ -117,20 +122,25 @@ arbo_node* _arbo_nif_node_alloc(store_ctx* ctx, uint32_t type) {
   else
     node = static_cast<arbo_node*>(enif_alloc(sz));
   ARBO_ASSERT(node);
-  // A fixed size per case lets the compiler clear the record with a few stores.
-  switch (type) {
-    case T_INT_NODE: std::memset(static_cast<void*>(node), 0, node_size(T_INT_NODE)); break;
-    case T_DYN_NODE: std::memset(static_cast<void*>(node), 0, node_size(T_DYN_NODE)); break;
-    case T_GEN_NODE_ONE: std::memset(static_cast<void*>(node), 0, node_size(T_GEN_NODE_ONE)); break;
-    case T_GEN_NODE_TWO: std::memset(static_cast<void*>(node), 0, node_size(T_GEN_NODE_TWO)); break;
-    default: std::memset(static_cast<void*>(node), 0, node_size(T_GEN_NODE_MAX)); break;
-  }
-  node->tw = type;
-  node->key = 0;
+  std::memset(static_cast<void*>(node), 0, sz);
+  node->tw = Type;
   ctx->table->mem += sz;
   ctx->table->size++;
   ctx->table->alloc_state->mem += sz;
   return node;
+}
+
+}  // namespace
+
+arbo_node* _arbo_nif_node_alloc(store_ctx* ctx, uint32_t type) {
+  switch (type) {
+    case T_INT_NODE: return node_alloc<T_INT_NODE>(ctx);
+    case T_DYN_NODE: return node_alloc<T_DYN_NODE>(ctx);
+    case T_GEN_NODE_ONE: return node_alloc<T_GEN_NODE_ONE>(ctx);
+    case T_GEN_NODE_TWO: return node_alloc<T_GEN_NODE_TWO>(ctx);
+    case T_GEN_NODE_MAX: return node_alloc<T_GEN_NODE_MAX>(ctx);
+    default: ARBO_ASSERT(!"node type"); return nullptr;
+  }
 }
 
 int _arbo_nif_node_free(arbo_node* node, store_ctx* ctx) {

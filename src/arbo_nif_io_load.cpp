@@ -424,25 +424,7 @@ int _load_op_checkpoint_set(load_state* st, uint8_t) {
 
 int _load_op_noop(load_state*, uint8_t) { return 1; }
 
-int _load_op_insert(load_state* st, uint8_t);
-
-// Enters the node just made. A saved list holds one block per instance,
-// "46 key, 09 value, 07": a value record and a 07 that follow in the buffer
-// are replayed here rather than through the dispatch loop.
-int enter_node(load_state* st, arbo_node* n) {
-  stack_push(st, n);
-  if (st->pos < st->valid && st->buf[st->pos] == 0x09) {
-    st->pos++;
-    st->consumed++;
-    if (!_load_op_insert(st, 0)) return 0;
-  }
-  if (st->pos < st->valid && st->buf[st->pos] == 0x07) {
-    st->pos++;
-    st->consumed++;
-    return stack_pop(st);
-  }
-  return 1;
-}
+int enter_node(load_state* st, arbo_node* n);
 
 int _load_op_cd(load_state* st, uint8_t form) {
   decoded_key k;
@@ -478,29 +460,33 @@ int _load_op_cd_up(load_state* st, uint8_t) {
   return 1;
 }
 
+// The bytes of the csval at `at`, type byte included, when the `avail`
+// bytes there hold all of it; 0 when they do not, or when the type is not
+// one a fast path may take (the record-by-record path answers its error).
+size_t csval_extent(const unsigned char* at, uint64_t avail) {
+  if (avail == 0) return 0;
+  if (at[0] == 0) return 1;
+  int is_variable = 0, is_nested = 0;
+  const int n = _arbo_nif_val_len(at[0], &is_variable, &is_nested);
+  if (n < 0) return 0;
+  uint64_t total = 1 + static_cast<uint64_t>(n);
+  if (is_variable) {
+    if ((n != 1 && n != 2 && n != 4) || avail < total) return 0;
+    uint64_t payload = 0;
+    for (int i = 1; i <= n; ++i) payload = payload << 8 | at[i];
+    total += payload;
+  }
+  return total <= avail ? static_cast<size_t>(total) : 0;
+}
+
 // The whole csval at the read position, when the buffer holds it: its
 // bytes are taken where they lie and consumed. False leaves everything as
 // it was, for _load_csval (a value cut by the buffer's end, or one that
 // answers an error).
 bool csval_in_buffer(load_state* st, const unsigned char** bytes, size_t* len) {
-  const uint64_t avail = st->valid - st->pos;
-  if (avail == 0) return false;
   const unsigned char* at = st->buf + st->pos;
-  size_t total = 1;
-  if (at[0] != 0) {
-    int is_variable = 0, is_nested = 0;
-    const int n = _arbo_nif_val_len(at[0], &is_variable, &is_nested);
-    if (n < 0) return false;
-    if (!is_variable) {
-      total += static_cast<size_t>(n);
-    } else {
-      if ((n != 1 && n != 2 && n != 4) || avail < 1 + static_cast<uint64_t>(n)) return false;
-      uint64_t payload = 0;
-      for (int i = 1; i <= n; ++i) payload = payload << 8 | at[i];
-      total += static_cast<size_t>(n) + payload;
-    }
-    if (total > avail) return false;
-  }
+  const size_t total = csval_extent(at, st->valid - st->pos);
+  if (total == 0) return false;
   *bytes = at;
   *len = at[0] == 0 ? 0 : total;
   st->pos += static_cast<uint32_t>(total);
@@ -521,6 +507,58 @@ int _load_op_insert(load_state* st, uint8_t) {
   if (v.len == 0) return 1;  // type 0: no value
   _arbo_nif_set_val(st->cur, &st->ctx, v.bytes(), v.len, v.len < 65 ? 17 : 37);
   _arbo_nif_val_destroy(&v);
+  return 1;
+}
+
+// A saved sorted list holds one block per instance, "46 key, 09 value, 07"
+// (the value record may be missing). While the buffer holds whole blocks,
+// they are replayed here without the dispatch loop and the path stack: the
+// same store calls, in the same order, as record by record. Anything else
+// (another record, a block cut by the buffer's end, a value the fast path
+// does not take) is left to the dispatch loop.
+int append_run(load_state* st) {
+  arbo_node* list = st->cur;
+  if (list->type() != T_DYN_NODE) return 1;
+  sl_append_hint* hint = st->hint();
+  for (;;) {
+    const unsigned char* at = st->buf + st->pos;
+    const uint64_t avail = st->valid - st->pos;
+    if (avail < 6 || at[0] != 0x46) return 1;
+    size_t end = 5;
+    size_t vlen = 0;
+    if (at[5] == 0x09) {
+      vlen = csval_extent(at + 6, avail - 6);
+      if (vlen == 0) return 1;
+      end = 6 + vlen;
+      if (at[6] == 0) vlen = 0;  // type 0: no value
+    }
+    if (end >= avail || at[end] != 0x07) return 1;
+    const uint32_t key = static_cast<uint32_t>(at[1]) << 24 | static_cast<uint32_t>(at[2]) << 16 |
+                         static_cast<uint32_t>(at[3]) << 8 | at[4];
+    arbo_node* n = _arbo_nif_add_hkey_int_hinted(list, key, 0, &st->ctx, hint);
+    if (n == nullptr) return 0;
+    n->set(F_KEY_IS_TUPLE);
+    if (vlen != 0) _arbo_nif_set_val(n, &st->ctx, at + 6, vlen, vlen < 65 ? 17 : 37);
+    st->pos += static_cast<uint32_t>(end + 1);
+    st->consumed += end + 1;
+  }
+}
+
+// Enters the node just made. A value record and a 07 that follow in the
+// buffer are replayed here rather than through the dispatch loop; back at
+// the list, the blocks that follow go through append_run.
+int enter_node(load_state* st, arbo_node* n) {
+  stack_push(st, n);
+  if (st->pos < st->valid && st->buf[st->pos] == 0x09) {
+    st->pos++;
+    st->consumed++;
+    if (!_load_op_insert(st, 0)) return 0;
+  }
+  if (st->pos < st->valid && st->buf[st->pos] == 0x07) {
+    st->pos++;
+    st->consumed++;
+    return stack_pop(st) && append_run(st);
+  }
   return 1;
 }
 
