@@ -63,10 +63,33 @@ median(L) ->
 %% per fun, the list of its results.
 turns(Runs, Funs) ->
     Rounds = [case R rem 2 of
-                  1 -> [{I, F()} || {I, F} <- lists:enumerate(Funs)];
-                  0 -> [{I, F()} || {I, F} <- lists:reverse(lists:enumerate(Funs))]
+                  1 -> [{I, settled(F)} || {I, F} <- lists:enumerate(Funs)];
+                  0 -> [{I, settled(F)} || {I, F} <- lists:reverse(lists:enumerate(Funs))]
               end || R <- lists:seq(1, Runs)],
     [[V || Round <- Rounds, {J, V} <- Round, J =:= I] || I <- lists:seq(1, length(Funs))].
+
+%% Runs Fun/0 once the schedulers have been idle for a 20 ms window (waiting
+%% at most about 2 s). Memory that a run freed (a closed tree's million
+%% binaries, a deleted table) is handed back to its allocators by the
+%% schedulers after the freeing call returned, for up to a few hundred ms on
+%% this machine: that work belongs to the run that caused it, not to
+%% whichever side happens to be measured next.
+settled(Fun) ->
+    Was = erlang:system_flag(scheduler_wall_time, true),
+    idle(100),
+    erlang:system_flag(scheduler_wall_time, Was),
+    Fun().
+
+idle(0) -> ok;
+idle(Tries) ->
+    S0 = lists:sort(erlang:statistics(scheduler_wall_time_all)),
+    timer:sleep(20),
+    S1 = lists:sort(erlang:statistics(scheduler_wall_time_all)),
+    Busy = lists:max([0.0 | [(A1 - A0) / (T1 - T0) || {{I, A0, T0}, {I, A1, T1}} <- lists:zip(S0, S1), T1 > T0]]),
+    case Busy < 0.05 of
+        true -> ok;
+        false -> idle(Tries - 1)
+    end.
 
 %% Runs Fun/0 once and returns its nanoseconds per operation for Ops
 %% operations; Fun's result must match Want (a check, not a measurement).

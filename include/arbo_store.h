@@ -82,6 +82,13 @@ struct sl_append_hint {
 };
 arbo_node* sl_insert_hinted(arbo_node* parent, arbo_node* node, store_ctx* ctx,
                             sl_append_hint* hint);
+// The instance with integer key `key` in namespace 0 and key flags
+// `key_flags`, made and linked when `parent` is a sorted list whose last
+// instance sorts before that key: the node, links and counters that
+// _arbo_nif_add_hkey_int_hinted would give. Null, with nothing made or
+// drawn, for any other list or key.
+arbo_node* sl_append_hkey_int(arbo_node* parent, uint32_t key, uint32_t key_flags,
+                              store_ctx* ctx, sl_append_hint* hint);
 // Instance creation with an append hint: the same nodes, keys and results as
 // _arbo_nif_add_hkey_int (add_kind 1) and _arbo_nif_add_hkey_bin, but a
 // sorted list (cmp 0 to 2) links through sl_insert_hinted; other lists take

@@ -535,9 +535,8 @@ int append_run(load_state* st) {
     if (end >= avail || at[end] != 0x07) return 1;
     const uint32_t key = static_cast<uint32_t>(at[1]) << 24 | static_cast<uint32_t>(at[2]) << 16 |
                          static_cast<uint32_t>(at[3]) << 8 | at[4];
-    arbo_node* n = _arbo_nif_add_hkey_int_hinted(list, key, 0, &st->ctx, hint);
-    if (n == nullptr) return 0;
-    n->set(F_KEY_IS_TUPLE);
+    arbo_node* n = sl_append_hkey_int(list, key, F_KEY_IS_TUPLE, &st->ctx, hint);
+    if (n == nullptr) return 1;  // not past the list's end: record by record
     if (vlen != 0) _arbo_nif_set_val(n, &st->ctx, at + 6, vlen, vlen < 65 ? 17 : 37);
     st->pos += static_cast<uint32_t>(end + 1);
     st->consumed += end + 1;

@@ -255,44 +255,75 @@ uintptr_t sl_take2(arbo_node* parent, arbo_node* node, sl_path update, store_ctx
   return repl;
 }
 
-arbo_node* sl_insert_hinted(arbo_node* parent, arbo_node* node, store_ctx* ctx,
-                            sl_append_hint* hint) {
+namespace {
+
+// Makes the hint right for `parent`: when it served another list or the
+// list's size moved since, the last node of each level, from the top down.
+void hint_refresh(arbo_node* parent, sl_append_hint* hint) {
   dyn_node* d = as_dyn(parent);
-  if (d->cmp == kUserOrder) return _arbo_nif_dn_insert(parent, node, ctx);
-  check_height(node);
+  if (hint->list == parent && hint->size == d->size) return;
+  *hint = sl_append_hint{};
+  hint->list = parent;
   gen_node* header = dn_header(parent);
-  if (hint->list != parent || hint->size != d->size) {
-    // Rebuild: the last node of each level, from the top level down.
-    *hint = sl_append_hint{};
-    hint->list = parent;
-    gen_node* x = header;
-    for (int i = kMaxLevels - 1; i >= 0; --i) {
-      while (x->next[i] != nullptr) x = as_gen(x->next[i]);
-      hint->last[i] = (x == header) ? nullptr : &x->hd;
-    }
+  gen_node* x = header;
+  for (int i = kMaxLevels - 1; i >= 0; --i) {
+    while (x->next[i] != nullptr) x = as_gen(x->next[i]);
+    hint->last[i] = (x == header) ? nullptr : &x->hd;
   }
-  if (hint->last[0] != nullptr && sl_cmp(hint->last[0], node_skey(node), d->cmp) >= 0) {
-    // Not past the end: the full search decides, and the hint is rebuilt
-    // next time.
-    *hint = sl_append_hint{};
-    return sl_insert(parent, node, ctx);
-  }
-  // Past every key, the search path of sl_insert is the last node of each
-  // level (the header on empty levels), and nothing follows it: link as
-  // sl_link would, with every new link at a level's end.
-  gen_node* g = as_gen(node);
+}
+
+// Whether `k` sorts after the list's last instance (an empty list: yes).
+bool past_end(const dyn_node* d, const sl_append_hint* hint, const skey& k) {
+  return hint->last[0] == nullptr || sl_cmp(hint->last[0], k, d->cmp) < 0;
+}
+
+// Links `g`, whose key is past every key of the list: the search path of
+// sl_insert would be the last node of each level (the header on empty
+// levels), and nothing follows it, so each new link goes at a level's end.
+void sl_append(arbo_node* parent, gen_node* g, sl_append_hint* hint) {
+  dyn_node* d = as_dyn(parent);
+  gen_node* header = dn_header(parent);
   const int h = g->height;
   if (h > d->curh) d->curh = static_cast<uint8_t>(h);
   for (int i = 0; i < h; ++i) {
     gen_node* prev = hint->last[i] ? as_gen(hint->last[i]) : header;
     g->next[i] = nullptr;
-    prev->next[i] = node;
-    hint->last[i] = node;
+    prev->next[i] = &g->hd;
+    hint->last[i] = &g->hd;
   }
   d->hd.child = d->head[0];
   d->size++;
   hint->size = d->size;
+}
+
+}  // namespace
+
+arbo_node* sl_insert_hinted(arbo_node* parent, arbo_node* node, store_ctx* ctx,
+                            sl_append_hint* hint) {
+  dyn_node* d = as_dyn(parent);
+  if (d->cmp == kUserOrder) return _arbo_nif_dn_insert(parent, node, ctx);
+  check_height(node);
+  hint_refresh(parent, hint);
+  if (!past_end(d, hint, node_skey(node))) {
+    // The full search decides, and the hint is rebuilt next time.
+    *hint = sl_append_hint{};
+    return sl_insert(parent, node, ctx);
+  }
+  sl_append(parent, as_gen(node), hint);
   return node;
+}
+
+arbo_node* sl_append_hkey_int(arbo_node* parent, uint32_t key, uint32_t key_flags,
+                              store_ctx* ctx, sl_append_hint* hint) {
+  if (parent->type() != T_DYN_NODE || as_dyn(parent)->cmp == kUserOrder) return nullptr;
+  hint_refresh(parent, hint);
+  if (!past_end(as_dyn(parent), hint, skey{nullptr, 0, static_cast<int32_t>(key), 0}))
+    return nullptr;
+  arbo_node* n = _arbo_nif_dn_new(parent, ctx);
+  n->set_hkey(key);
+  n->set(key_flags);
+  sl_append(parent, as_gen(n), hint);
+  return n;
 }
 
 // ---- list nodes: both kinds -------------------------------------------------------------
