@@ -511,7 +511,7 @@ int _load_op_insert(load_state* st, uint8_t) {
 }
 
 // A saved sorted list holds one block per instance, "46 key, 09 value, 07"
-// (the value record may be missing). While the buffer holds whole blocks,
+// (or a 0D value, or none). While the buffer holds whole blocks,
 // they are replayed here without the dispatch loop and the path stack: the
 // same store calls, in the same order, as record by record. Anything else
 // (another record, a block cut by the buffer's end, a value the fast path
@@ -525,19 +525,28 @@ int append_run(load_state* st) {
     const uint64_t avail = st->valid - st->pos;
     if (avail < 6 || at[0] != 0x46) return 1;
     size_t end = 5;
+    const unsigned char* val = nullptr;
     size_t vlen = 0;
+    int kind = 0;  // none
     if (at[5] == 0x09) {
       vlen = csval_extent(at + 6, avail - 6);
       if (vlen == 0) return 1;
       end = 6 + vlen;
-      if (at[6] == 0) vlen = 0;  // type 0: no value
+      val = at + 6;
+      if (at[6] != 0) kind = vlen < 65 ? 17 : 37;  // type 0: no value
+    } else if (at[5] == 0x0D) {
+      if (avail < 7) return 1;
+      vlen = at[6];
+      end = 7 + vlen;
+      val = at + 7;
+      kind = 18;  // (no capture below the top level)
     }
     if (end >= avail || at[end] != 0x07) return 1;
     const uint32_t key = static_cast<uint32_t>(at[1]) << 24 | static_cast<uint32_t>(at[2]) << 16 |
                          static_cast<uint32_t>(at[3]) << 8 | at[4];
     arbo_node* n = sl_append_hkey_int(list, key, F_KEY_IS_TUPLE, &st->ctx, hint);
     if (n == nullptr) return 1;  // not past the list's end: record by record
-    if (vlen != 0) _arbo_nif_set_val(n, &st->ctx, at + 6, vlen, vlen < 65 ? 17 : 37);
+    if (kind != 0) _arbo_nif_set_val(n, &st->ctx, val, vlen, kind);
     st->pos += static_cast<uint32_t>(end + 1);
     st->consumed += end + 1;
   }
