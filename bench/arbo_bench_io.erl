@@ -7,7 +7,9 @@
 %% same bytes. The values come in two encodings: raw binaries (0D records,
 %% each value an out-of-line shared binary) and encoded values (09 records
 %% holding an 8-byte string element, 10 bytes kept inside the node). Each
-%% figure is the best of 5, ETS and the two arbo trees measured in turns.
+%% figure is the best of 5, ETS and the two arbo trees measured in turns. A
+%% row without a target shows the load of the encoded values through the
+%% safe API (arbo_file:load/2 verifies the file and loads a private copy).
 -module(arbo_bench_io).
 -export([rows/0]).
 
@@ -45,15 +47,18 @@ measure(N, Runs, Dir) ->
     ets:delete(E),
     arbo:close(RawT),
     arbo:close(CsT),
-    [FromFile, Load, CsLoad] =
+    [FromFile, Load, CsLoad, SafeLoad] =
         [lists:min(L) || L <- arbo_bench:turns(Runs, [fun() -> file2tab(N, EtsFile) end,
                                                       fun() -> load(N, Raw) end,
-                                                      fun() -> load(N, Cs) end])],
+                                                      fun() -> load(N, Cs) end,
+                                                      fun() -> safe_load(N, Cs) end])],
     Label = integer_to_list(N div 1000) ++ "k-instance sorted list",
     [#{row => "load " ++ Label, arbo => ms(Load), peer => ms(FromFile), unit => "ms",
        peer_name => "ets:file2tab/1", target => "peer/arbo >= 5"},
      #{row => "load " ++ Label ++ ", csval values", arbo => ms(CsLoad), peer => ms(FromFile),
        unit => "ms", peer_name => "ets:file2tab/1", target => "peer/arbo >= 5"},
+     #{row => "safe load " ++ Label ++ ", csval values (arbo_file:load/2)", arbo => ms(SafeLoad), peer => ms(FromFile),
+       unit => "ms", peer_name => "ets:file2tab/1", target => "-"},
      #{row => "save " ++ Label, arbo => ms(Save), peer => ms(ToFile), unit => "ms",
        peer_name => "ets:tab2file/2", target => "peer/arbo >= 3"},
      #{row => "save " ++ Label ++ ", csval values", arbo => ms(CsSave), peer => ms(ToFile),
@@ -81,6 +86,16 @@ load(N, Src) ->
     Us = tc(fun() -> {true, _} = arbo:load_nif(T, nul(Src), -1, 0, undefined) end),
     true = arbo:get_size(T) =:= N + 1,
     arbo:close(T),
+    Us.
+
+%% The same through the safe API: the file is read and verified, and a
+%% private copy of the bytes verified is loaded.
+safe_load(N, Src) ->
+    T = arbo_tree:new(),
+    Us = tc(fun() -> {ok, _} = arbo_file:load(T, Src) end),
+    Size = N + 1,
+    #{size := Size} = arbo_tree:info(T),
+    arbo_tree:close(T),
     Us.
 
 file2tab(N, File) ->

@@ -71,8 +71,28 @@ read(Path) ->
     catch error:_ -> {error, badarg}
     end.
 
+%% The records a saved tree is mostly made of are matched in place, whole,
+%% and the walk goes straight on with what follows them; anything else
+%% (other records, and any record that is cut or wrong) takes record/3,
+%% which accepts the same bytes and names the problem.
 records(<<>>, _Size) -> ok;
-records(<<Form:3, Op:5, Rest/binary>> = Rec, Size) ->
+records(<<7, R/binary>>, Size) -> records(R, Size);
+records(<<16#46, _:32, R/binary>>, Size) -> records(R, Size);
+records(<<6, _:32, R/binary>>, Size) -> records(R, Size);
+records(<<16#0F, _:32, R/binary>>, Size) -> records(R, Size);
+records(<<16#14, _:32, _, R/binary>>, Size) -> records(R, Size);
+records(<<13, N, _:N/binary, R/binary>>, Size) -> records(R, Size);
+records(<<11, _, R/binary>>, Size) -> records(R, Size);
+records(<<9, R/binary>> = Rec, Size) ->
+    case arbo_val:frame(R) of
+        {ok, N} ->
+            <<_:N/binary, Next/binary>> = R,
+            records(Next, Size);
+        {error, _} -> record_at(Rec, Size)
+    end;
+records(Rec, Size) -> record_at(Rec, Size).
+
+record_at(<<Form:3, Op:5, Rest/binary>> = Rec, Size) ->
     case record(Op, Form, Rest) of
         {ok, Next} -> records(Next, Size);
         {error, R} -> {error, {R, Size - byte_size(Rec)}}
