@@ -30,9 +30,6 @@ bin_ref value_bytes(const arbo_node* n) {
   return {as_gen(n)->small_len, as_gen(n)->val};
 }
 
-// Stores `len` bytes as the value of a gen node that holds none: inline up to
-// 10 bytes, else in a new arbo_bin with F_VAL_IS_BIN (plus `bin_flags`).
-// False when the runtime refuses the binary; the node is then left empty.
 // Up to kSmallMax bytes, copied with two overlapping moves rather than a
 // library call: values this short are most of what a tree holds.
 inline void copy_small(unsigned char* dst, const unsigned char* src, size_t len) {
@@ -49,6 +46,9 @@ inline void copy_small(unsigned char* dst, const unsigned char* src, size_t len)
   }
 }
 
+// Stores `len` bytes as the value of a gen node that holds none: inline up to
+// 10 bytes, else in a new arbo_bin with F_VAL_IS_BIN (plus `bin_flags`).
+// False when the runtime refuses the binary; the node is then left empty.
 bool store_value(arbo_node* n, store_ctx* ctx, const unsigned char* bytes, size_t len,
                  uint32_t bin_flags, bool inline_ok) {
   if (inline_ok && len <= static_cast<size_t>(kSmallMax)) {
