@@ -6,7 +6,7 @@ JOBS       ?= 2
 ERLC_FLAGS ?= -Werror +debug_info
 ERL        ?= erl
 
-ERL_SRC   := $(wildcard erl/*.erl)
+ERL_SRC   := $(wildcard src/*.erl)
 TEST_SRC  := $(wildcard test/*.erl)
 BENCH_SRC := $(wildcard bench/*.erl)
 EUNIT_MODS = $(subst $(space),$(comma),$(sort $(basename $(notdir $(wildcard test/*_tests.erl)))))
@@ -33,9 +33,9 @@ asan: deps
 
 erl: ebin/.stamp test/ebin/.stamp
 
-ebin/.stamp: $(ERL_SRC)
+ebin/.stamp: $(ERL_SRC) $(wildcard src/*.hrl include/*.hrl)
 	@mkdir -p ebin
-	erlc $(ERLC_FLAGS) -o ebin $(ERL_SRC)
+	erlc $(ERLC_FLAGS) -I src -I include -o ebin $(ERL_SRC)
 	@touch $@
 
 test/ebin/.stamp: $(TEST_SRC) $(BENCH_SRC) ebin/.stamp
@@ -76,7 +76,7 @@ PLT ?= $(BUILD)/arbo.plt
 check: erl
 	@test -f $(PLT) || dialyzer --build_plt --apps erts kernel stdlib --output_plt $(PLT)
 	dialyzer --plt $(PLT) ebin/*.beam
-	$(ERL) -noshell -eval 'edoc:files(filelib:wildcard("erl/*.erl"), [{dir, "doc"}, {preprocess, true}, {includes, ["erl"]}]), halt().'
+	$(ERL) -noshell -eval 'edoc:files(filelib:wildcard("src/*.erl"), [{dir, "doc"}, {preprocess, true}, {includes, ["src"]}]), halt().'
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD) ebin test/ebin priv

@@ -9,7 +9,7 @@
 #include <random>
 #include <string>
 
-#include "../src/arbo_nif_node_filter.h"
+#include "arbo_nif_node_filter.h"
 #include "arbo_filter.h"
 #include "enif_shim.h"
 
