@@ -98,9 +98,13 @@
 %%  <li>`{exists, Path}': a node exists at Path below the child</li>
 %%  <li>`{value, Op, Path, Pattern}': the value of the node at Path, as
 %%      text, against Pattern (a binary, or an integer); Op is one of `eq',
-%%      `ne' (text equality), `gt', `ge', `lt', `le' (numbers)</li>
+%%      `ne' (text equality), `gt', `ge', `lt', `le' (numbers). A plain
+%%      binary value is read as an encoded one: it has a text form only
+%%      when its bytes are an encoded string, number, address, date or
+%%      boolean</li>
 %%  <li>`{key, Op, Index, Pattern}': element Index (from 0) of the child's
-%%      own key, as text</li>
+%%      own key, as text (an opaque key is one element, read like a plain
+%%      binary value)</li>
 %%  <li>`{has_value, Path}', `{flags_all, Path, Mask}', `{flags_none, Path,
 %%      Mask}', `{flags_masked, Path, Mask, Value}'</li>
 %%  <li>the library's own numeric forms (`{0, F, F}', `{3, CmpOp, Path,
@@ -109,8 +113,9 @@
 %% A Path is a list of tags or `{Ns, Tag}' pairs; below a list, a tag names
 %% an integer instance, and a path that ends inside a list matches when any
 %% instance matches. As the library decides it, a comparison it cannot make
-%% (`gt' on text that is not a number, a value too long for its text
-%% buffer) counts as a match in a select, like a full one.
+%% (`gt' on text that is not a number, a value without a text form, a text
+%% longer than both 64 bytes and Pattern whose head matches) counts as a
+%% match in a select, like a full one.
 -type filter() :: all | tuple().
 
 -define(ORDERS, [{sorted, 0}, {sorted_length_first, 1}, {sorted_length_first_but_last, 2},
