@@ -29,6 +29,7 @@
 #include <cstdint>
 #include <ctime>
 
+#include "arbo_codes.h"
 #include "arbo_node.h"
 
 namespace arbo {
@@ -36,53 +37,7 @@ namespace arbo {
 constexpr uint32_t kIoMagic = 0x0100DAEE;
 constexpr size_t kLoadBufferSize = 0x100000;  // 1 MiB read buffer
 
-// Operation numbers (low 5 bits of the opcode byte).
-enum io_op : uint8_t {
-  OP_ZERO = 0,
-  OP_BEGIN_TRANS_INVALID = 1,
-  OP_BEGIN_TRANS = 2,
-  OP_TRANS_END = 3,
-  OP_CHECKPOINT_SET = 4,
-  OP_NOOP = 5,
-  OP_CD = 6,
-  OP_CD_UP_1 = 7,
-  OP_CD_UP = 8,
-  OP_INSERT = 9,
-  OP_DELETE = 10,
-  OP_SET_FLAGS8 = 11,
-  OP_DELETE_NS = 12,
-  OP_INSERT_BIN0 = 13,
-  OP_INSERT_BIN = 14,
-  OP_CD_INT = 15,
-  OP_CD_DYN_OLD = 16,
-  OP_SET_FLAGS16 = 17,
-  OP_SET_ATTRIBUTE = 18,
-  OP_MOVE = 19,
-  OP_CD_DYN = 20,
-  OP_MOVE_REL = 21,
-  OP_SET_FLAGS32 = 22,
-  OP_SET_FLAGS64 = 23,
-  OP_RENAME_NS = 24,
-  OP_RENAME_INSTANCE = 25,
-  OP_MOVE_REL_2 = 26,
-  OP_RENAME_INSTANCE_2 = 27,
-  kOpCount = 28,
-};
-
-// Key forms (high 3 bits of the opcode byte); 6 and 7 are invalid.
-enum io_key_form : uint8_t {
-  KF_HTAG = 0,
-  KF_NS_HTAG = 1,
-  KF_HKEY_INT = 2,
-  KF_HKEY_INT_BTUPLE = 3,
-  KF_HKEY_BIN = 4,
-  KF_HKEY_GEN = 5,
-  kKeyFormCount = 6,
-};
-
-constexpr uint8_t io_opcode(uint8_t op, uint8_t form) {
-  return static_cast<uint8_t>(op | (form << 5));
-}
+// Opcodes and key forms: arbo_codes.h.
 
 inline uint64_t _arbo_nif_io_htobe64(uint64_t v) { return __builtin_bswap64(v); }
 inline uint64_t _arbo_nif_io_be64toh(uint64_t v) { return __builtin_bswap64(v); }

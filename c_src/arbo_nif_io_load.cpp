@@ -12,6 +12,7 @@
 
 #include "arbo_alloc.h"
 #include "arbo_atoms.h"
+#include "arbo_bytes.h"
 #include "arbo_io.h"
 #include "arbo_store.h"
 
@@ -26,14 +27,15 @@ void _arbo_nif_val_destroy(decoded_val* val) {
 
 arbo_node* _arbo_nif_io_find_child(arbo_node* node, const decoded_key* key) {
   switch (key->kind) {
-    case 0:
-    case 1:
-    case 2:
-    case 3: return _arbo_nif_find_child_int(node, key->tag, key->ns);
-    case 4:
-    case 5:
+    case KF_HTAG:
+    case KF_NS_HTAG:
+    case KF_HKEY_INT:
+    case KF_HKEY_INT_BTUPLE: return _arbo_nif_find_child_int(node, key->tag, key->ns);
+    case KF_HKEY_BIN:
+    case KF_HKEY_GEN:
       if (node->type() != T_DYN_NODE) return nullptr;
-      return _arbo_nif_find_child_bin(node, key->kind == 4 ? 1 : 0, key->bytes(), key->len);
+      return _arbo_nif_find_child_bin(node, key->kind == KF_HKEY_BIN ? 1 : 0, key->bytes(),
+                                      key->len);
     default: return nullptr;
   }
 }
@@ -55,7 +57,7 @@ namespace {
 // through the ordinary insertion.
 arbo_node* link_instance(arbo_node* parent, arbo_node* node, store_ctx* ctx,
                          sl_append_hint* hint) {
-  if (hint != nullptr && as_dyn(parent)->cmp <= 2)
+  if (hint != nullptr && as_dyn(parent)->cmp <= ORDER_LENGTH_FIRST_BUT_LAST)
     return sl_insert_hinted(parent, node, ctx, hint);
   return _arbo_nif_dn_insert(parent, node, ctx);
 }
@@ -90,7 +92,7 @@ arbo_node* _arbo_nif_add_hkey_bin_hinted(arbo_node* parent, const unsigned char*
     g->small_len = static_cast<uint8_t>(len);
   }
   n->set(F_KEY_IS_BIN);
-  if (key_type == 6) n->set(F_KEY_IS_TUPLE);
+  if (key_type == KEY_OPAQUE) n->set(F_KEY_IS_TUPLE);
   return link_instance(parent, n, ctx, hint);
 }
 
@@ -214,15 +216,14 @@ int read_u8(load_state* st, uint8_t* v) { return read_small(st, v, 1); }
 int read_u16(load_state* st, uint16_t* v) {
   unsigned char b[2];
   if (!read_small(st, b, 2)) return 0;
-  *v = static_cast<uint16_t>(b[0] << 8 | b[1]);
+  *v = static_cast<uint16_t>(be16(b));
   return 1;
 }
 
 int read_u32(load_state* st, uint32_t* v) {
   unsigned char b[4];
   if (!read_small(st, b, 4)) return 0;
-  *v = static_cast<uint32_t>(b[0]) << 24 | static_cast<uint32_t>(b[1]) << 16 |
-       static_cast<uint32_t>(b[2]) << 8 | b[3];
+  *v = be32(b);
   return 1;
 }
 
@@ -268,8 +269,7 @@ int _load_csval(load_state* st, decoded_val* out) {
   }
   unsigned char prefix[4];
   if (!_load_read(st, prefix, static_cast<size_t>(n))) return 0;
-  uint64_t len = 0;
-  for (int i = 0; i < n; ++i) len = len << 8 | prefix[i];
+  const uint64_t len = be_n(prefix, n);
   if (!fits(st, len)) return 0;
   const size_t head = 1 + static_cast<size_t>(n);
   unsigned char* v = out->buf.reserve(head + static_cast<size_t>(len));
@@ -284,34 +284,33 @@ int _load_csval(load_state* st, decoded_val* out) {
 // ---- the six key readers, key forms 0..5 ------------------------------------------
 
 int _load_node_path_htag(load_state* st, decoded_key* k) {
-  k->kind = 0;
+  k->kind = KF_HTAG;
   return read_u32(st, &k->tag);
 }
 
 int _load_node_path_ns_htag(load_state* st, decoded_key* k) {
-  k->kind = 1;
+  k->kind = KF_NS_HTAG;
   return read_u32(st, &k->ns) && read_u32(st, &k->tag);
 }
 
 int _load_node_path_hkey_int(load_state* st, decoded_key* k) {
-  k->kind = 2;
+  k->kind = KF_HKEY_INT;
   return read_u32(st, &k->tag);
 }
 
-// Type byte 12 marks a generic key: the five bytes as they stand.
+// Type byte TYPE_UINT32 marks a generic key: the five bytes as they stand.
 int _load_node_path_hkey_int_btuple(load_state* st, decoded_key* k) {
   unsigned char b[5];
   if (!_load_read(st, b, 5)) return 0;
-  if (b[0] == 12) {
-    k->kind = 5;
+  if (b[0] == TYPE_UINT32) {
+    k->kind = KF_HKEY_GEN;
     std::memcpy(k->buf.reserve(5), b, 5);
     k->len = 5;
     return 1;
   }
-  k->kind = 3;
+  k->kind = KF_HKEY_INT_BTUPLE;
   k->ns = b[0];
-  k->tag = static_cast<uint32_t>(b[1]) << 24 | static_cast<uint32_t>(b[2]) << 16 |
-           static_cast<uint32_t>(b[3]) << 8 | b[4];
+  k->tag = be32(b + 1);
   return 1;
 }
 
@@ -325,12 +324,12 @@ int read_key_bytes(load_state* st, decoded_key* k) {
 }
 
 int _load_node_path_hkey_bin(load_state* st, decoded_key* k) {
-  k->kind = 4;
+  k->kind = KF_HKEY_BIN;
   return read_key_bytes(st, k);
 }
 
 int _load_node_path_hkey_gen(load_state* st, decoded_key* k) {
-  k->kind = 5;
+  k->kind = KF_HKEY_GEN;
   return read_key_bytes(st, k);
 }
 
@@ -431,18 +430,18 @@ int _load_op_cd(load_state* st, uint8_t form) {
   if (!_load_key(st, form, &k)) return 0;
   arbo_node* n = nullptr;
   switch (k.kind) {
-    case 0:
-    case 1: n = _arbo_nif_add_hkey_int(st->cur, k.tag, k.ns, &st->ctx, 3, 0); break;
-    case 2:
-    case 3:
-      n = _arbo_nif_add_hkey_int_hinted(st->cur, k.tag, k.kind == 3 ? k.ns : 0, &st->ctx,
-                                        st->hint());
-      if (n != nullptr) n->set(k.kind == 2 ? F_KEY_IS_TUPLE : F_KEY_IS_BTUPLE);
+    case KF_HTAG:
+    case KF_NS_HTAG: n = _arbo_nif_add_hkey_int(st->cur, k.tag, k.ns, &st->ctx, ADD_LEAF, 0); break;
+    case KF_HKEY_INT:
+    case KF_HKEY_INT_BTUPLE:
+      n = _arbo_nif_add_hkey_int_hinted(st->cur, k.tag, k.kind == KF_HKEY_INT_BTUPLE ? k.ns : 0,
+                                        &st->ctx, st->hint());
+      if (n != nullptr) n->set(k.kind == KF_HKEY_INT ? F_KEY_IS_TUPLE : F_KEY_IS_BTUPLE);
       break;
-    case 4:
-    case 5:
-      n = _arbo_nif_add_hkey_bin_hinted(st->cur, k.bytes(), k.len, &st->ctx, k.kind == 4 ? 6 : 5,
-                                        st->hint());
+    case KF_HKEY_BIN:
+    case KF_HKEY_GEN:
+      n = _arbo_nif_add_hkey_bin_hinted(st->cur, k.bytes(), k.len, &st->ctx,
+                                        k.kind == KF_HKEY_BIN ? KEY_OPAQUE : KEY_TUPLE, st->hint());
       break;
     default: st->result = LOAD_INVALID_DATA; return 0;
   }
@@ -460,6 +459,15 @@ int _load_op_cd_up(load_state* st, uint8_t) {
   return 1;
 }
 
+// Values up to 64 bytes are set as encoded values, longer ones as encoded
+// values kept as a binary (no string form is made for them).
+constexpr size_t kCsvalStringMax = 64;
+inline int csval_kind(size_t len) { return len <= kCsvalStringMax ? VAL_CSVAL : VAL_CSVAL_BIN; }
+
+// The path record of an integer instance key, the record a saved sorted
+// list repeats once per instance.
+constexpr uint8_t kOpCdHkeyInt = io_opcode(OP_CD, KF_HKEY_INT);
+
 // The bytes of the csval at `at`, type byte included, when the `avail`
 // bytes there hold all of it; 0 when they do not, or when the type is not
 // one a fast path may take (the record-by-record path answers its error).
@@ -472,9 +480,7 @@ size_t csval_extent(const unsigned char* at, uint64_t avail) {
   uint64_t total = 1 + static_cast<uint64_t>(n);
   if (is_variable) {
     if ((n != 1 && n != 2 && n != 4) || avail < total) return 0;
-    uint64_t payload = 0;
-    for (int i = 1; i <= n; ++i) payload = payload << 8 | at[i];
-    total += payload;
+    total += be_n(at + 1, n);
   }
   return total <= avail ? static_cast<size_t>(total) : 0;
 }
@@ -499,13 +505,13 @@ int _load_op_insert(load_state* st, uint8_t) {
   const unsigned char* bytes = nullptr;
   size_t len = 0;
   if (csval_in_buffer(st, &bytes, &len)) {
-    if (len != 0) _arbo_nif_set_val(st->cur, &st->ctx, bytes, len, len < 65 ? 17 : 37);
+    if (len != 0) _arbo_nif_set_val(st->cur, &st->ctx, bytes, len, csval_kind(len));
     return 1;
   }
   decoded_val v;
   if (!_load_csval(st, &v)) return 0;
   if (v.len == 0) return 1;  // type 0: no value
-  _arbo_nif_set_val(st->cur, &st->ctx, v.bytes(), v.len, v.len < 65 ? 17 : 37);
+  _arbo_nif_set_val(st->cur, &st->ctx, v.bytes(), v.len, csval_kind(v.len));
   _arbo_nif_val_destroy(&v);
   return 1;
 }
@@ -523,27 +529,26 @@ int append_run(load_state* st) {
   for (;;) {
     const unsigned char* at = st->buf + st->pos;
     const uint64_t avail = st->valid - st->pos;
-    if (avail < 6 || at[0] != 0x46) return 1;
+    if (avail < 6 || at[0] != kOpCdHkeyInt) return 1;
     size_t end = 5;
     const unsigned char* val = nullptr;
     size_t vlen = 0;
     int kind = 0;  // none
-    if (at[5] == 0x09) {
+    if (at[5] == OP_INSERT) {
       vlen = csval_extent(at + 6, avail - 6);
       if (vlen == 0) return 1;
       end = 6 + vlen;
       val = at + 6;
-      if (at[6] != 0) kind = vlen < 65 ? 17 : 37;  // type 0: no value
-    } else if (at[5] == 0x0D) {
+      if (at[6] != TYPE_EMPTY) kind = csval_kind(vlen);
+    } else if (at[5] == OP_INSERT_BIN0) {
       if (avail < 7) return 1;
       vlen = at[6];
       end = 7 + vlen;
       val = at + 7;
-      kind = 18;  // (no capture below the top level)
+      kind = VAL_BINARY;  // (no capture below the top level)
     }
-    if (end >= avail || at[end] != 0x07) return 1;
-    const uint32_t key = static_cast<uint32_t>(at[1]) << 24 | static_cast<uint32_t>(at[2]) << 16 |
-                         static_cast<uint32_t>(at[3]) << 8 | at[4];
+    if (end >= avail || at[end] != OP_CD_UP_1) return 1;
+    const uint32_t key = be32(at + 1);
     arbo_node* n = sl_append_hkey_int(list, key, F_KEY_IS_TUPLE, &st->ctx, hint);
     if (n == nullptr) return 1;  // not past the list's end: record by record
     if (kind != 0) _arbo_nif_set_val(n, &st->ctx, val, vlen, kind);
@@ -557,12 +562,12 @@ int append_run(load_state* st) {
 // the list, the blocks that follow go through append_run.
 int enter_node(load_state* st, arbo_node* n) {
   stack_push(st, n);
-  if (st->pos < st->valid && st->buf[st->pos] == 0x09) {
+  if (st->pos < st->valid && st->buf[st->pos] == OP_INSERT) {
     st->pos++;
     st->consumed++;
     if (!_load_op_insert(st, 0)) return 0;
   }
-  if (st->pos < st->valid && st->buf[st->pos] == 0x07) {
+  if (st->pos < st->valid && st->buf[st->pos] == OP_CD_UP_1) {
     st->pos++;
     st->consumed++;
     return stack_pop(st) && append_run(st);
@@ -575,17 +580,17 @@ int _load_op_delete(load_state* st, uint8_t form) {
   if (!_load_key(st, form, &k)) return 0;
   forget_hints(st);
   switch (k.kind) {
-    case 0:
-    case 1:
-    case 2:
-    case 3: _arbo_nif_del_hkey_int(st->cur, k.tag, k.ns, &st->ctx); return 1;
-    case 4:
-    case 5:
+    case KF_HTAG:
+    case KF_NS_HTAG:
+    case KF_HKEY_INT:
+    case KF_HKEY_INT_BTUPLE: _arbo_nif_del_hkey_int(st->cur, k.tag, k.ns, &st->ctx); return 1;
+    case KF_HKEY_BIN:
+    case KF_HKEY_GEN:
       if (st->cur->type() != T_DYN_NODE) {
         st->result = LOAD_INVALID_NODE_TYPE;
         return 0;
       }
-      _arbo_nif_del_hkey_bin(st->cur, k.kind == 4 ? 1 : 0, k.bytes(), k.len, &st->ctx);
+      _arbo_nif_del_hkey_bin(st->cur, k.kind == KF_HKEY_BIN ? 1 : 0, k.bytes(), k.len, &st->ctx);
       return 1;
     default: st->result = LOAD_INVALID_KEY_TYPE; return 0;
   }
@@ -626,7 +631,7 @@ int insert_bin(load_state* st, uint64_t len, bool capture) {
   unsigned char* bytes = buf.reserve(static_cast<size_t>(len));
   if (bytes == nullptr) return refuse_io(st);
   if (!_load_read(st, bytes, static_cast<size_t>(len))) return 0;
-  _arbo_nif_set_val(st->cur, &st->ctx, bytes, static_cast<size_t>(len), 18);
+  _arbo_nif_set_val(st->cur, &st->ctx, bytes, static_cast<size_t>(len), VAL_BINARY);
   if (capture) capture_value(st, bytes, static_cast<size_t>(len));
   return 1;
 }
@@ -651,7 +656,7 @@ int _load_op_cd_int(load_state* st, uint8_t form) {
   }
   decoded_key k;
   if (!_load_key(st, form, &k)) return 0;
-  arbo_node* n = _arbo_nif_add_hkey_int(st->cur, k.tag, 0, &st->ctx, 2, 0);
+  arbo_node* n = _arbo_nif_add_hkey_int(st->cur, k.tag, 0, &st->ctx, ADD_CONTAINER, 0);
   if (n == nullptr) return 0;
   stack_push(st, n);
   return 1;
@@ -664,13 +669,13 @@ int cd_dyn(load_state* st, uint8_t form, bool old) {
   }
   decoded_key k;
   if (!_load_key(st, form, &k)) return 0;
-  if (!old && k.kind > 1) return 0;
+  if (!old && k.kind > KF_NS_HTAG) return 0;
   uint8_t mode = 0;
   if (!read_u8(st, &mode)) return 0;
   uint8_t cmp_mode = mode;
-  if (old) cmp_mode = mode == 0 ? 0 : (mode == 255 ? 3 : 1);
-  else if (mode > 4) return 0;
-  arbo_node* n = _arbo_nif_add_hkey_int(st->cur, k.tag, k.ns, &st->ctx, 0, cmp_mode);
+  if (old) cmp_mode = mode == 0 ? ORDER_PLAIN : (mode == 255 ? ORDER_USER : ORDER_LENGTH_FIRST);
+  else if (mode > kOrderMax) return 0;
+  arbo_node* n = _arbo_nif_add_hkey_int(st->cur, k.tag, k.ns, &st->ctx, ADD_LIST, cmp_mode);
   if (n == nullptr) return 0;
   stack_push(st, n);
   return 1;
@@ -694,7 +699,7 @@ int _load_op_set_attribute(load_state* st, uint8_t) {
 }
 
 int _load_op_move(load_state* st, uint8_t form) {
-  if (st->cur->type() != T_DYN_NODE || as_dyn(st->cur)->cmp != 3) {
+  if (st->cur->type() != T_DYN_NODE || as_dyn(st->cur)->cmp != ORDER_USER) {
     st->result = LOAD_INVALID_NODE_TYPE;
     return 0;
   }
@@ -763,7 +768,7 @@ int _load_op_move_rel_2(load_state* st, uint8_t form) {
   if (!read_u8(st, &relation) || !read_key_form(st, &ref_form)) return 0;
   decoded_key r;
   if (!_load_key(st, ref_form, &r)) return 0;
-  arbo_node* ref = r.kind >= 2 ? _arbo_nif_io_find_child(st->cur, &r) : nullptr;
+  arbo_node* ref = r.kind >= KF_HKEY_INT ? _arbo_nif_io_find_child(st->cur, &r) : nullptr;
   if (child != nullptr && ref != nullptr) {
     forget_hints(st);
     _arbo_nif_move_rel(st->cur, child, relation, ref, &st->ctx);
@@ -817,11 +822,11 @@ void run(load_state* st) {
       st->result = LOAD_OK;  // the end of the file
       return;
     }
-    if ((op & 0x1f) >= kOpCount) {
+    if ((op & kOpMask) >= kOpCount) {
       st->result = LOAD_INVALID_OP;
       return;
     }
-    if (!kHandlers[op & 0x1f](st, static_cast<uint8_t>(op >> 5))) return;
+    if (!kHandlers[op & kOpMask](st, static_cast<uint8_t>(op >> kFormShift))) return;
   }
 }
 

@@ -10,6 +10,8 @@
 #include <initializer_list>
 
 #include "arbo_alloc.h"
+#include "arbo_bytes.h"
+#include "arbo_codes.h"
 #include "arbo_keys.h"
 
 namespace arbo {
@@ -68,17 +70,6 @@ struct ElementTable {
 
 constexpr ElementTable kElements;
 
-constexpr int kTypeBitString = 50;
-constexpr int kTypeRest = 204;
-
-inline uint32_t be16(const unsigned char* p) { return (uint32_t{p[0]} << 8) | p[1]; }
-inline uint32_t be32(const unsigned char* p) {
-  return (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | p[3];
-}
-inline uint64_t be64(const unsigned char* p) {
-  return (uint64_t{be32(p)} << 32) | be32(p + 4);
-}
-
 [[noreturn]] void corrupt_type(int type, int32_t buf_len) {
   std::printf("type: %d (i=%d buf_len=%d)\r\n", type, 0, buf_len);
   std::fflush(stdout);  // abort() does not flush stdio
@@ -92,7 +83,7 @@ inline int bytes_cmp(const unsigned char* a, const unsigned char* b, int32_t n) 
   return n > 0 ? std::memcmp(a, b, static_cast<size_t>(n)) : 0;
 }
 
-inline bool string_like(int type) { return type >= 200 && type <= 206; }
+inline bool string_like(int type) { return type >= TYPE_STRING && type <= TYPE_STRING_LAST; }
 
 inline int sign3(bool greater) { return greater ? 1 : -1; }
 
@@ -105,7 +96,7 @@ inline int num_cmp(T a, T b) {
 // every other mode lexicographically with the shorter key first on a tie.
 int cmp_opaque(const unsigned char* a, int32_t alen, const unsigned char* b, int32_t blen,
                int mode) {
-  if (mode == 1) {
+  if (mode == ORDER_LENGTH_FIRST) {
     if (alen != blen) return sign3(alen > blen);
     return bytes_cmp(a, b, alen);
   }
@@ -121,7 +112,7 @@ int cmp_bits(const unsigned char* a, int32_t alen, const unsigned char* b, int32
   auto at = [](const unsigned char* p, int32_t len, int32_t i) -> unsigned {
     return i < len ? p[i] : 0u;
   };
-  if (mode == 1 || mode == 2) {
+  if (mode == ORDER_LENGTH_FIRST || mode == ORDER_LENGTH_FIRST_BUT_LAST) {
     // Only bits 0 to 2 of each byte count, moved to bits 7 to 5, and the last
     // byte never takes part: stored lists are ordered this way.
     auto mapped = [](unsigned v) { return ((v & 1u) << 7) | ((v & 2u) << 5) | ((v & 4u) << 3); };
@@ -150,7 +141,7 @@ inline int cmp_mask(uint64_t a, uint64_t b) {
 }
 
 inline uint64_t mask_value(const unsigned char* p, int type) {
-  if (type == 29) return static_cast<uint64_t>(static_cast<int64_t>(static_cast<int32_t>(be32(p))));
+  if (type == TYPE_BITMASK32) return static_cast<uint64_t>(static_cast<int64_t>(static_cast<int32_t>(be32(p))));
   return be64(p);
 }
 
@@ -223,7 +214,7 @@ struct Element {
 // corrupt as one that runs past the end.
 [[gnu::always_inline]] inline Element parse_element(int single, const unsigned char* buf,
                                                     int32_t buf_len) {
-  if (single) return {0, buf_len, kTypeRest, 1};
+  if (single) return {0, buf_len, TYPE_REST, 1};
   ARBO_ASSERT_MSG(buf_len >= 1, "i+len <= buf_len");
   const int t = buf[0];
   const ElementRule r = kElements.rule[t];
@@ -271,11 +262,11 @@ int cmp_tuple_key(const unsigned char* a, int32_t alen, int a_single, const unsi
     const int bvar = eb.varlen;  // b's element says whether the pair is variable-length
 
     if (at == bt) {
-      if (at == 0) return 0;  // an empty element ends the comparison as equal
+      if (at == TYPE_EMPTY) return 0;  // an empty element ends the comparison as equal
     } else if (!(string_like(at) && string_like(bt))) {
       // 209 sorts before 27: stored lists are ordered this way.
-      if (at == 209 && bt == 27) return -1;
-      if (at == 27 && bt == 209) return 1;
+      if (at == TYPE_FIXED8_209 && bt == TYPE_FIXED28) return -1;
+      if (at == TYPE_FIXED28 && bt == TYPE_FIXED8_209) return 1;
       return sign3(at > bt);
     }
 
@@ -286,34 +277,35 @@ int cmp_tuple_key(const unsigned char* a, int32_t alen, int a_single, const unsi
 
     if (bvar) {
       const bool a_last = ai + alen1 >= alen;
-      if ((mode == 1 || (mode == 2 && !a_last)) && alen1 != blen1) return sign3(alen1 > blen1);
+      if ((mode == ORDER_LENGTH_FIRST || (mode == ORDER_LENGTH_FIRST_BUT_LAST && !a_last)) &&
+          alen1 != blen1) return sign3(alen1 > blen1);
       const int r = bytes_cmp(pa, pb, alen1 < blen1 ? alen1 : blen1);
       if (r != 0) return r;
       if (alen1 != blen1) return sign3(alen1 > blen1);
-    } else if (bt == kTypeBitString) {
+    } else if (bt == TYPE_BITS) {
       const int r = cmp_bits(pa, alen1, pb, blen1, mode);
       if (r != 0) return r;
     } else {
       int r;
       switch (bt) {
-        case 6: r = num_cmp<int8_t>(static_cast<int8_t>(pa[0]), static_cast<int8_t>(pb[0])); break;
-        case 7:
+        case TYPE_INT8: r = num_cmp<int8_t>(static_cast<int8_t>(pa[0]), static_cast<int8_t>(pb[0])); break;
+        case TYPE_INT16:
           r = num_cmp<int16_t>(static_cast<int16_t>(be16(pa)), static_cast<int16_t>(be16(pb)));
           break;
-        case 8:
+        case TYPE_INT32:
           r = num_cmp<int32_t>(static_cast<int32_t>(be32(pa)), static_cast<int32_t>(be32(pb)));
           break;
-        case 9:
-        case 43:
+        case TYPE_INT64:
+        case TYPE_INT64_9:
           r = num_cmp<int64_t>(static_cast<int64_t>(be64(pa)), static_cast<int64_t>(be64(pb)));
           break;
-        case 17:
+        case TYPE_BOOL:
           // Reversed on purpose: "true" (1) sorts before "false" (0).
           r = num_cmp<int8_t>(static_cast<int8_t>(pb[0]), static_cast<int8_t>(pa[0]));
           break;
-        case 29:
-        case 30:
-          if (mode == 1 || mode == 2) {
+        case TYPE_BITMASK32:
+        case TYPE_BITMASK64:
+          if (mode == ORDER_LENGTH_FIRST || mode == ORDER_LENGTH_FIRST_BUT_LAST) {
             r = cmp_mask(mask_value(pa, bt), mask_value(pb, bt));
             break;
           }
@@ -354,19 +346,20 @@ int _arbo_nif_cmp_bin_keys(ErlNifEnv* env, ERL_NIF_TERM t1, int kind1, ERL_NIF_T
   if (!enif_inspect_binary(env, t1, &b1) || !enif_inspect_binary(env, t2, &b2)) return 0;
   const auto l1 = static_cast<int32_t>(b1.size);
   const auto l2 = static_cast<int32_t>(b2.size);
-  if (kind1 == 6 && kind2 == 6) {
+  if (kind1 == KEY_OPAQUE && kind2 == KEY_OPAQUE) {
     *result = cmp_opaque(b1.data, l1, b2.data, l2, mode);
   } else {
-    *result = cmp_tuple_key(b1.data, l1, kind1 == 6, b2.data, l2, kind2 == 6, mode);
+    *result =
+        cmp_tuple_key(b1.data, l1, kind1 == KEY_OPAQUE, b2.data, l2, kind2 == KEY_OPAQUE, mode);
   }
   return 1;
 }
 
 namespace {
 
-// Kind 27 is {Ns, Int}, the namespace unread; every other kind a bare Int.
+// KEY_NS_INT is {Ns, Int}, the namespace unread; every other kind a bare Int.
 bool get_int_key(ErlNifEnv* env, ERL_NIF_TERM t, int kind, int* out) {
-  if (kind == 27) {
+  if (kind == KEY_NS_INT) {
     int arity = 0;
     const ERL_NIF_TERM* elems = nullptr;
     if (!enif_get_tuple(env, t, &arity, &elems) || arity != 2) return false;
@@ -375,7 +368,7 @@ bool get_int_key(ErlNifEnv* env, ERL_NIF_TERM t, int kind, int* out) {
   return enif_get_int(env, t, out) != 0;
 }
 
-inline bool is_bin_kind(int kind) { return kind == 5 || kind == 6; }
+inline bool is_bin_kind(int kind) { return kind == KEY_TUPLE || kind == KEY_OPAQUE; }
 
 }  // namespace
 

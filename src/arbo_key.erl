@@ -31,6 +31,8 @@
 -export([encode/1, decode/1, validate/1, compare/2, compare/3]).
 -export_type([element/0, key/0, reason/0, mode/0]).
 
+-include("arbo_codes.hrl").
+
 -type element() :: arbo_val:value().
 -type key() :: [element()].
 -type mode() :: plain | length_first | length_first_but_last.
@@ -66,7 +68,7 @@ rule(201) -> {field, 1, 6};
 rule(202) -> {field, 2, 6};
 rule(203) -> {field, 4, 6};
 rule(18) -> {field, 4, 2};
-rule(204) -> rest;
+rule(?T_REST) -> rest;
 rule(_) -> unknown.
 
 %% ---------------------------------------------------------------------------
@@ -85,9 +87,9 @@ encode([], Acc) ->
     Bin = iolist_to_binary(lists:reverse(Acc)),
     byte_size(Bin) =< ?MAX_KEY orelse error({bad_key, too_long}),
     Bin;
-encode([{binary, 204, Rest} | More], Acc) when is_binary(Rest) ->
+encode([{binary, ?T_REST, Rest} | More], Acc) when is_binary(Rest) ->
     More =:= [] orelse error({bad_key, rest_not_last}),
-    encode([], [<<204, Rest/binary>> | Acc]);
+    encode([], [<<?T_REST, Rest/binary>> | Acc]);
 encode([E | More], Acc) ->
     case encode_element(E) of
         {ok, Bin} -> encode(More, [Bin | Acc]);
@@ -121,9 +123,9 @@ compare(K1, K2) -> compare(K1, K2, plain).
 -spec compare(key() | {opaque, binary()}, key() | {opaque, binary()}, mode()) -> -1 | 0 | 1.
 compare(K1, K2, Mode) ->
     M = case Mode of
-            plain -> 0;
-            length_first -> 1;
-            length_first_but_last -> 2;
+            plain -> ?ORDER_PLAIN;
+            length_first -> ?ORDER_LENGTH_FIRST;
+            length_first_but_last -> ?ORDER_LENGTH_FIRST_BUT_LAST;
             _ -> error({bad_mode, Mode})
         end,
     {B1, C1} = key_arg(K1),
@@ -134,8 +136,8 @@ compare(K1, K2, Mode) ->
 %% ---------------------------------------------------------------------------
 %% Internals
 
-key_arg({opaque, B}) when is_binary(B), byte_size(B) =< ?MAX_KEY -> {B, 6};
-key_arg(K) when is_list(K) -> {encode(K), 5};
+key_arg({opaque, B}) when is_binary(B), byte_size(B) =< ?MAX_KEY -> {B, ?KEY_OPAQUE};
+key_arg(K) when is_list(K) -> {encode(K), ?KEY_TUPLE};
 key_arg(K) -> error({bad_key, K}).
 
 encode_element({binary, T, C}) when is_integer(T), T >= 0, T =< 255, is_binary(C) ->
@@ -190,8 +192,8 @@ walk(Bin, Off) ->
 
 decode(Bin, Off, Acc) ->
     case Bin of
-        <<_:Off/binary, 204, Rest/binary>> ->
-            {ok, lists:reverse(Acc, [{binary, 204, Rest}])};
+        <<_:Off/binary, ?T_REST, Rest/binary>> ->
+            {ok, lists:reverse(Acc, [{binary, ?T_REST, Rest}])};
         <<_:Off/binary, T, _/binary>> ->
             case element(T, Bin, Off) of
                 {ok, Hdr, Len} ->

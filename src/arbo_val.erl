@@ -37,6 +37,8 @@
 
 -export_type([value/0, type_code/0, reason/0]).
 
+-include("arbo_codes.hrl").
+
 -define(IS_BYTE(X), (is_integer(X) andalso X >= 0 andalso X =< 255)).
 
 -type type_code() :: 0..255.
@@ -136,33 +138,37 @@ frame(<<T, Rest/binary>>) ->
 %% @doc The bytes of a named element form (type byte included), or `error'
 %% for a term that is no named form or is out of range.
 -spec encode_named(term()) -> {ok, binary()} | error.
-encode_named(empty) -> {ok, <<0>>};
-encode_named({int8, I}) when is_integer(I), I >= -16#80, I =< 16#7f -> {ok, <<6, I:8/signed>>};
-encode_named({uint8, I}) when is_integer(I), I >= 0, I =< 16#ff -> {ok, <<10, I>>};
-encode_named({bool, true}) -> {ok, <<17, 1>>};
-encode_named({bool, false}) -> {ok, <<17, 0>>};
+encode_named(empty) -> {ok, <<?T_EMPTY>>};
+encode_named({int8, I}) when is_integer(I), I >= -16#80, I =< 16#7f ->
+    {ok, <<?T_INT8, I:8/signed>>};
+encode_named({uint8, I}) when is_integer(I), I >= 0, I =< 16#ff -> {ok, <<?T_UINT8, I>>};
+encode_named({bool, true}) -> {ok, <<?T_BOOL, 1>>};
+encode_named({bool, false}) -> {ok, <<?T_BOOL, 0>>};
 encode_named({int16, I}) when is_integer(I), I >= -16#8000, I =< 16#7fff ->
-    {ok, <<7, I:16/signed>>};
-encode_named({uint16, I}) when is_integer(I), I >= 0, I =< 16#ffff -> {ok, <<11, I:16>>};
+    {ok, <<?T_INT16, I:16/signed>>};
+encode_named({uint16, I}) when is_integer(I), I >= 0, I =< 16#ffff -> {ok, <<?T_UINT16, I:16>>};
 encode_named({int32, I}) when is_integer(I), I >= -16#80000000, I =< 16#7fffffff ->
-    {ok, <<8, I:32/signed>>};
-encode_named({uint32, I}) when is_integer(I), I >= 0, I =< 16#ffffffff -> {ok, <<12, I:32>>};
+    {ok, <<?T_INT32, I:32/signed>>};
+encode_named({uint32, I}) when is_integer(I), I >= 0, I =< 16#ffffffff ->
+    {ok, <<?T_UINT32, I:32>>};
 encode_named({int64, I}) when is_integer(I), I >= -(1 bsl 63), I < 1 bsl 63 ->
-    {ok, <<9, I:64/signed>>};
-encode_named({uint64, I}) when is_integer(I), I >= 0, I < 1 bsl 64 -> {ok, <<13, I:64>>};
+    {ok, <<?T_INT64, I:64/signed>>};
+encode_named({uint64, I}) when is_integer(I), I >= 0, I < 1 bsl 64 -> {ok, <<?T_UINT64, I:64>>};
 encode_named({ipv4, {A, B, C, D}}) when ?IS_BYTE(A), ?IS_BYTE(B), ?IS_BYTE(C), ?IS_BYTE(D) ->
-    {ok, <<15, A, B, C, D>>};
-encode_named({bitmask32, M}) when is_integer(M), M >= 0, M =< 16#ffffffff -> {ok, <<29, M:32>>};
-encode_named({bitmask64, M}) when is_integer(M), M >= 0, M < 1 bsl 64 -> {ok, <<30, M:64>>};
+    {ok, <<?T_IPV4, A, B, C, D>>};
+encode_named({bitmask32, M}) when is_integer(M), M >= 0, M =< 16#ffffffff ->
+    {ok, <<?T_BITMASK32, M:32>>};
+encode_named({bitmask64, M}) when is_integer(M), M >= 0, M < 1 bsl 64 ->
+    {ok, <<?T_BITMASK64, M:64>>};
 encode_named({date, {Y, M, D}}) when is_integer(Y), Y >= -16#8000, Y =< 16#7fff,
                                      ?IS_BYTE(M), ?IS_BYTE(D) ->
-    {ok, <<20, Y:16/signed, M, D, 0, 0>>};
+    {ok, <<?T_DATE, Y:16/signed, M, D, 0, 0>>};
 encode_named({string, S}) when is_binary(S), byte_size(S) =< 16#ff ->
-    {ok, <<200, (byte_size(S)), S/binary>>};
+    {ok, <<?T_STRING, (byte_size(S)), S/binary>>};
 encode_named({string, S}) when is_binary(S), byte_size(S) =< 16#ffffffff ->
-    {ok, <<205, (byte_size(S)):32, S/binary>>};
+    {ok, <<?T_STRING32, (byte_size(S)):32, S/binary>>};
 encode_named({string32, S}) when is_binary(S), byte_size(S) =< 16#ffffffff ->
-    {ok, <<205, (byte_size(S)):32, S/binary>>};
+    {ok, <<?T_STRING32, (byte_size(S)):32, S/binary>>};
 encode_named(_) -> error.
 
 %% @private
@@ -170,24 +176,24 @@ encode_named(_) -> error.
 %% after its header) is `P', or `none' when the type has no named form or the
 %% payload is one the named form cannot say.
 -spec decode_named(type_code(), binary()) -> value() | none.
-decode_named(0, <<>>) -> empty;
-decode_named(6, <<I:8/signed>>) -> {int8, I};
-decode_named(10, <<I>>) -> {uint8, I};
-decode_named(17, <<0>>) -> {bool, false};
-decode_named(17, <<1>>) -> {bool, true};
-decode_named(7, <<I:16/signed>>) -> {int16, I};
-decode_named(11, <<I:16>>) -> {uint16, I};
-decode_named(8, <<I:32/signed>>) -> {int32, I};
-decode_named(12, <<I:32>>) -> {uint32, I};
-decode_named(9, <<I:64/signed>>) -> {int64, I};
-decode_named(13, <<I:64>>) -> {uint64, I};
-decode_named(15, <<A, B, C, D>>) -> {ipv4, {A, B, C, D}};
-decode_named(29, <<M:32>>) -> {bitmask32, M};
-decode_named(30, <<M:64>>) -> {bitmask64, M};
-decode_named(20, <<Y:16/signed, M, D, 0, 0>>) -> {date, {Y, M, D}};
-decode_named(200, S) -> {string, S};
-decode_named(205, S) when byte_size(S) > 16#ff -> {string, S};
-decode_named(205, S) -> {string32, S};
+decode_named(?T_EMPTY, <<>>) -> empty;
+decode_named(?T_INT8, <<I:8/signed>>) -> {int8, I};
+decode_named(?T_UINT8, <<I>>) -> {uint8, I};
+decode_named(?T_BOOL, <<0>>) -> {bool, false};
+decode_named(?T_BOOL, <<1>>) -> {bool, true};
+decode_named(?T_INT16, <<I:16/signed>>) -> {int16, I};
+decode_named(?T_UINT16, <<I:16>>) -> {uint16, I};
+decode_named(?T_INT32, <<I:32/signed>>) -> {int32, I};
+decode_named(?T_UINT32, <<I:32>>) -> {uint32, I};
+decode_named(?T_INT64, <<I:64/signed>>) -> {int64, I};
+decode_named(?T_UINT64, <<I:64>>) -> {uint64, I};
+decode_named(?T_IPV4, <<A, B, C, D>>) -> {ipv4, {A, B, C, D}};
+decode_named(?T_BITMASK32, <<M:32>>) -> {bitmask32, M};
+decode_named(?T_BITMASK64, <<M:64>>) -> {bitmask64, M};
+decode_named(?T_DATE, <<Y:16/signed, M, D, 0, 0>>) -> {date, {Y, M, D}};
+decode_named(?T_STRING, S) -> {string, S};
+decode_named(?T_STRING32, S) when byte_size(S) > 16#ff -> {string, S};
+decode_named(?T_STRING32, S) -> {string32, S};
 decode_named(_, _) -> none.
 
 %% ---------------------------------------------------------------------------
