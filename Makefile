@@ -40,7 +40,7 @@ ebin/.stamp: $(ERL_SRC) $(wildcard src/*.hrl include/*.hrl)
 
 test/ebin/.stamp: $(TEST_SRC) $(BENCH_SRC) $(wildcard test/*.hrl bench/*.hrl) ebin/.stamp
 	@mkdir -p test/ebin
-	erlc $(ERLC_FLAGS) -pa ebin -o test/ebin $(TEST_SRC) $(BENCH_SRC)
+	erlc $(ERLC_FLAGS) -I include -pa ebin -o test/ebin $(TEST_SRC) $(BENCH_SRC)
 	@touch $@
 
 # Every suite: C++ unit tests, the Erlang suites against the release build,
@@ -76,7 +76,7 @@ PLT ?= $(BUILD)/arbo.plt
 check: erl
 	@test -f $(PLT) || dialyzer --build_plt --apps erts kernel stdlib --output_plt $(PLT)
 	dialyzer --plt $(PLT) ebin/*.beam
-	$(ERL) -noshell -eval 'edoc:files(filelib:wildcard("src/*.erl"), [{dir, "doc"}, {preprocess, true}, {includes, ["src"]}]), halt().'
+	$(ERL) -noshell -eval 'edoc:files(filelib:wildcard("src/*.erl"), [{dir, "doc"}, {preprocess, true}, {includes, ["src", "include"]}]), halt().'
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD) ebin test/ebin priv

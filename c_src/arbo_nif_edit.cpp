@@ -8,25 +8,13 @@
 #include <erl_nif.h>
 
 #include "arbo_alloc.h"
+#include "arbo_codes.h"
 #include "arbo_nif.h"
 #include "arbo_store.h"
 
 namespace arbo {
 
 namespace {
-
-// Key kind codes of add_hkey.
-constexpr unsigned kAddTag2 = 2, kAddTag3 = 3, kAddInt = 4, kAddBin = 5, kAddBinTuple = 6,
-                   kAddPair = 27;
-// Key kind codes of del_hkey.
-constexpr unsigned kDelTag13 = 13, kDelTag14 = 14, kDelBin = 15, kDelBinTuple = 52,
-                   kDelPair = 29;
-// Key kind codes of rename_instance0 and the store's key kinds they map to.
-constexpr unsigned kRenTag = 4, kRenBin = 5, kRenBinTuple = 6, kRenPair = 27;
-constexpr int kStoreKeyTag = 2, kStoreKeyPair = 3, kStoreKeyBinTuple = 4, kStoreKeyBin = 5;
-
-// add_kind values of _arbo_nif_add_hkey_int.
-constexpr int kAddList = 0, kAddInstance = 1, kAddContainer = 2, kAddLeaf = 3;
 
 bool type_invalid(const arbo_node* n) { return n->type() == 0; }
 
@@ -45,7 +33,7 @@ ARBO_NIF_FN(add_hkey_dyn) {
   if (type_invalid(parent)) return ARBO_INVALID_TYPE(env);
   store_ctx ctx{g.table(), env};
   arbo_node* n =
-      _arbo_nif_add_hkey_int(parent, tag, ns, &ctx, kAddList, static_cast<uint8_t>(mode));
+      _arbo_nif_add_hkey_int(parent, tag, ns, &ctx, ADD_LIST, static_cast<uint8_t>(mode));
   if (n == nullptr) return ARBO_BADARG(env);
   return make_node(env, n);
 }
@@ -61,7 +49,7 @@ ARBO_NIF_FN(add_hkey_internal) {
   if (parent->is_dyn()) return ARBO_BADARG(env);
   if (type_invalid(parent)) return ARBO_INVALID_TYPE(env);
   store_ctx ctx{g.table(), env};
-  arbo_node* n = _arbo_nif_add_hkey_int(parent, tag, 0, &ctx, kAddContainer, 0);
+  arbo_node* n = _arbo_nif_add_hkey_int(parent, tag, 0, &ctx, ADD_CONTAINER, 0);
   if (n == nullptr) return ARBO_BADARG(env);
   return make_node(env, n);
 }
@@ -80,22 +68,22 @@ ARBO_NIF_FN(add_hkey) {
   int add_kind = 0;
   uint32_t key_flag = 0;
   switch (code) {
-    case kAddTag2:
-    case kAddTag3:
+    case KEY_TAG:
+    case KEY_TAG_ALT:
       // Lenient on purpose: a key that is no tag form adds tag 0 in namespace 0.
       (void)get_htag(env, argv[2], &ns, &tag);
-      add_kind = kAddLeaf;
+      add_kind = ADD_LEAF;
       break;
-    case kAddInt: {
+    case KEY_INT: {
       int k = 0;
       if (!enif_get_int(env, argv[2], &k)) return ARBO_BADARG(env);
       tag = static_cast<uint32_t>(k);
-      add_kind = kAddInstance;
+      add_kind = ADD_INSTANCE;
       key_flag = F_KEY_IS_TUPLE;
       break;
     }
-    case kAddBin:
-    case kAddBinTuple: {
+    case KEY_TUPLE:
+    case KEY_OPAQUE: {
       // Byte keys go straight to the list: no type check, the store sets the flags.
       ErlNifBinary bin;
       if (!enif_inspect_binary(env, argv[2], &bin)) return ARBO_BADARG(env);
@@ -104,12 +92,12 @@ ARBO_NIF_FN(add_hkey) {
       if (n == nullptr) return ARBO_BADARG(env);
       return make_node(env, n);
     }
-    case kAddPair: {
+    case KEY_NS_INT: {
       int a = 0, b = 0;
       if (!get_int_pair(env, argv[2], &a, &b)) return ARBO_BADARG(env);
       ns = static_cast<uint32_t>(a);
       tag = static_cast<uint32_t>(b);
-      add_kind = kAddInstance;
+      add_kind = ADD_INSTANCE;
       key_flag = F_KEY_IS_BTUPLE;
       break;
     }
@@ -136,22 +124,22 @@ ARBO_NIF_FN(del_hkey) {
 
   uint32_t ns = 0, tag = 0;
   switch (code) {
-    case kDelTag13:
-    case kDelTag14:
+    case DEL_TAG:
+    case DEL_TAG_ALT:
       (void)get_htag(env, argv[2], &ns, &tag);  // lenient, as for add_hkey
       break;
-    case kDelBin:
-    case kDelBinTuple: {
+    case DEL_TUPLE:
+    case DEL_OPAQUE: {
       // Only lists hold byte keys; anything else answers false before the key is read.
       if (!parent->is_dyn()) return am_false;
       ErlNifBinary bin;
       if (!enif_inspect_binary(env, argv[2], &bin)) return ARBO_BADARG(env);
-      if (!_arbo_nif_del_hkey_bin(parent, code == kDelBinTuple, bin.data, bin.size, &ctx))
+      if (!_arbo_nif_del_hkey_bin(parent, code == DEL_OPAQUE, bin.data, bin.size, &ctx))
         return am_false;
       g.table()->generation++;
       return am_true;
     }
-    case kDelPair: {
+    case DEL_NS_INT: {
       int a = 0, b = 0;
       if (!get_int_pair(env, argv[2], &a, &b)) return ARBO_BADARG(env);
       ns = static_cast<uint32_t>(a);
@@ -252,29 +240,29 @@ ARBO_NIF_FN(rename_instance) {
   if (!list->is_dyn()) return ARBO_BADARG(env);
   // An unknown code answers at once: no key is read, no lock taken (so even
   // with a closed table's handle it gets its "false").
-  if (code != kRenBin && code != kRenBinTuple && code != kRenPair && code != kRenTag)
+  if (code != KEY_TUPLE && code != KEY_OPAQUE && code != KEY_NS_INT && code != KEY_INT)
     return am_false;
 
   int key_kind = 0;
   ErlNifBinary bin{};
   uint32_t ns = 0, tag = 0;
   switch (code) {
-    case kRenBin:
-    case kRenBinTuple:
+    case KEY_TUPLE:
+    case KEY_OPAQUE:
       if (!enif_inspect_binary(env, argv[3], &bin)) return ARBO_BADARG(env);
-      key_kind = code == kRenBin ? kStoreKeyBin : kStoreKeyBinTuple;
+      key_kind = code == KEY_TUPLE ? STORE_KEY_TUPLE : STORE_KEY_OPAQUE;
       break;
-    case kRenPair: {
+    case KEY_NS_INT: {
       int a = 0, b = 0;
       if (!get_int_pair(env, argv[3], &a, &b)) return ARBO_BADARG(env);
       ns = static_cast<uint32_t>(a);
       tag = static_cast<uint32_t>(b);
-      key_kind = kStoreKeyPair;
+      key_kind = STORE_KEY_NS_INT;
       break;
     }
-    case kRenTag:
+    case KEY_INT:
       if (!get_htag(env, argv[3], &ns, &tag)) return ARBO_BADARG(env);
-      key_kind = kStoreKeyTag;
+      key_kind = STORE_KEY_TAG;
       break;
     default:
       return am_false;

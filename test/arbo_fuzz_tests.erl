@@ -197,7 +197,7 @@ pick(L) -> lists:nth(rand:uniform(length(L)), L).
 %% ---- the child VM -----------------------------------------------------------
 
 setup() ->
-    [{module, M} = code:ensure_loaded(M) || M <- [arbo, arbo_tree, arbo_key, arbo_tree_util]],
+    [{module, M} = code:ensure_loaded(M) || M <- [arbo, arbo_tree, arbo_key, arbo_test_util]],
     [] = [{F, length(K)} || {F, K, _, _} <- natives()] -- arbo:module_info(exports),   % the table names natives
     Dir = filename:join("/tmp", "arbo_fuzz_" ++ os:getpid()),   % random paths of the API sweep land here
     ok = filelib:ensure_dir(filename:join(Dir, "x")),
@@ -214,7 +214,7 @@ setup() ->
     Wrong = try crypto:hash_init(sha256) catch _:_ -> atomics:new(1, []) end,
     persistent_term:put(?MODULE, #{t => T, closed => Closed, wrong => Wrong, places => P, dir => Dir,
                                    nodes => maps:from_list([{N, Sort(N)} || K <- [r, c, g, l, li, u, i, j], N <- [maps:get(K, P)]]),
-                                   n0 => arbo_tree_util:type0_node(T, R), before => counters(T),
+                                   n0 => arbo_test_util:type0_node(T, R), before => counters(T),
                                    made_up => [8, 16#1000, (1 bsl 64) - 1, ClosedRoot, R + (1 bsl 40)]}).
 
 counters(T) -> [arbo:get_size(T), arbo:get_generation(T), arbo:get_mem(T)].

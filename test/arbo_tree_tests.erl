@@ -1,12 +1,12 @@
-%% The tree API: every function on a small configuration tree, its errors
-%% (one generator per error family), model-based random sequences on sorted
-%% and user-ordered lists, filtered walks across the library's yields,
-%% iterator stacks (inactive instances are nav_tests'), and the gate: a reader killed inside it, one pass for
-%% many calls, the owner's exit.
+%% The tree API: its families on a small configuration tree, its errors (one
+%% generator per error family), model-based random sequences on sorted and
+%% user-ordered lists, and filtered walks across the library's yields.
+%% Iterator stacks of inactive instances: nav_tests; the gate: arbo_gate_tests.
 -module(arbo_tree_tests).
 -include_lib("proper/include/proper.hrl").
 -include_lib("eunit/include/eunit.hrl").
 
+-export([config/0]).
 
 %% A small configuration: /1 container, /1/2 sorted list of interfaces
 %% keyed by name, each with leaves mtu (5) and enabled ({3, 6}); /7 a
@@ -24,51 +24,76 @@ config() ->
 
 keys(T, N) -> [arbo_tree:key(T, C) || C <- arbo_tree:children(T, N)].
 
-%% Types, keys as read back, lookups by path and encoded key, the
-%% neighbours at the ends, find_after, value, flag and attribute calls
-%% (their encodings are the codec's and the store's business; moves and
-%% deletion by key are the model's and the stress writers'), references
-%% going stale (also on the iterator stack), namespaces and clear.
-tour_test() ->
+%% The API's families on the configuration tree, one named case each (value
+%% and key encodings are the codec's and the store's business; moves and
+%% deletion by key are the model's and the stress writers').
+families_test_() ->
+    [{"lookups, keys and neighbours", fun lookups/0}, {"values, flags and attributes", fun props/0},
+     {"references go stale, also on the iterator stack", fun staleness/0},
+     {"namespaces and clear", fun namespaces/0}].
+
+lookups() ->
     T = config(),
     R = arbo_tree:root(T),
     Ifs = arbo_tree:lookup(T, [1, 2]),
     Rules = arbo_tree:find(T, R, 7),
     [Eth0, Eth1, Lo] = arbo_tree:children(T, Ifs),
+    ?assertEqual([{tuple, [{string, N}]} || N <- [<<"eth0">>, <<"eth1">>, <<"lo">>]], keys(T, Ifs)),
+    ?assertEqual([{int, 30}, {int, 10}, {int, 20}], keys(T, Rules)),
+    Same = fun(A, B) -> ?assert(arbo_tree:is_same(A, B)) end,
+    Same(Eth0, arbo_tree:find(T, Ifs, {encoded, <<200, 4, "eth0">>})),
+    Same(Lo, arbo_tree:find_after(T, Ifs, [{string, <<"eth1">>}])),
+    Same(Eth1, arbo_tree:find_after(T, Ifs, [{string, <<"eth1">>}], inclusive)),
+    Same(Eth1, arbo_tree:prev_sibling(T, Lo)),
     Mtu = arbo_tree:find(T, Eth0, 5),
-    ?assertEqual({[{tuple, [{string, N}]} || N <- [<<"eth0">>, <<"eth1">>, <<"lo">>]], [{int, 30}, {int, 10}, {int, 20}]},
-                 {keys(T, Ifs), keys(T, Rules)}),
-    ?assertEqual([true, true, true, true], [arbo_tree:is_same(A, B) || {A, B} <- [{Eth0, arbo_tree:find(T, Ifs, {encoded, <<200, 4, "eth0">>})},
-                     {Lo, arbo_tree:find_after(T, Ifs, [{string, <<"eth1">>}])},
-                     {Eth1, arbo_tree:find_after(T, Ifs, [{string, <<"eth1">>}], inclusive)}, {Eth1, arbo_tree:prev_sibling(T, Lo)}]]),
-    ?assertEqual({{bool, true}, {csval, <<12, 9000:32>>}, [root, container, {list, sorted}, instance, leaf, {list, user_order}]},
-                 {arbo_tree:value(T, arbo_tree:lookup(T, [1, 2, [{string, <<"eth0">>}], {3, 6}])), arbo_tree:value_raw(T, Mtu),
-                  [arbo_tree:type(T, N) || N <- [R, arbo_tree:find(T, R, 1), Ifs, Eth0, Mtu, Rules]]}),
-    ?assertEqual({none, none, none, none, 3, 3}, {arbo_tree:next_sibling(T, Lo), arbo_tree:prev_sibling(T, Eth0),
-                                                  arbo_tree:nth_child(T, Ifs, 4), arbo_tree:lookup(T, [1, 9]),
-                                                  arbo_tree:child_index(T, Lo), arbo_tree:num_children(T, Ifs)}),
+    ?assertEqual([root, container, {list, sorted}, instance, leaf, {list, user_order}],
+                 [arbo_tree:type(T, N) || N <- [R, arbo_tree:find(T, R, 1), Ifs, Eth0, Mtu, Rules]]),
+    [?assertEqual(none, N) || N <- [arbo_tree:next_sibling(T, Lo), arbo_tree:prev_sibling(T, Eth0),
+                                   arbo_tree:nth_child(T, Ifs, 4), arbo_tree:lookup(T, [1, 9])]],
+    ?assertEqual({3, 3}, {arbo_tree:child_index(T, Lo), arbo_tree:num_children(T, Ifs)}),
     %% an empty sorted list has no last child (the library answers a header)
     ?assertEqual(none, arbo_tree:last_child(T, arbo_tree:add_list(T, R, 8, sorted_length_first))),
+    ok = arbo_tree:close(T).
+
+props() ->
+    T = config(),
+    Eth0 = arbo_tree:lookup(T, [1, 2, [{string, <<"eth0">>}]]),
+    Mtu = arbo_tree:find(T, Eth0, 5),
+    ?assertEqual({bool, true}, arbo_tree:value(T, arbo_tree:find(T, Eth0, {3, 6}))),
+    ?assertEqual({csval, <<12, 9000:32>>}, arbo_tree:value_raw(T, Mtu)),
     [ok = arbo_tree:F(T, Mtu, V) || {F, V} <- [{set_flags, 1 bsl 40 + 5}, {add_flags, 2}, {clear_flags, 1}]],
-    [ok, ok, ok, ok] = [arbo_tree:clear_value(T, Mtu), arbo_tree:set_attr(T, Eth0, 1, {uint8, 3}),
-                        arbo_tree:set_attr(T, Eth0, 2, {uint8, 4}), arbo_tree:delete_attr(T, Eth0, 2)],
-    ?assertEqual({undefined, 1 bsl 40 + 6, [{uint8, 3}, undefined]},
-                 {arbo_tree:value(T, Mtu), arbo_tree:flags(T, Mtu), [arbo_tree:attr(T, Eth0, Id) || Id <- [1, 2]]}),
+    ?assertEqual(1 bsl 40 + 6, arbo_tree:flags(T, Mtu)),
+    ok = arbo_tree:clear_value(T, Mtu),
+    ?assertEqual(undefined, arbo_tree:value(T, Mtu)),
+    [ok, ok, ok] = [arbo_tree:set_attr(T, Eth0, 1, {uint8, 3}), arbo_tree:set_attr(T, Eth0, 2, {uint8, 4}),
+                    arbo_tree:delete_attr(T, Eth0, 2)],
+    ?assertEqual([{uint8, 3}, undefined], [arbo_tree:attr(T, Eth0, Id) || Id <- [1, 2]]),
+    ok = arbo_tree:close(T).
+
+staleness() ->
+    T = config(),
+    R = arbo_tree:root(T),
+    Ifs = arbo_tree:lookup(T, [1, 2]),
     [ok = arbo_tree:iter_push(T, N) || N <- [R, Ifs]],
     {ok, Top} = arbo_tree:iter_top(T),
-    ok = arbo_tree:delete(T, Eth1),
+    ok = arbo_tree:delete(T, arbo_tree:nth_child(T, Ifs, 2)),
     ?assertError({stale_node, _}, arbo_tree:children(T, Ifs)),
-    ?assertEqual({true, {error, stale}, 2, [ok, ok], {error, empty}},
-                 {arbo_tree:is_same(Ifs, Top), arbo_tree:iter_top(T), arbo_tree:iter_depth(T),
-                  [arbo_tree:iter_pop(T) || _ <- [1, 2]], arbo_tree:iter_pop(T)}),
-    %% (the root's reference went stale with the deletion, like any other)
+    ?assert(arbo_tree:is_same(Ifs, Top)),
+    ?assertEqual({error, stale}, arbo_tree:iter_top(T)),
+    ?assertEqual(2, arbo_tree:iter_depth(T)),
+    ?assertEqual([ok, ok, {error, empty}], [arbo_tree:iter_pop(T) || _ <- [1, 2, 3]]),
+    ok = arbo_tree:close(T).
+
+namespaces() ->
+    T = config(),
     NsLeaf = arbo_tree:add_leaf(T, arbo_tree:root(T), {4, 1}),
     ?assertEqual({true, {5, 1}}, {arbo_tree:rename_ns(T, NsLeaf, 5), arbo_tree:key(T, NsLeaf)}),
     %% onto a taken pair the library would drop the leaf: refused before it
-    {Taken, ok} = {arbo_tree:add_leaf(T, arbo_tree:root(T), {6, 1}), arbo_tree:set_value(T, NsLeaf, <<"plain bytes">>)},
+    Taken = arbo_tree:add_leaf(T, arbo_tree:root(T), {6, 1}),
+    ok = arbo_tree:set_value(T, NsLeaf, <<"plain bytes">>),
     Before = arbo_tree:info(T),
-    ?assertEqual({false, Before, {6, 1}},
-                 {arbo_tree:rename_ns(T, NsLeaf, 6), arbo_tree:info(T), arbo_tree:key(T, Taken)}),
+    ?assertEqual(false, arbo_tree:rename_ns(T, NsLeaf, 6)),
+    ?assertEqual({Before, {6, 1}}, {arbo_tree:info(T), arbo_tree:key(T, Taken)}),
     ?assertEqual([true, false], [arbo_tree:delete_ns(T, arbo_tree:root(T), 5) || _ <- [1, 2]]),
     ok = arbo_tree:clear(T),
     ?assertMatch(#{size := 0}, arbo_tree:info(T)),
@@ -172,54 +197,3 @@ move_model(M, K, Pos) ->
     {Before, After} = lists:split(Pos, M),
     Stays = lists:member(K, [hd(After ++ [none]), lists:last([none | Before])]),
     if Stays -> M; true -> (Before -- [K]) ++ [K] ++ (After -- [K]) end.
-
-%% ---- the gate --------------------------------------------------------------
-
-%% A process deleting the rules list /7; it exits with delete's answer.
-writer(T) -> spawn_monitor(fun() -> exit(arbo_tree:delete(T, arbo_tree:root(T), 7)) end).
-
-%% A reader killed between its announcement and its withdrawal does not
-%% hold writers off: the keeper drops a dead reader's word.
-killed_inside_gate_test() ->
-    T = config(),
-    Self = self(),
-    Pid = spawn(fun() -> {arbo, _, _, {arbo_gate, _, _, Word}} = arbo_tree:attach(T),
-                         atomics:add(Word, 1, 1),   % inside, as if preempted there
-                         Self ! inside, receive never -> ok end end),
-    receive inside -> ok end,
-    {WPid, WRef} = writer(T),
-    receive {'DOWN', WRef, _, _, _} -> error(writer_did_not_wait) after 200 -> exit(Pid, kill) end,
-    receive {'DOWN', WRef, process, WPid, R} -> ?assertEqual(true, R) after 5000 -> error(writer_stuck) end,
-    ok = arbo_tree:close(T).
-
-owner_exit_closes_test() ->
-    Self = self(),
-    {Pid, Ref} = spawn_monitor(fun() -> Self ! {tree, config()} end),
-    {arbo, _, _, {arbo_gate, Keeper, _, _}} = T = receive {tree, X} -> X end,
-    MRef = erlang:monitor(process, Keeper),
-    receive {'DOWN', Ref, process, Pid, _} -> receive {'DOWN', MRef, _, _, _} -> ok after 5000 -> error(keeper_alive) end end,
-    ?assertError({arbo_closed, _}, arbo_tree:root(T)).
-
-%% One pass through the gate for many calls: the reader handle works only
-%% inside, only in its process; writers wait for the pass, and a pass that
-%% meets a waiting writer does not deadlock on itself.
-reading_test() ->
-    T = config(),
-    Ifs = arbo_tree:lookup(T, [1, 2]),
-    Self = self(),
-    Reader = arbo_tree:reading(T, fun(RT) ->
-        Eth1 = arbo_tree:next_sibling(RT, arbo_tree:first_child(RT, Ifs)),
-        %% nested, and the plain handle inside
-        ?assertEqual({2, 3}, {arbo_tree:reading(T, fun(RT2) -> arbo_tree:num_children(RT2, Eth1) end),
-                              arbo_tree:num_children(T, Ifs)}),
-        ?assertError({in_reading, _}, arbo_tree:delete(T, Eth1)),
-        ?assertError({in_reading, _}, arbo_tree:clear(RT)),
-        %% a writer of another process waits; this pass still reads
-        Self ! {writer, writer(T)},
-        receive after 100 -> ok end,
-        ?assertEqual({{tuple, [{string, <<"eth1">>}]}, 3}, {arbo_tree:key(RT, Eth1), length(arbo_tree:children(RT, Ifs))}),
-        RT
-    end),
-    receive {writer, {W, WRef}} -> receive {'DOWN', WRef, process, W, Done} -> ?assertEqual(true, Done) end end,
-    ?assertError({reading_over, _}, arbo_tree:root(Reader)),
-    ok = arbo_tree:close(T).

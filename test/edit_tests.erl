@@ -8,8 +8,7 @@
 -module(edit_tests).
 -include_lib("eunit/include/eunit.hrl").
 
--import(walk_util, [with_table/1, reason/1, children/2, str/1]).
--import(arbo_tree_util, [child_keys/2, lib_mem/0]).
+-import(arbo_test_util, [with_table/1, reason/1, children/2, str/1, child_keys/2, lib_mem/0]).
 
 %% Record sizes as the allocator counts them.
 -define(ROOT_MEM, 112).

@@ -9,7 +9,7 @@
 
 -include_lib("eunit/include/eunit.hrl").
 
--import(walk_util, [with_table/1, hide/1, str/1, u32/1, deactivate/2, shuffle/1, pick/1]).
+-import(arbo_test_util, [with_table/1, hide/1, str/1, u32/1, deactivate/2, shuffle/1, pick/1]).
 
 %% ---- the fixed tree ------------------------------------------------------------------------
 

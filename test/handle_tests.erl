@@ -4,8 +4,7 @@
 -module(handle_tests).
 -include_lib("eunit/include/eunit.hrl").
 
--import(walk_util, [child_vm/2]).
--import(arbo_tree_util, [lib_mem/0]).
+-import(arbo_test_util, [child_vm/2, lib_mem/0]).
 
 -define(ROOT_MEM, 112).  % a T_GEN_NODE_MAX record
 

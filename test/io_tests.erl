@@ -65,8 +65,8 @@ sample_file_test() -> reload(fun build_sample/1).
 reload(Build) ->
     Saved = Build(T = arbo:new()),
     {true, _} = load_into(T2 = arbo:new(), Saved, -1, 0),
-    ?assertEqual({arbo:get_size(T), arbo_tree_util:snapshot(T), Saved},
-                 {arbo:get_size(T2), arbo_tree_util:snapshot(T2), save_bytes(T2, 0)}),
+    ?assertEqual({arbo:get_size(T), arbo_test_util:snapshot(T), Saved},
+                 {arbo:get_size(T2), arbo_test_util:snapshot(T2), save_bytes(T2, 0)}),
     arbo:close(T), arbo:close(T2).
 
 %% A saved list longer than the loader's 1 MiB read buffer: the instance
@@ -110,7 +110,7 @@ block_runs_test() ->
          [Got, Want] = [begin
                             T = arbo:new(),
                             {true, _} = load_into(T, F, -1, 0),
-                            R = {arbo:get_size(T), arbo_tree_util:snapshot(T), save_bytes(T, 0)},
+                            R = {arbo:get_size(T), arbo_test_util:snapshot(T), save_bytes(T, 0)},
                             arbo:close(T),
                             R
                         end || F <- [Fast, Slow]],
@@ -195,14 +195,14 @@ child(T, Node, plain) ->
     end;
 child(T, Node, list) ->
     K = rand:uniform(1000),
-    {Key, Code} = walk_util:pick([{K, 4}, {{rand:uniform(11), K}, 27}, {binary:copy(<<K:16>>, 1 + K rem 8), 6}, {<<12, K:32>>, 5}]),
+    {Key, Code} = arbo_test_util:pick([{K, 4}, {{rand:uniform(11), K}, 27}, {binary:copy(<<K:16>>, 1 + K rem 8), 6}, {<<12, K:32>>, 5}]),
     {arbo:add_hkey(T, Node, Key, Code), plain}.
 
 %% Value (nodes that hold none ignore it), flags, attributes and children.
 decorate(T, {C, KidKind}, Depth) ->
-    {Kind, V} = walk_util:pick([{17, <<8, (rand:uniform(1000)):32>>}, {17, <<14, 70, (binary:copy(<<"c">>, 70))/binary>>},
+    {Kind, V} = arbo_test_util:pick([{17, <<8, (rand:uniform(1000)):32>>}, {17, <<14, 70, (binary:copy(<<"c">>, 70))/binary>>},
                       {18, binary:copy(<<"b">>, rand:uniform(300) - 1)}, {0, <<>>}]),
     ok = arbo:set_val(T, C, Kind, V),
-    arbo:set_flags(T, C, walk_util:pick([0, 16#7F, 16#1234, 16#12345678, 16#123456789A])),
+    arbo:set_flags(T, C, arbo_test_util:pick([0, 16#7F, 16#1234, 16#12345678, 16#123456789A])),
     [arbo:do_set_attr(T, C, rand:uniform(6), <<8, (rand:uniform(99)):32>>) || _ <- lists:seq(1, rand:uniform(3) - 1)],
     grow(T, C, KidKind, Depth - 1).

@@ -5,7 +5,7 @@
 
 -include_lib("eunit/include/eunit.hrl").
 
--import(walk_util, [with_table/1, reason/1, child_vm/2, shuffle/1, pick/1]).
+-import(arbo_test_util, [with_table/1, reason/1, child_vm/2, shuffle/1, pick/1]).
 
 %% Runs Fun in a fresh process and returns its result.
 in_process(Fun) ->

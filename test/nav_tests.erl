@@ -5,7 +5,7 @@
 
 -include_lib("eunit/include/eunit.hrl").
 
--import(walk_util, [with_table/1, reason/1, hide/1, children/2, deactivate/2, shuffle/1, str/1]).
+-import(arbo_test_util, [with_table/1, reason/1, hide/1, children/2, deactivate/2, shuffle/1, str/1]).
 
 %% Every kind of childless node answers "nothing"; an empty sorted list's
 %% last child is its header view, the list node itself (kept).

@@ -4,7 +4,7 @@
 
 -include_lib("eunit/include/eunit.hrl").
 
--import(walk_util, [with_table/1, reason/1, str/1]).
+-import(arbo_test_util, [with_table/1, reason/1, str/1]).
 
 dump(T) ->
     Path = tmp_path(),

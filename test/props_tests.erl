@@ -6,8 +6,7 @@
 -module(props_tests).
 -include_lib("eunit/include/eunit.hrl").
 
--import(walk_util, [with_table/1, children/2, hide/1]).
--import(arbo_tree_util, [flags_free/0]).
+-import(arbo_test_util, [with_table/1, children/2, hide/1, flags_free/0]).
 
 
 %% get_type of every node kind; instances of a sorted list come in three

@@ -13,7 +13,7 @@
 
 -export([prop_model/0]).
 
--import(walk_util, [with_table/1, children/2]).
+-import(arbo_test_util, [with_table/1, children/2]).
 -import(proper_types, [range/2, elements/1, frequency/1]).
 
 %% The lists every tree starts with, under the root at tags 1..4 (ns 0):

@@ -1,7 +1,13 @@
-%% Helpers shared by the navigation, filter, iterator-stack and dump suites.
--module(walk_util).
+%% Helpers shared by the native-level suites: fresh tables, the reason of a
+%% raised exception, child walks, encoded values, random picks, snapshots of
+%% whole trees, the library's counters and a child VM for risky cases.
+-module(arbo_test_util).
 
--export([with_table/1, reason/1, hide/1, children/2, str/1, u32/1, deactivate/2, shuffle/1, pick/1, child_vm/2]).
+-include("arbo_codes.hrl").
+
+-export([with_table/1, reason/1, hide/1, children/2, str/1, u32/1, deactivate/2, shuffle/1, pick/1,
+         child_vm/2]).
+-export([child_keys/2, lib_mem/0, flags_free/0, type0_node/2, snapshot/1]).
 
 %% Runs Fun(T) on a fresh table and closes it afterwards.
 with_table(Fun) -> T = arbo:new(), try Fun(T) after catch arbo:close(T) end.
@@ -21,8 +27,8 @@ chain(_T, 0) -> [];
 chain(T, C) -> [C | chain(T, arbo:next_sibling_nif(T, C, [], 0))].
 
 %% Encoded values (type byte first).
-str(S) -> B = iolist_to_binary(S), <<200, (byte_size(B)):8, B/binary>>.
-u32(N) -> <<12, N:32>>.
+str(S) -> B = iolist_to_binary(S), <<?T_STRING, (byte_size(B)):8, B/binary>>.
+u32(N) -> <<?T_UINT32, N:32>>.
 
 %% An instance is inactive when its attribute list begins with key 0.
 deactivate(T, Node) -> arbo:do_set_attr(T, Node, 0, <<1>>).
@@ -43,3 +49,28 @@ child_vm(Expr, Secs) ->
     Out = os:cmd(Cmd),
     [_, Status] = string:split(Out, "EXIT=", trailing),
     {list_to_integer(string:trim(Status)), Out}.
+
+child_keys(T, Node) -> [arbo:get_hkey0(T, C) || C <- children(T, Node)].
+
+lib_mem() -> hd(arbo:alloc_info()).
+
+%% Free entries of the shared user-flags table.
+flags_free() -> [_, {8, _Cap, Free}] = arbo:alloc_info(), Free.
+
+%% A reference whose type bits read as 0: eight bytes into a childless leaf
+%% (56 bytes), the type word falls on the leaf's null child link. Only fit
+%% for functions that check the type before they read anything else.
+type0_node(T, Parent) -> arbo:add_hkey(T, Parent, [7 | 4242], ?KEY_TAG_ALT) + 8.
+
+%% Every node below the root as {Key, Type, Value, Flags, Attributes,
+%% Children}, children in chain order, attributes as {Key, Value}: two trees
+%% hold the same data exactly when their snapshots are equal.
+snapshot(T) -> [node_snapshot(T, C) || C <- children(T, arbo:get_root(T))].
+
+node_snapshot(T, N) ->
+    {arbo:get_hkey0(T, N), arbo:get_type(T, N), arbo:get_val_raw(T, N), arbo:get_flags(T, N),
+     attrs(T, arbo:get_attr_root(T, N)), [node_snapshot(T, C) || C <- children(T, N)]}.
+
+attrs(_T, 0) -> [];
+attrs(T, A) ->
+    [{arbo:get_hkey0(T, A), arbo:get_val_raw(T, A)} | attrs(T, arbo:next_sibling_nif(T, A, [], 0))].
