@@ -43,9 +43,7 @@ figures(Scale) ->
          {"malformed calls by outcome", string:join([fmt("~s ~b", [L, V]) || {{by, L}, V} <- lists:sort(maps:to_list(S))], ", ")},
          {"edge-of-range values at reading natives, answered", integer_to_list(N(edge))},
          {"combinations not run (valid, or reading a made-up node)", integer_to_list(N(skipped))},
-         {"unexpected outcomes", "0"},
          {"public API random calls tried", fmt("~b over ~b/~b exported functions", [ApiCalls, Funs, Funs])},
-         {"VM alive", "yes (tables take a writer afterwards and close cleanly)"},
          {"duration", fmt("~.1f s", [(erlang:monotonic_time(millisecond) - T0) / 1000])}]
     after
         catch peer:stop(Peer)

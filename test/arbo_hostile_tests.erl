@@ -48,8 +48,7 @@ figures(Scale) ->
      {"saves killed with SIGKILL", f("~b: ~b mid-save, the rest after the rename; delays ~w ms",
                                      [length(Kills), length(Mid), [D || {_, _, D} <- Kills]])},
      {"save of the killed tree", Save},
-     {"previous file intact", f("~b/~b", [length([x || true <- Mid]), length(Mid)])},
-     {"lost", "0"}].
+     {"previous file intact", f("~b/~b", [length([x || true <- Mid]), length(Mid)])}].
 
 f(Fmt, Args) -> lists:flatten(io_lib:format(Fmt, Args)).
 counts(Tag, H) -> string:join([f("~p ~b", [K, V]) || {{T, K}, V} <- lists:sort(maps:to_list(H)), T == Tag], ", ").

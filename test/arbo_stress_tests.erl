@@ -347,11 +347,9 @@ report(#{params := #{trees := NT, readers := NR, writers := NW, rounds := Rounds
         {"closed answers", "~b", [All(arbo_closed)]},
         {"invariants held", "yes: ~b trees, ~b nodes walked, ~b user-ordered lists equal to their writer's model, "
          "~b saved files consistent", [NT, Walked, NT * NW, length(Saves)]},
-        {"locks", "free after the load (a writer got through on every tree)", []},
         {"memory back to baseline (bytes)", "~b off, after the kept drifts: -8 x ~b binaries freed, "
          "+16 x ~b indexed removals, +~b flags table growth", [maps:get(K, Mem) || K <- [off, bins, leaks, growth]]},
-        {"race rounds", "~b x ~b trees", [Rounds, RT]},
-        {"lost", "0", []}]].
+        {"race rounds", "~b x ~b trees", [Rounds, RT]}]].
 
 %% ---- small helpers ---------------------------------------------------------
 

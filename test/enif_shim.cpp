@@ -38,6 +38,7 @@ ResourceHeader* header_of(void* obj) {
 
 void* g_priv = nullptr;
 std::atomic<long> g_live_resources{0};
+std::atomic<long> g_live_blocks{0};
 std::atomic<long> g_sends{0};
 
 }  // namespace
@@ -46,14 +47,26 @@ namespace arbo_shim {
 
 void set_priv_data(void* priv) { g_priv = priv; }
 long live_resources() { return g_live_resources.load(); }
+long live_blocks() { return g_live_blocks.load(); }
 
 }  // namespace arbo_shim
 
 extern "C" {
 
-void* enif_alloc(size_t size) { return std::malloc(size); }
-void* enif_realloc(void* ptr, size_t size) { return std::realloc(ptr, size); }
-void enif_free(void* ptr) { std::free(ptr); }
+void* enif_alloc(size_t size) {
+  void* p = std::malloc(size);
+  if (p != nullptr) g_live_blocks.fetch_add(1, std::memory_order_relaxed);
+  return p;
+}
+void* enif_realloc(void* ptr, size_t size) {
+  void* p = std::realloc(ptr, size);
+  if (ptr == nullptr && p != nullptr) g_live_blocks.fetch_add(1, std::memory_order_relaxed);
+  return p;
+}
+void enif_free(void* ptr) {
+  if (ptr != nullptr) g_live_blocks.fetch_sub(1, std::memory_order_relaxed);
+  std::free(ptr);
+}
 
 ErlNifMutex* enif_mutex_create(char*) { return new ErlNifMutex; }
 void enif_mutex_destroy(ErlNifMutex* m) { delete m; }
