@@ -265,7 +265,7 @@ exec(F, A) ->
 %% the safety suite's generators, through its own runner (fresh trees per
 %% chunk of 150 calls, VM and lock checks after each).
 api_sweep(Scale) ->
-    K = case Scale of quick -> 2; full -> if_asan(40, 100) end,
+    K = case Scale of quick -> 6; full -> if_asan(40, 100) end,
     Funs = arbo_safety_tests:exported(),
     proper:global_state_init_size(8),
     Calls = [{MFA, element(2, proper_gen:safe_generate(proper_types:vector(5, arbo_safety_tests:arg())))}
