@@ -10,6 +10,8 @@
 %% (like interface names), and a sorted list of N integer instances, each
 %% with a uint32 value. N = 100,000 (10,000 with ARBO_BENCH_QUICK=1).
 -module(arbo_bench_api).
+
+-include("arbo_codes.hrl").
 -export([rows/0, main/0]).
 
 main() ->
@@ -56,10 +58,10 @@ measure(T, N, Rounds) ->
     Refs = Valued,
     Cases =
         [{"find (string key, 100k list)",
-          fun() -> each(fun(K) -> arbo:find_child(T, IfsA, K, 12) end, StrKeys) end,
+          fun() -> each(fun(K) -> arbo:find_child(T, IfsA, K, ?FIND_TUPLE) end, StrKeys) end,
           fun() -> each(fun(K) -> arbo_tree:find(T, Ifs, {encoded, K}) end, StrKeys) end},
          {"find (integer key)",
-          fun() -> each(fun(K) -> arbo:find_child(T, IntsA, K, 10) end, IntKeys) end,
+          fun() -> each(fun(K) -> arbo:find_child(T, IntsA, K, ?FIND_TAG) end, IntKeys) end,
           fun() -> each(fun({K}) -> arbo_tree:find(T, Ints, {int, K}) end, IntKeys) end},
          {"next sibling (walk)",
           fun() -> walk_raw(T, arbo:first_child_nif(T, IfsA, [], 0), 0) end,
@@ -69,11 +71,11 @@ measure(T, N, Rounds) ->
           fun() -> each(fun(R) -> arbo_tree:value_raw(T, R) end, Refs) end},
          %% The same calls inside one arbo_tree:reading/2 pass.
          {"find (string key), in reading/2",
-          fun() -> each(fun(K) -> arbo:find_child(T, IfsA, K, 12) end, StrKeys) end,
+          fun() -> each(fun(K) -> arbo:find_child(T, IfsA, K, ?FIND_TUPLE) end, StrKeys) end,
           fun() -> arbo_tree:reading(T, fun(RT) ->
                        each(fun(K) -> arbo_tree:find(RT, Ifs, {encoded, K}) end, StrKeys) end) end},
          {"find (integer key), in reading/2",
-          fun() -> each(fun(K) -> arbo:find_child(T, IntsA, K, 10) end, IntKeys) end,
+          fun() -> each(fun(K) -> arbo:find_child(T, IntsA, K, ?FIND_TAG) end, IntKeys) end,
           fun() -> arbo_tree:reading(T, fun(RT) ->
                        each(fun({K}) -> arbo_tree:find(RT, Ints, {int, K}) end, IntKeys) end) end},
          {"walk with fold/5 (gate per 64 steps)",

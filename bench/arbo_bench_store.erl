@@ -17,6 +17,8 @@
 %% belongs to neither side and only adds noise to erlang:memory(total)).
 %% Neither figure sees the malloc'd bodies of a user-ordered list's index.
 -module(arbo_bench_store).
+
+-include("arbo_codes.hrl").
 -export([rows/0]).
 
 -define(SORTED_TAG, 1).
@@ -110,24 +112,24 @@ arbo_build_measured(T, L, N, KVs) ->
     {Ns, (arbo:get_mem(T) - Mem0) / N, (Vm1 - Vm0) / N}.
 
 a_insert(T, L, [{K, V} | Rest]) ->
-    ok = arbo:set_val(T, arbo:add_hkey(T, L, K, 4), 17, V),
+    ok = arbo:set_val(T, arbo:add_hkey(T, L, K, ?KEY_INT), ?VAL_CSVAL, V),
     a_insert(T, L, Rest);
 a_insert(_, _, []) -> ok.
 
 a_find(T, L, [{K, _} | Rest]) ->
-    case arbo:find_child(T, L, K, 11) of
+    case arbo:find_child(T, L, K, ?FIND_TAG_ALT) of
         0 -> error({missing, K});
         _ -> a_find(T, L, Rest)
     end;
 a_find(_, _, []) -> ok.
 
 a_read(T, L, [{K, V} | Rest]) ->
-    {csval, V} = arbo:get_val_raw(T, arbo:find_child(T, L, K, 11)),
+    {csval, V} = arbo:get_val_raw(T, arbo:find_child(T, L, K, ?FIND_TAG_ALT)),
     a_read(T, L, Rest);
 a_read(_, _, []) -> ok.
 
 a_delete(T, L, [{K, _} | Rest]) ->
-    true = arbo:del_hkey(T, L, {K}, 13),
+    true = arbo:del_hkey(T, L, {K}, ?DEL_TAG),
     a_delete(T, L, Rest);
 a_delete(_, _, []) -> ok.
 

@@ -20,6 +20,8 @@
 %%   against ets:select/3 with the equivalent match spec, 1000 rows per
 %%   continuation.
 -module(arbo_bench_walk).
+
+-include("arbo_codes.hrl").
 -export([rows/0]).
 
 -define(FLAG, 2#100).
@@ -41,14 +43,14 @@ layout(Order, N, Runs) ->
     end.
 
 measure(T, E, N, Runs, Order) ->
-    L = arbo:add_hkey_dyn(T, arbo:get_root(T), 1, 0),
+    L = arbo:add_hkey_dyn(T, arbo:get_root(T), 1, ?ORDER_PLAIN),
     Keys = case Order of
                ascending -> lists:seq(1, N);
                random -> shuffle(lists:seq(1, N))
            end,
     [begin
-         I = arbo:add_hkey(T, L, K, 4),
-         arbo:set_val(T, I, 17, <<12, (K rem 1000):32>>),
+         I = arbo:add_hkey(T, L, K, ?KEY_INT),
+         arbo:set_val(T, I, ?VAL_CSVAL, <<12, (K rem 1000):32>>),
          K rem 1000 =:= 0 andalso arbo:set_flag(T, I, ?FLAG),
          ets:insert(E, {K, K rem 1000, flags(K)})
      end || K <- Keys],
@@ -109,7 +111,7 @@ ets_step(E, K, Count) -> ets_step(E, ets:next(E, K), Count + 1).
 
 probe(_T, _L, [], Count) -> Count;
 probe(T, L, [K | Ks], Count) ->
-    case arbo:find_next_nif(T, L, K, 39, 0, []) of
+    case arbo:find_next_nif(T, L, K, ?NEXT_INT, 0, []) of
         0 -> error(not_found);
         _ -> probe(T, L, Ks, Count + 1)
     end.

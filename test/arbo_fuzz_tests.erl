@@ -14,6 +14,7 @@
 %% fuzzes.
 -module(arbo_fuzz_tests).
 -include_lib("eunit/include/eunit.hrl").
+-include("arbo_codes.hrl").
 
 -export([figures/1, setup/0, batch/3, api_sweep/1, finish/0]).
 
@@ -202,10 +203,10 @@ setup() ->
     ok = file:set_cwd(Dir),
     R = arbo:get_root(T = arbo:new()),
     [Kb, Kb2] = [arbo_key:encode(K) || K <- [[{uint32, 5}], [{string, <<"k">>}, {uint32, 1}]]],
-    [L, U] = [arbo:add_hkey_dyn(T, R, 4, 0), arbo:add_hkey_dyn(T, R, [1 | 5], 3)],
-    P = #{t => T, r => R, c => arbo:add_hkey_internal(T, R, 1), g => arbo:add_hkey(T, R, 2, 3),
-          l => L, li => arbo:add_hkey(T, L, Kb, 5), u => U, i => arbo:add_hkey(T, U, 1, 4),
-          j => arbo:add_hkey(T, U, 2, 4), kb => Kb, kb2 => Kb2, path => <<"fuzz_out", 0>>},
+    [L, U] = [arbo:add_hkey_dyn(T, R, 4, ?ORDER_PLAIN), arbo:add_hkey_dyn(T, R, [1 | 5], ?ORDER_USER)],
+    P = #{t => T, r => R, c => arbo:add_hkey_internal(T, R, 1), g => arbo:add_hkey(T, R, 2, ?KEY_TAG_ALT),
+          l => L, li => arbo:add_hkey(T, L, Kb, ?KEY_TUPLE), u => U, i => arbo:add_hkey(T, U, 1, ?KEY_INT),
+          j => arbo:add_hkey(T, U, 2, ?KEY_INT), kb => Kb, kb2 => Kb2, path => <<"fuzz_out", 0>>},
     Sort = fun(N) -> case arbo:get_type(T, N) of {2, Mode} -> {dyn, Mode}; {Type, _} -> Type end end,
     ClosedRoot = arbo:get_root(Closed = arbo:new()),
     ok = arbo:close(Closed),

@@ -7,6 +7,7 @@
 -module(arbo_safety_tests).
 -include_lib("proper/include/proper.hrl").
 -include_lib("eunit/include/eunit.hrl").
+-include("arbo_codes.hrl").
 
 -export([in_child/0]).
 %% shared with the native fuzz suite, which sweeps every public function
@@ -122,7 +123,7 @@ accepted_keys() ->
     ?FORALL({Bins, Mode}, {list(arbo_codec_tests:key_bytes()), oneof([0, 1, 2])},
             ?SAFE(begin
                 Valid = [B || B <- Bins, arbo_key:validate(B) =:= ok],
-                [arbo:cmp_keys_nif(A, 5, B, Code, Mode) || A <- Valid, {B, Code} <-
+                [arbo:cmp_keys_nif(A, ?KEY_TUPLE, B, Code, Mode) || A <- Valid, {B, Code} <-
                      [{X, 5} || X <- Valid] ++ [{X, 6} || X <- Bins]],
                 T = arbo_tree:new(),
                 L = arbo_tree:add_list(T, arbo_tree:root(T), 1,

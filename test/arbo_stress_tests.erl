@@ -10,6 +10,7 @@
 %% keeps on purpose (see memory_check/3).
 -module(arbo_stress_tests).
 -include_lib("eunit/include/eunit.hrl").
+-include("arbo_codes.hrl").
 
 -export([figures/1]).
 
@@ -289,7 +290,7 @@ check_node(P, View, N, CheckUser) ->
     case arbo:get_type(P, N) of
         {2, Mode} when Kids =/= [] ->
             Keys = [K || C <- Kids, {K} <- [arbo:get_hkey0(P, C)]],
-            ?assertEqual({Kids, lists:last(Kids)}, {[arbo:find_child(P, N, {K}, 10) || K <- Keys], arbo:last_child(P, N)}),
+            ?assertEqual({Kids, lists:last(Kids)}, {[arbo:find_child(P, N, {K}, ?FIND_TAG) || K <- Keys], arbo:last_child(P, N)}),
             Mode =/= 3 andalso ?assertEqual(lists:usort(Keys), Keys),
             Mode =:= 3 andalso ?assertEqual(lists:droplast([0 | Kids]), [arbo:prev_sibling(P, N, C) || C <- Kids]),
             Mode =:= 3 andalso CheckUser(tl(arbo:get_hkey0(P, N)), Keys);

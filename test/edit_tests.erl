@@ -7,6 +7,7 @@
 %% thresholds, in store_model_test.cpp).
 -module(edit_tests).
 -include_lib("eunit/include/eunit.hrl").
+-include("arbo_codes.hrl").
 
 -import(arbo_test_util, [with_table/1, reason/1, children/2, str/1, child_keys/2, lib_mem/0]).
 
@@ -22,14 +23,14 @@
 containers_and_namespaces_test() ->
     with_table(fun(T) ->
         R = arbo:get_root(T),
-        [C, L9, N12, Nneg, L] = [arbo:add_hkey_internal(T, R, 5) | [arbo:add_hkey(T, R, K, 3) || K <- [9, [1 | 2], {-5}]]]
-                                ++ [arbo:add_hkey_dyn(T, R, [1 | 1], 1)],
+        [C, L9, N12, Nneg, L] = [arbo:add_hkey_internal(T, R, 5) | [arbo:add_hkey(T, R, K, ?KEY_TAG_ALT) || K <- [9, [1 | 2], {-5}]]]
+                                ++ [arbo:add_hkey_dyn(T, R, [1 | 1], ?ORDER_LENGTH_FIRST)],
         %% a pair asked for again answers its node, whatever kind asks (a list
         %% keeps its mode); the store refuses a list where a leaf holds the
         %% pair and a byte key outside a list (a container in a list and a
         %% rename outside one are arbo_fuzz_tests' rows)
-        ?assertEqual([C, L9, L, L], [arbo:add_hkey_internal(T, R, 5), arbo:add_hkey(T, R, 9, 3),
-                                     arbo:add_hkey_dyn(T, R, [1 | 1], 3), arbo:add_hkey(T, R, [1 | 1], 2)]),
+        ?assertEqual([C, L9, L, L], [arbo:add_hkey_internal(T, R, 5), arbo:add_hkey(T, R, 9, ?KEY_TAG_ALT),
+                                     arbo:add_hkey_dyn(T, R, [1 | 1], ?ORDER_USER), arbo:add_hkey(T, R, [1 | 1], ?KEY_TAG)]),
         Refused = [{add_hkey_dyn, [T, R, 9, 0]}, {add_hkey, [T, R, <<1>>, 5]}],
         ?assertEqual({{2, 1}, [badarg || _ <- Refused]}, {arbo:get_type(T, L), [reason(fun() -> apply(arbo, F, A) end)
                                                                                  || {F, A} <- Refused]}),
@@ -40,7 +41,7 @@ containers_and_namespaces_test() ->
         ?assertEqual({5, ?ROOT_MEM + ?INT_MEM + 3 * ?ONE_MEM + ?DYN_MEM, 0},
                      {arbo:get_size(T), arbo:get_mem(T), arbo:get_generation(T)}),
         %% a key that is no tag form is taken as tag 0, deliberately
-        _ = [arbo:add_hkey(T, C, foo, 3), arbo:add_hkey_internal(T, C, 3)],
+        _ = [arbo:add_hkey(T, C, foo, ?KEY_TAG_ALT), arbo:add_hkey_internal(T, C, 3)],
         ?assertEqual([0, 3], child_keys(T, C))
     end).
 
@@ -49,9 +50,9 @@ containers_and_namespaces_test() ->
 del_ns_test() ->
     with_table(fun(T) ->
         R = arbo:get_root(T),
-        Keep = [arbo:add_hkey(T, R, K, 3) || K <- [[0 | 4], [2 | 1]]],
-        [arbo:add_hkey(T, R, [1 | K], 3) || K <- [9, 1]],
-        _ = arbo:add_hkey(T, arbo:add_hkey_dyn(T, R, [1 | 7], 0), 1, 4),
+        Keep = [arbo:add_hkey(T, R, K, ?KEY_TAG_ALT) || K <- [[0 | 4], [2 | 1]]],
+        [arbo:add_hkey(T, R, [1 | K], ?KEY_TAG_ALT) || K <- [9, 1]],
+        _ = arbo:add_hkey(T, arbo:add_hkey_dyn(T, R, [1 | 7], ?ORDER_PLAIN), 1, ?KEY_INT),
         ?assertEqual({true, Keep, 2, ?ROOT_MEM + 2 * ?ONE_MEM, 1}, {arbo:del_ns(T, R, 1), children(T, R), arbo:get_size(T),
                                                                      arbo:get_mem(T), arbo:get_generation(T)}),
         ?assertEqual([2, 2], [begin ok = arbo:del_all(T), arbo:get_generation(T) end || _ <- [1, 2]])
@@ -63,14 +64,14 @@ del_ns_test() ->
 rename_ns_test() ->
     with_table(fun(T) ->
         R = arbo:get_root(T),
-        [A, B, Z, C, L] = [arbo:add_hkey(T, R, K, 3) || K <- [[1 | 4], [2 | 6], 4]]
-                          ++ [arbo:add_hkey_internal(T, R, 6), arbo:add_hkey_dyn(T, R, [5 | 1], 3)],
-        {I, ok} = {arbo:add_hkey(T, L, {2, 1}, 27), arbo:set_val(T, A, 17, <<"v">>)},
+        [A, B, Z, C, L] = [arbo:add_hkey(T, R, K, ?KEY_TAG_ALT) || K <- [[1 | 4], [2 | 6], 4]]
+                          ++ [arbo:add_hkey_internal(T, R, 6), arbo:add_hkey_dyn(T, R, [5 | 1], ?ORDER_USER)],
+        {I, ok} = {arbo:add_hkey(T, L, {2, 1}, ?KEY_NS_INT), arbo:set_val(T, A, ?VAL_CSVAL, <<"v">>)},
         ?assertEqual([true, true], [arbo:rename_ns(T, R, A, 3), arbo:rename_ns(T, R, L, 0)]),
         ?assertEqual({[3 | 4], {csval, <<"v">>}}, {arbo:get_hkey0(T, A), arbo:get_val_raw(T, A)}),
         ?assertEqual([false, false, false, false], [arbo:rename_ns(T, P, N, 1) || {P, N} <- [{R, Z}, {R, C}, {R, L}, {L, I}]]),
         ?assertEqual({[L, Z, C, B, A], 2}, {children(T, R), arbo:get_generation(T)}),
-        ?assertEqual(false, arbo:rename_ns(T, R, arbo:add_hkey(T, R, [1 | 6], 3), 2)),
+        ?assertEqual(false, arbo:rename_ns(T, R, arbo:add_hkey(T, R, [1 | 6], ?KEY_TAG_ALT), 2)),
         ?assertEqual({[L, Z, C, B, A], 6}, {children(T, R), arbo:get_size(T)})
     end).
 
@@ -80,8 +81,8 @@ rename_ns_test() ->
 rename_outside_list_test() ->
     with_table(fun(T) ->
         R = arbo:get_root(T),
-        [C, G, L] = [arbo:add_hkey_internal(T, R, 1), arbo:add_hkey(T, R, 2, 3), arbo:add_hkey_dyn(T, R, 3, 0)],
-        I = arbo:add_hkey(T, L, 1, 4),
+        [C, G, L] = [arbo:add_hkey_internal(T, R, 1), arbo:add_hkey(T, R, 2, ?KEY_TAG_ALT), arbo:add_hkey_dyn(T, R, 3, ?ORDER_PLAIN)],
+        I = arbo:add_hkey(T, L, 1, ?KEY_INT),
         Closed = arbo:new(),
         ok = arbo:close(Closed),
         Rows = [{T, N, Code} || N <- [R, C, G, I], Code <- [4, 5, 27, 7, 16#FFFFFFFF]] ++ [{Closed, G, 7}, {T, L, 7}, {Closed, L, 7}],
@@ -98,7 +99,7 @@ rename_outside_list_test() ->
 %% same bytes, an undecodable tag read as tag 0.
 del_hkey_test() ->
     with_table(fun(T) ->
-        L = arbo:add_hkey_dyn(T, arbo:get_root(T), 1, 0),
+        L = arbo:add_hkey_dyn(T, arbo:get_root(T), 1, ?ORDER_PLAIN),
         [_ = arbo:add_hkey(T, L, K, C) || {K, C} <- [{6, 4}, {{1, 8}, 27}, {{0, 0}, 27}, {str(<<"t">>), 5}]],
         Rows = [{14, 6}, {13, [1 | 8]}, {52, <<"t">>}, {13, foo}],
         ?assertEqual([true, true, true, true], [arbo:del_hkey(T, L, Key, Code) || {Code, Key} <- Rows]),
@@ -112,19 +113,19 @@ del_hkey_test() ->
 %% kept drift). A key binary handed out outlives its node.
 accounting_test_() ->
     [fun() -> accounting(Free) end || Free <- [fun(T) -> ok = arbo:del_all(T) end, fun(T) -> ok = arbo:close(T), closed end,
-                                               fun(T) -> [true = arbo:del_hkey(T, arbo:get_root(T), K, 13) || K <- [1, 2]] end]].
+                                               fun(T) -> [true = arbo:del_hkey(T, arbo:get_root(T), K, ?DEL_TAG) || K <- [1, 2]] end]].
 
 accounting(Free) ->
     Lib0 = lib_mem(),
     T = arbo:new(),
     R = arbo:get_root(T),
-    Leaf = arbo:add_hkey(T, arbo:add_hkey_internal(T, R, 1), 2, 3),
-    ok = arbo:set_val(T, Leaf, 17, binary:copy(<<1>>, 11)),        % 11 + 8
+    Leaf = arbo:add_hkey(T, arbo:add_hkey_internal(T, R, 1), 2, ?KEY_TAG_ALT),
+    ok = arbo:set_val(T, Leaf, ?VAL_CSVAL, binary:copy(<<1>>, 11)),        % 11 + 8
     _ = arbo:do_set_attr(T, Leaf, 4, binary:copy(<<2>>, 20)),      % 56 + 20 + 8
-    L = arbo:add_hkey_dyn(T, R, 2, 3),
-    I = arbo:add_hkey(T, L, binary:copy(<<"k">>, 12), 6),          % 64 + 12 + 8
-    _ = arbo:add_hkey(T, L, binary:copy(<<"j">>, 10), 6),          % 64
-    ok = arbo:set_val(T, arbo:add_hkey(T, L, 5, 4), 18, <<"v">>),  % 64 + 1 + 8
+    L = arbo:add_hkey_dyn(T, R, 2, ?ORDER_USER),
+    I = arbo:add_hkey(T, L, binary:copy(<<"k">>, 12), ?KEY_OPAQUE),          % 64 + 12 + 8
+    _ = arbo:add_hkey(T, L, binary:copy(<<"j">>, 10), ?KEY_OPAQUE),          % 64
+    ok = arbo:set_val(T, arbo:add_hkey(T, L, 5, ?KEY_INT), ?VAL_BINARY, <<"v">>),  % 64 + 1 + 8
     _ = arbo:do_set_attr(T, I, 1, <<"a">>),                        % 56
     {Key} = arbo:get_hkey0(T, I),
     Mem = ?ROOT_MEM + ?INT_MEM + 2 * ?ONE_MEM + 19 + 28 + ?DYN_MEM + 3 * ?TWO_MEM + 20 + 9 + ?ONE_MEM,

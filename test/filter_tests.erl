@@ -8,6 +8,7 @@
 -module(filter_tests).
 
 -include_lib("eunit/include/eunit.hrl").
+-include("arbo_codes.hrl").
 
 -import(arbo_test_util, [with_table/1, hide/1, str/1, u32/1, deactivate/2, shuffle/1, pick/1]).
 
@@ -18,12 +19,12 @@
 %% "c".
 fixed_tree(T) ->
     C = arbo:add_hkey_internal(T, P = arbo:add_hkey_internal(T, arbo:get_root(T), 1), 1),
-    Leaf = fun(K, V) -> N = arbo:add_hkey(T, C, [0 | K], 3), V =:= none orelse arbo:set_val(T, N, 17, V), N end,
+    Leaf = fun(K, V) -> N = arbo:add_hkey(T, C, [0 | K], ?KEY_TAG_ALT), V =:= none orelse arbo:set_val(T, N, ?VAL_CSVAL, V), N end,
     [Leaf(K, V) || {K, V} <- [{1, str("10")}, {4, none}, {6, <<14, 1, 0>>}, {10, <<8, 1, 2>>}]],
-    arbo:set_val(T, Leaf(8, none), 37, <<13, (1 bsl 64 - 1):64, 0, 0>>),
+    arbo:set_val(T, Leaf(8, none), ?VAL_CSVAL_BIN, <<13, (1 bsl 64 - 1):64, 0, 0>>),
     arbo:set_flags(T, Leaf(3, u32(7)), 2#101),
-    L = arbo:add_hkey_dyn(T, C, 9, 0),
-    [arbo:set_val(T, arbo:add_hkey(T, arbo:add_hkey(T, L, K, 4), [0 | 1], 3), 17, str(S)) || {K, S} <- [{1, "a"}, {2, "b"}, {3, "c"}]],
+    L = arbo:add_hkey_dyn(T, C, 9, ?ORDER_PLAIN),
+    [arbo:set_val(T, arbo:add_hkey(T, arbo:add_hkey(T, L, K, ?KEY_INT), [0 | 1], ?KEY_TAG_ALT), ?VAL_CSVAL, str(S)) || {K, S} <- [{1, "a"}, {2, "b"}, {3, "c"}]],
     {P, C}.
 
 -define(NOPE, {3, 9, [1], <<>>}).  % unsupported
@@ -100,13 +101,13 @@ text_forms_test() ->
         [?assertEqual({value, V, Op, Pat, Want},
                       {value, V, Op, Pat, begin
                                               B = arbo:add_hkey_internal(T, R, N),
-                                              ok = arbo:set_val(T, arbo:add_hkey(T, B, 1, 3), Kind, V),
+                                              ok = arbo:set_val(T, arbo:add_hkey(T, B, 1, ?KEY_TAG_ALT), Kind, V),
                                               Got(B, {3, Op, [], Pat})
                                           end})
          || {N, {Kind, V, Op, Pat, Want}} <- lists:enumerate(Value)],
         [?assertEqual({key, K, Idx, Op, Pat, Want},
                       {key, K, Idx, Op, Pat, begin
-                                                 L = arbo:add_hkey_dyn(T, R, [1 | N], 0),
+                                                 L = arbo:add_hkey_dyn(T, R, [1 | N], ?ORDER_PLAIN),
                                                  _ = arbo:add_hkey(T, L, K, Code),
                                                  Got(L, {101, Op, Idx, Pat})
                                              end})
@@ -121,12 +122,12 @@ text_forms_test() ->
 scan_test() ->
     with_table(fun(T) ->
         C = arbo:add_hkey_internal(T, P = arbo:add_hkey_internal(T, arbo:get_root(T), 11), 1),
-        I5 = lists:nth(5, [arbo:add_hkey(T, L, K, 4) || L <- [arbo:add_hkey_dyn(T, C, 9, 0)], K <- lists:seq(1, 8)]),
+        I5 = lists:nth(5, [arbo:add_hkey(T, L, K, ?KEY_INT) || L <- [arbo:add_hkey_dyn(T, C, 9, ?ORDER_PLAIN)], K <- lists:seq(1, 8)]),
         F = {3, 1, [9, 1], <<"z">>},
         ?assertEqual({yield, {[I5], [[1]]}, C}, arbo:first_child_nif(T, P, F, 1)),
         ?assertEqual({yield, {[I5, I5], [[1], [1]]}, C}, arbo:next_sibling_nif(T, C, F, 1, {[I5], [[1]]})),
         ?assertEqual(0, arbo:next_sibling_nif(T, C, F, 1, {[I5, I5], [[1], [1]]})),
-        ok = arbo:set_val(T, Z = arbo:add_hkey(T, arbo:get_root(T), [0 | 77], 3), 17, str("z")),
+        ok = arbo:set_val(T, Z = arbo:add_hkey(T, arbo:get_root(T), [0 | 77], ?KEY_TAG_ALT), ?VAL_CSVAL, str("z")),
         ?assertEqual({C, full}, arbo:next_sibling_nif(T, C, F, 1, {[C, Z], [[1], [1]]})),
         ?assertEqual({C, missing}, arbo:next_sibling_nif(T, C, F, 1, {[C, 0], [[1], [1]]})),
         ?assertEqual({C, full}, arbo:next_sibling_nif(T, C, {0, {4, [99]}, {3, 1, [], <<"z">>}}, 1, {[C, Z], [[], []]}))
@@ -175,7 +176,7 @@ build(T, P, Size) ->
     Sibs = [case rand:uniform(3) of 1 when Ns =:= 0 -> box(T, P, K); _ -> leaf(T, P, Ns, K) end || {Ns, K} <- shuffle(Keys)],
     lists:sort(fun(#{ns := A, key := KA}, #{ns := B, key := KB}) -> {A, KA} =< {B, KB} end, Sibs).
 
-leaf(T, P, Ns, K) -> Ref = arbo:add_hkey(T, P, [Ns | K], 3), node(T, Ref, leaf, Ns, K, value(T, Ref), []).
+leaf(T, P, Ns, K) -> Ref = arbo:add_hkey(T, P, [Ns | K], ?KEY_TAG_ALT), node(T, Ref, leaf, Ns, K, value(T, Ref), []).
 
 box(T, P, K) ->
     Ref = arbo:add_hkey_internal(T, P, K),
@@ -192,9 +193,9 @@ node(T, Ref, Kind, Ns, K, Val, Kids) ->
 value(T, Ref) ->
     case {rand:uniform(4), pick(["a", "b", "abc", "10", "-3", "7"])} of
         {1, _} -> none;
-        {2, S} -> arbo:set_val(T, Ref, 18, list_to_binary(S)), no_text;
-        {3, S} -> arbo:set_val(T, Ref, 18, str(S)), S;
-        {_, S} -> arbo:set_val(T, Ref, 17, str(S)), S
+        {2, S} -> arbo:set_val(T, Ref, ?VAL_BINARY, list_to_binary(S)), no_text;
+        {3, S} -> arbo:set_val(T, Ref, ?VAL_BINARY, str(S)), S;
+        {_, S} -> arbo:set_val(T, Ref, ?VAL_CSVAL, str(S)), S
     end.
 
 %% ---- random filters and their evaluation ----------------------------------------------------

@@ -55,19 +55,22 @@ TEST(IoProgress, IntervalsGrowAfterTheFirstAndFifthMessage) {
 }
 
 // Instances in ascending order go through the append hint; stragglers, a
-// duplicate and a delete (0x4A) in between must still land in order. Whole
+// duplicate and a delete in between must still land in order. Whole
 // csvals of 64 bytes are small, of 65 keep no string; values past the buffer
 // size go through refills and the direct path for records above 1 MiB.
 TEST(IoLoad, HintedListAndValueStorageClasses) {
   std::vector<uint32_t> want{40, 50, 65, 70}, got;
-  File f = File().rec(0x14, 9, {0});
-  for (uint32_t k = 100; k < 3100; ++k) f.rec(0x46, k, {0x07}), want.push_back(k);
-  for (uint32_t k : {50u, 40u, 60u, 40u, 3100u, 70u}) f.rec(0x46, k, {0x07});
-  f.rec(0x4A, 60).rec(0x46, 65, {0x07}).rec(0x07), want.push_back(3100);
+  constexpr uint8_t kCdKey = io_opcode(OP_CD, KF_HKEY_INT);
+  File f = File().rec(io_opcode(OP_CD_DYN, KF_HTAG), 9, {ORDER_PLAIN});
+  for (uint32_t k = 100; k < 3100; ++k) f.rec(kCdKey, k, {OP_CD_UP_1}), want.push_back(k);
+  for (uint32_t k : {50u, 40u, 60u, 40u, 3100u, 70u}) f.rec(kCdKey, k, {OP_CD_UP_1});
+  f.rec(io_opcode(OP_DELETE, KF_HKEY_INT), 60).rec(kCdKey, 65, {OP_CD_UP_1}).rec(OP_CD_UP_1);
+  want.push_back(3100);
   const uint32_t big = kLoadBufferSize + 12345;
   for (int total : {64, 65})  // tag 14, a 1-byte length, the payload
-    f.rec(0x06, total).rec(0x09, -1, Bytes{14, uint8_t(total - 2)} + Bytes(total - 2, 'v')).rec(0x07);
-  for (uint32_t k = 1; k <= 3; ++k) f.rec(0x06, k).rec(0x0E, big, Bytes(big, uint8_t('a' + k))).rec(0x07);
+    f.rec(OP_CD, total).rec(OP_INSERT, -1, Bytes{14, uint8_t(total - 2)} + Bytes(total - 2, 'v')).rec(OP_CD_UP_1);
+  for (uint32_t k = 1; k <= 3; ++k)
+    f.rec(OP_CD, k).rec(OP_INSERT_BIN, big, Bytes(big, uint8_t('a' + k))).rec(OP_CD_UP_1);
   arbo_shim::TestTable t;
   ASSERT_EQ(load(t, f.b), LOAD_OK);
   for (arbo_node* n : store_test::children(_arbo_nif_find_child_int(t.root(), 9, 0)))

@@ -3,21 +3,23 @@
 %% random trees.
 -module(io_tests).
 -include_lib("eunit/include/eunit.hrl").
+-include("arbo_codes.hrl").
 
 
 -define(MAGIC, <<16#EE, 16#DA, 0, 1>>).
 
 %% ---- record builders ------------------------------------------------------
 
-cd(Tag) -> <<6, Tag:32>>.
-cd_dyn(Tag, Cmp) -> <<16#14, Tag:32, Cmp>>.
-bin(V) when byte_size(V) < 256 -> <<13, (byte_size(V)), V/binary>>;
-bin(V) -> <<14, (byte_size(V)):32, V/binary>>.
-up() -> <<7>>.
-noops(N) -> binary:copy(<<5>>, N).
+cd(Tag) -> <<?OP_CD, Tag:32>>.
+cd_dyn(Tag, Cmp) -> <<?OPCODE(?OP_CD_DYN, ?KF_HTAG), Tag:32, Cmp>>.
+cd_key(K) -> <<?OPCODE(?OP_CD, ?KF_HKEY_INT), K:32>>.
+bin(V) when byte_size(V) < 256 -> <<?OP_INSERT_BIN0, (byte_size(V)), V/binary>>;
+bin(V) -> <<?OP_INSERT_BIN, (byte_size(V)):32, V/binary>>.
+up() -> <<?OP_CD_UP_1>>.
+noops(N) -> binary:copy(<<?OP_NOOP>>, N).
 
-%% A whole file as the saver writes it: magic, 02, blocks, 03.
-saved(Blocks) -> iolist_to_binary([?MAGIC, 2, Blocks, 3]).
+%% A whole file as the saver writes it: magic, begin, blocks, end.
+saved(Blocks) -> iolist_to_binary([?MAGIC, ?OP_BEGIN_TRANS, Blocks, ?OP_TRANS_END]).
 
 %% ---- plumbing ----------------------------------------------------------------
 
@@ -41,20 +43,25 @@ load_into(T, Bytes, Cp, Capture) ->
 %% One tree holding every record shape the saver writes: every node kind and
 %% instance key form, each value and flag width, attributes set out of order.
 build_sample(T) ->
-    N = arbo:add_hkey(T, arbo:add_hkey_internal(T, R = arbo:get_root(T), 1), [3 | 9], 2),
-    [I6, I5] = [arbo:add_hkey(T, D, K, 4) || D <- [arbo:add_hkey_dyn(T, R, 2, 0)], K <- [6, 5]],
-    [_, _, G, _] = [arbo:add_hkey(T, U, K, C) || U <- [arbo:add_hkey_dyn(T, R, [1 | 3], 3)], {K, C} <- [{{4, 1}, 27}, {<<"opaque key bytes">>, 6},
+    N = arbo:add_hkey(T, arbo:add_hkey_internal(T, R = arbo:get_root(T), 1), [3 | 9], ?KEY_TAG),
+    [I6, I5] = [arbo:add_hkey(T, D, K, ?KEY_INT) || D <- [arbo:add_hkey_dyn(T, R, 2, ?ORDER_PLAIN)], K <- [6, 5]],
+    [_, _, G, _] = [arbo:add_hkey(T, U, K, C) || U <- [arbo:add_hkey_dyn(T, R, [1 | 3], ?ORDER_USER)], {K, C} <- [{{4, 1}, 27}, {<<"opaque key bytes">>, 6},
                                                             {<<12, 0, 0, 0, 9>>, 5}, {3, 4}]],
-    L = arbo:add_hkey(T, R, 5, 2),
+    L = arbo:add_hkey(T, R, 5, ?KEY_TAG),
     [ok = arbo:set_val(T, X, K, V) || {X, K, V} <- [{N, 17, <<14, 3, "abc">>}, {I5, 18, <<"v">>},
                                                    {I6, 18, binary:copy(<<"w">>, 300)}, {L, 37, <<14, 1, "z">>}]],
     [arbo:set_flags(T, X, F) || {X, F} <- [{N, 16#100}, {I5, 16#10000}, {G, 1 bsl 32}, {L, 16#FF}]],
     [arbo:do_set_attr(T, N, K, V) || {K, V} <- [{3, <<14, 2, "hi">>}, {2, <<8, 0, 0, 0, 7>>}]],
-    saved([<<16#0F, 1:32>>, <<16#26, 3:32, 9:32>>, <<9, 14, 3, "abc">>, <<17, 1, 0>>, <<18, 2:32, 8, 0, 0, 0, 7>>,
-           <<18, 3:32, 14, 2, "hi">>, up(), up(), cd_dyn(2, 0), <<16#46, 5:32>>, bin(<<"v">>), <<22, 0, 1, 0, 0>>, up(),
-           <<16#46, 6:32>>, bin(binary:copy(<<"w">>, 300)), up(), up(), cd(5), <<9, 14, 1, "z">>, <<11, 255>>, up(),
-           <<16#34, 1:32, 3:32, 3>>, <<16#66, 4, 1:32>>, up(), <<16#86, 16:32, "opaque key bytes">>, up(),
-           <<16#A6, 5:32, 12, 0, 0, 0, 9>>, <<23, (1 bsl 32):64>>, up(), <<16#46, 3:32>>, up(), up()]).
+    Attr = ?OP_SET_ATTRIBUTE,
+    saved([<<?OP_CD_INT, 1:32>>, <<?OPCODE(?OP_CD, ?KF_NS_HTAG), 3:32, 9:32>>, <<?OP_INSERT, 14, 3, "abc">>,
+           <<?OP_SET_FLAGS16, 1, 0>>, <<Attr, 2:32, 8, 0, 0, 0, 7>>, <<Attr, 3:32, 14, 2, "hi">>, up(), up(),
+           cd_dyn(2, ?ORDER_PLAIN), cd_key(5), bin(<<"v">>), <<?OP_SET_FLAGS32, 0, 1, 0, 0>>, up(),
+           cd_key(6), bin(binary:copy(<<"w">>, 300)), up(), up(), cd(5), <<?OP_INSERT, 14, 1, "z">>,
+           <<?OP_SET_FLAGS8, 255>>, up(), <<?OPCODE(?OP_CD_DYN, ?KF_NS_HTAG), 1:32, 3:32, ?ORDER_USER>>,
+           <<?OPCODE(?OP_CD, ?KF_HKEY_INT_BTUPLE), 4, 1:32>>, up(),
+           <<?OPCODE(?OP_CD, ?KF_HKEY_BIN), 16:32, "opaque key bytes">>, up(),
+           <<?OPCODE(?OP_CD, ?KF_HKEY_GEN), 5:32, 12, 0, 0, 0, 9>>, <<?OP_SET_FLAGS64, (1 bsl 32):64>>, up(),
+           cd_key(3), up(), up()]).
 
 %% The sample loads to the same tree, which saves as the same bytes. (Cut
 %% and damaged files are arbo_hostile_tests' business.)
@@ -78,7 +85,7 @@ blocks_across_buffer_test_() ->
     Value = fun(K) when K rem 2 =:= 0 -> <<9, 200, (K rem 8), (binary:copy(<<K>>, K rem 8))/binary>>;
                (K) -> bin(binary:copy(<<K>>, K rem 8))
             end,
-    Blocks = [[<<16#46, K:32>>, Value(K), up()] || K <- lists:seq(1, 90000)],
+    Blocks = [[cd_key(K), Value(K), up()] || K <- lists:seq(1, 90000)],
     Saved = saved([cd_dyn(1, 0), Blocks, up()]),
     <<Head:5/binary, Rest/binary>> = Saved,
     Cut = binary:part(Rest, 0, byte_size(Rest) - 3),
@@ -103,7 +110,7 @@ block_runs_test() ->
     Blocks = [{10, Str(<<"ab">>)}, {20, []}, {30, [9, 0]}, {15, Str(<<"back">>)}, {20, Str(<<"again">>)},
               {40, Str(binary:copy(<<"l">>, 40))}, {50, Str(binary:copy(<<"v">>, 100))},
               {60, bin(<<"raw">>)}, {65, bin(<<>>)}, {70, [Str(<<"f">>), 11, 3]}, {80, Str(<<"end">>)}],
-    Block = fun({K, V}) -> [<<16#46, K:32>>, V, up()] end,
+    Block = fun({K, V}) -> [cd_key(K), V, up()] end,
     [begin
          Fast = saved([cd_dyn(1, Cmp), [Block(B) || B <- Blocks], up()]),
          Slow = saved([cd_dyn(1, Cmp), [[noops(1), Block(B)] || B <- Blocks], up()]),
@@ -127,9 +134,9 @@ empty_mask_and_errors_test() ->
                  {arbo:save_nif(T, nul("/nonexistent_dir/x"), 0), arbo:load_nif(T, nul("/nonexistent_dir/x"), -1, 0, undefined),
                   arbo:get_generation(T)}),
     ?assertEqual({?MAGIC, {true, {0, 4, 0, 0, 0, -1, undefined, undefined}}}, {save_bytes(T, 0), load_into(T, ?MAGIC, -1, 0)}),
-    Skipped = arbo:add_hkey(T, R = arbo:get_root(T), 1, 2),
-    [arbo:set_flags(T, N, F) || {N, F} <- [{Skipped, 7}, {arbo:add_hkey(T, Skipped, 10, 2), 0}, {arbo:add_hkey(T, R, 2, 2), 2}]],
-    ?assertEqual(saved([cd(2), <<11, 2>>, up()]), save_bytes(T, 6)),
+    Skipped = arbo:add_hkey(T, R = arbo:get_root(T), 1, ?KEY_TAG),
+    [arbo:set_flags(T, N, F) || {N, F} <- [{Skipped, 7}, {arbo:add_hkey(T, Skipped, 10, ?KEY_TAG), 0}, {arbo:add_hkey(T, R, 2, ?KEY_TAG), 2}]],
+    ?assertEqual(saved([cd(2), <<?OP_SET_FLAGS8, 2>>, up()]), save_bytes(T, 6)),
     arbo:close(T).
 
 %% ---- the loader's answers ---------------------------------------------------
@@ -165,7 +172,7 @@ checkpoint_and_capture_test() ->
     Rows = [{-2, File, 1, -1, {checkpoint, 200}}, {-2, One, 2, 99, undefined}, {199, File, 1, -1, {checkpoint, 100}}],
     [?assertEqual({Cp, F, {true, {1, byte_size(File), Tx, 0, 0, Rec, undefined, Stop}}}, {Cp, F, load_into(new, F, Cp, 0)})
      || {Cp, F, Tx, Rec, Stop} <- Rows],
-    Caps = [{Top, 1, <<"abc">>}, {Top, 0, undefined}, {[<<16#26, 1:32, 0:32>>, bin(<<"abc">>), up()], 1, undefined},
+    Caps = [{Top, 1, <<"abc">>}, {Top, 0, undefined}, {[<<?OPCODE(?OP_CD, ?KF_NS_HTAG), 1:32, 0:32>>, bin(<<"abc">>), up()], 1, undefined},
             {[cd(0), Top, up()], 1, undefined}],
     [?assertEqual({B, C, Want}, {B, C, element(7, element(2, load_into(new, saved(B), -1, C)))}) || {B, C, Want} <- Caps].
 
@@ -189,7 +196,7 @@ grow(T, Node, Kind, Depth) ->
 child(T, Node, plain) ->
     Tag = rand:uniform(20),
     case Tag rem 3 of
-        0 -> {arbo:add_hkey(T, Node, [rand:uniform(3) - 1 | Tag], 2), plain};
+        0 -> {arbo:add_hkey(T, Node, [rand:uniform(3) - 1 | Tag], ?KEY_TAG), plain};
         1 -> {arbo:add_hkey_internal(T, Node, Tag), plain};
         2 -> {arbo:add_hkey_dyn(T, Node, [rand:uniform(2) - 1 | Tag], rand:uniform(4) - 1), list}
     end;

@@ -4,6 +4,7 @@
 -module(iter_tests).
 
 -include_lib("eunit/include/eunit.hrl").
+-include("arbo_codes.hrl").
 
 -import(arbo_test_util, [with_table/1, reason/1, child_vm/2, shuffle/1, pick/1]).
 
@@ -24,10 +25,10 @@ push_all(T, Nodes) -> [ok = arbo:push_iter_node(T, N) || N <- Nodes], Nodes.
 repair_and_death_test() ->
     T = arbo:new(),
     ?assertEqual({0, ok, 0}, {arbo:get_iter_node(T), arbo:pop_iter_node(T), arbo:get_iter_node(T)}),
-    L = arbo:add_hkey_dyn(T, arbo:get_root(T), 1, 0),
-    [I1, I2, _] = [arbo:add_hkey(T, L, K, 4) || K <- [1, 2, 3]],
+    L = arbo:add_hkey_dyn(T, arbo:get_root(T), 1, ?ORDER_PLAIN),
+    [I1, I2, _] = [arbo:add_hkey(T, L, K, ?KEY_INT) || K <- [1, 2, 3]],
     [A, B, C, D] = [holder(T, Ns) || Ns <- [[11], [22], [33], [L, I2]]],
-    ?assertEqual({true, I1}, {arbo:del_hkey(T, L, {2}, 13), top(D)}),
+    ?assertEqual({true, I1}, {arbo:del_hkey(T, L, {2}, ?DEL_TAG), top(D)}),
     %% del_all repairs the first child's entries only, with 0.
     ?assertEqual({ok, 0, 11}, {arbo:del_all(T), top(D), top(A)}),
     %% Stacks die with their processes, wherever they sit in the table's
@@ -61,7 +62,7 @@ repair_model(Mode) ->
     with_table(fun(T) ->
         L = arbo:add_hkey_dyn(T, arbo:get_root(T), 1, Mode),
         %% 150 instances: a user-ordered list indexes them (from 128 on).
-        Live = [{K, arbo:add_hkey(T, L, K, 4)} || K <- shuffle(lists:seq(1, 150))],
+        Live = [{K, arbo:add_hkey(T, L, K, ?KEY_INT)} || K <- shuffle(lists:seq(1, 150))],
         %% In list order: by key when sorted, by insertion when user-ordered.
         in_process(fun() -> steps(T, L, case Mode of 3 -> Live; _ -> lists:sort(Live) end, [], 400) end)
     end).
@@ -74,7 +75,7 @@ steps(T, L, Live, Stack, N) ->
             {X, _, [_ | _]} when X =< 6 -> ok = arbo:pop_iter_node(T), {Live, lists:droplast(Stack)};
             {_, [_ | _], _} ->
                 {K, Node} = pick(Live),
-                true = arbo:del_hkey(T, L, {K}, 13),
+                true = arbo:del_hkey(T, L, {K}, ?DEL_TAG),
                 {lists:keydelete(K, 1, Live), repair(Stack, Node, pred(Live, Node))};
             _ -> {Live, Stack}
         end,

@@ -4,6 +4,7 @@
 -module(nav_tests).
 
 -include_lib("eunit/include/eunit.hrl").
+-include("arbo_codes.hrl").
 
 -import(arbo_test_util, [with_table/1, reason/1, hide/1, children/2, deactivate/2, shuffle/1, str/1]).
 
@@ -12,9 +13,9 @@
 empty_nodes_test() ->
     with_table(fun(T) ->
         R = arbo:get_root(T),
-        Nodes = [arbo:add_hkey(T, R, [1 | 1], 3), arbo:add_hkey_internal(T, R, 2), arbo:add_hkey_dyn(T, R, 3, 0), arbo:add_hkey_dyn(T, R, 4, 3)],
+        Nodes = [arbo:add_hkey(T, R, [1 | 1], ?KEY_TAG_ALT), arbo:add_hkey_internal(T, R, 2), arbo:add_hkey_dyn(T, R, 3, ?ORDER_PLAIN), arbo:add_hkey_dyn(T, R, 4, ?ORDER_USER)],
         [?assertEqual({N, [0, 0, 0, false, 0]}, {N, [arbo:num_children(T, N), arbo:first_child_nif(T, N, [], 1), arbo:get_child(T, N, 1),
-                                                     arbo:has_child_without_flags(T, N, 16#ffff), arbo:find_next_nif(T, N, 1, 39, 1, [])]})
+                                                     arbo:has_child_without_flags(T, N, 16#ffff), arbo:find_next_nif(T, N, 1, ?NEXT_INT, 1, [])]})
          || N <- Nodes],
         ?assertEqual([0, 0, lists:nth(3, Nodes), 0], [arbo:last_child(T, N) || N <- Nodes])
     end).
@@ -24,8 +25,8 @@ empty_nodes_test() ->
 chain_test() ->
     with_table(fun(T) ->
         R = arbo:get_root(T),
-        Add = fun(box, _, K) -> arbo:add_hkey_internal(T, R, K); (leaf, Ns, K) -> arbo:add_hkey(T, R, [Ns | K], 3);
-                 (list, Ns, K) -> arbo:add_hkey_dyn(T, R, [Ns | K], 0) end,
+        Add = fun(box, _, K) -> arbo:add_hkey_internal(T, R, K); (leaf, Ns, K) -> arbo:add_hkey(T, R, [Ns | K], ?KEY_TAG_ALT);
+                 (list, Ns, K) -> arbo:add_hkey_dyn(T, R, [Ns | K], ?ORDER_PLAIN) end,
         Made = lists:sort([{{Ns, K}, Add(Kind, Ns, K)} || {Kind, Ns, K} <- shuffle([{box, 0, 5}, {leaf, 1, 2}, {leaf, 0, 9},
                                                                                    {box, 0, 1}, {list, 2, 1}, {leaf, 1, 1}])]),
         Len = length(Expected = [N || {_, N} <- Made]),
@@ -46,23 +47,23 @@ chain_test() ->
 %% encoded and opaque byte keys.
 sorted_list_test() ->
     with_table(fun(T) ->
-        L = arbo:add_hkey_dyn(T, R = arbo:get_root(T), 1, 0),
+        L = arbo:add_hkey_dyn(T, R = arbo:get_root(T), 1, ?ORDER_PLAIN),
         Keys = [2 * I || I <- lists:seq(1, 300)],
-        ByKey = maps:from_list([{K, arbo:add_hkey(T, L, K, 4)} || K <- shuffle(Keys)]),
+        ByKey = maps:from_list([{K, arbo:add_hkey(T, L, K, ?KEY_INT)} || K <- shuffle(Keys)]),
         Inst = fun(K) -> maps:get(K, ByKey, 0) end,
         ?assertEqual({[Inst(K) || K <- Keys], 300, Inst(600), Inst(200), Inst(198), 100, 0, Inst(40)},
                      {children(T, L), arbo:num_children(T, L), arbo:last_child(T, L), arbo:get_child(T, L, 100),
                       arbo:prev_sibling(T, L, Inst(200)), arbo:child_index(T, L, Inst(200)),
-                      arbo:find_child(T, L, {3}, 11), arbo:find_child(T, L, {0, 40}, 28)}),
+                      arbo:find_child(T, L, {3}, ?FIND_TAG_ALT), arbo:find_child(T, L, {0, 40}, ?FIND_NS_INT)}),
         Next = [{5, 39, 0, [], 6}, {6, 39, 0, [], 8}, {6, 39, 1, [], 6}, {600, 39, 0, [], 0}, {{0, 6}, 40, 1, [], 6}, {5, 77, 0, [], 0},
                 {6, 39, 0, {101, 1, 0, <<"10">>}, 10}],
         [?assertEqual({Key, Mode, F, Inst(Want)}, {Key, Mode, F, arbo:find_next_nif(T, L, Key, Code, Mode, F)})
          || {Key, Code, Mode, F, Want} <- Next],
-        B = arbo:add_hkey_dyn(T, R, 2, 0),
+        B = arbo:add_hkey_dyn(T, R, 2, ?ORDER_PLAIN),
         [Bd, Bf, Opaque] = [arbo:add_hkey(T, B, K, C) || {K, C} <- [{str("d"), 5}, {str("f"), 5}, {<<"zz">>, 6}]],
-        ?assertEqual([0, Bd, 0, Opaque, Bf, Bd], [arbo:find_next_nif(T, R, 6, 39, 0, []), arbo:find_child(T, B, str("d"), 12),
-                                                  arbo:find_child(T, B, str("e"), 12), arbo:find_child(T, B, <<"zz">>, 53)] ++
-                                                 [arbo:find_next_nif(T, B, str("d"), 41, M, []) || M <- [0, 1]])
+        ?assertEqual([0, Bd, 0, Opaque, Bf, Bd], [arbo:find_next_nif(T, R, 6, ?NEXT_INT, 0, []), arbo:find_child(T, B, str("d"), ?FIND_TUPLE),
+                                                  arbo:find_child(T, B, str("e"), ?FIND_TUPLE), arbo:find_child(T, B, <<"zz">>, ?FIND_OPAQUE)] ++
+                                                 [arbo:find_next_nif(T, B, str("d"), ?NEXT_TUPLE, M, []) || M <- [0, 1]])
     end).
 
 %% Moves in user-ordered lists (their order, last child and links are
@@ -72,10 +73,10 @@ sorted_list_test() ->
 user_ordered_test() ->
     with_table(fun(T) ->
         [L, S] = [arbo:add_hkey_dyn(T, arbo:get_root(T), K, M) || {K, M} <- [{1, 3}, {2, 0}]],
-        [A, B, C, D] = [arbo:add_hkey(T, L, K, 4) || K <- [40, 10, 30, 20]],
+        [A, B, C, D] = [arbo:add_hkey(T, L, K, ?KEY_INT) || K <- [40, 10, 30, 20]],
         ?assertEqual([false, true], [arbo:move_rel_internal(T, L, C, 1, A), arbo:move_rel_internal(T, L, C, 1, C)]),
         ?assertEqual({[C, A, B, D], D, 1}, {children(T, L), arbo:last_child(T, L), arbo:get_generation(T)}),
-        ?assertEqual(badarg, reason(fun() -> SI = arbo:add_hkey(T, S, 1, 4), arbo:move_rel_internal(T, S, SI, 1, SI) end))
+        ?assertEqual(badarg, reason(fun() -> SI = arbo:add_hkey(T, S, 1, ?KEY_INT), arbo:move_rel_internal(T, S, SI, 1, SI) end))
     end).
 
 %% Flag queries over children; has_descendant_with_flags' fourth argument
@@ -84,7 +85,7 @@ flags_test() ->
     with_table(fun(T) ->
         R = arbo:get_root(T),
         [C1, C2, C3] = [arbo:add_hkey_internal(T, R, K) || K <- [1, 2, 3]],
-        G = arbo:add_hkey(T, C3, [0 | 1], 3),
+        G = arbo:add_hkey(T, C3, [0 | 1], ?KEY_TAG_ALT),
         [arbo:set_flag(T, N, F) || {N, F} <- [{C1, 2#0011}, {C2, 2#0110}, {G, 16#100000000}, {R, 2#10000}]],
         [?assertEqual({M, Count, With, Without}, {M, arbo:num_children_with_flag(T, R, M), arbo:has_child_with_flags(T, R, M),
                                                   arbo:has_child_without_flags(T, R, M)})
@@ -100,17 +101,17 @@ flags_test() ->
 hidden_test() ->
     with_table(fun(T) ->
         {H, R} = {hide(T), arbo:get_root(T)},
-        L = arbo:add_hkey_dyn(T, R, 1, 0),
-        [I1, I2, I3, I4, I5, I6] = [arbo:add_hkey(T, L, K, 4) || K <- lists:seq(1, 6)],
+        L = arbo:add_hkey_dyn(T, R, 1, ?ORDER_PLAIN),
+        [I1, I2, I3, I4, I5, I6] = [arbo:add_hkey(T, L, K, ?KEY_INT) || K <- lists:seq(1, 6)],
         _ = [arbo:set_flag(T, I2, 2#100) | [deactivate(T, I) || I <- [I2, I5, I6]]],
         Both = fun(F) -> {F(T), F(H)} end,
         ?assertEqual([{6, 3}, {I3, I4}, {1, 0}, {I2, 0}, {I2, I3}],
                      [Both(F) || F <- [fun(X) -> arbo:num_children(X, L) end, fun(X) -> arbo:get_child(X, L, 3) end,
                                        fun(X) -> arbo:num_children_with_flag(X, L, 2#100) end,
-                                       fun(X) -> arbo:find_child(X, L, {2}, 10) end,
-                                       fun(X) -> arbo:find_next_nif(X, L, 1, 39, 0, []) end]]),
+                                       fun(X) -> arbo:find_child(X, L, {2}, ?FIND_TAG) end,
+                                       fun(X) -> arbo:find_next_nif(X, L, 1, ?NEXT_INT, 0, []) end]]),
         ?assertEqual({[I1, I3, I4], I6}, {children(H, L), arbo:last_child(H, L)}),
         Box = arbo:add_hkey_internal(T, R, 2),
-        deactivate(T, hd(Cs = [arbo:add_hkey(T, Box, [0 | K], 3) || K <- [1, 2, 3]])),
+        deactivate(T, hd(Cs = [arbo:add_hkey(T, Box, [0 | K], ?KEY_TAG_ALT) || K <- [1, 2, 3]])),
         ?assertEqual({2, tl(Cs)}, {arbo:num_children(H, Box), children(H, Box)})
     end).

@@ -3,6 +3,7 @@
 -module(print_tests).
 
 -include_lib("eunit/include/eunit.hrl").
+-include("arbo_codes.hrl").
 
 -import(arbo_test_util, [with_table/1, reason/1, str/1]).
 
@@ -40,11 +41,11 @@ small_tree_test() ->
     with_table(fun(T) ->
         R = arbo:get_root(T),
         [B1, B2] = [arbo:add_hkey_internal(T, R, K) || K <- [1, 2]],
-        [LA, LB] = [arbo:add_hkey(T, B, [0 | 1], 3) || B <- [B1, B2]],
-        [ok, 5, Attr, ok] = [arbo:set_val(T, LA, 17, <<1, 2, 3>>), arbo:set_flags(T, LA, 5), arbo:do_set_attr(T, LA, 3, <<9>>),
-                             arbo:set_val(T, LB, 37, <<"0123456789ab">>)],
-        [U, V] = [arbo:add_hkey_dyn(T, R, [1 | K], 3) || K <- [4, 5]],
-        [U1, U2] = [arbo:add_hkey(T, U, str(K), 5) || K <- ["a", "abcdefghij"]],
+        [LA, LB] = [arbo:add_hkey(T, B, [0 | 1], ?KEY_TAG_ALT) || B <- [B1, B2]],
+        [ok, 5, Attr, ok] = [arbo:set_val(T, LA, ?VAL_CSVAL, <<1, 2, 3>>), arbo:set_flags(T, LA, 5), arbo:do_set_attr(T, LA, 3, <<9>>),
+                             arbo:set_val(T, LB, ?VAL_CSVAL_BIN, <<"0123456789ab">>)],
+        [U, V] = [arbo:add_hkey_dyn(T, R, [1 | K], ?ORDER_USER) || K <- [4, 5]],
+        [U1, U2] = [arbo:add_hkey(T, U, str(K), ?KEY_TUPLE) || K <- ["a", "abcdefghij"]],
         [V1, V2] = [arbo:add_hkey(T, V, K, C) || {K, C} <- [{-5, 4}, {{2, 7}, 27}]],
         arbo:set_flags(T, V2, 16#abc),
         Want =
@@ -71,10 +72,10 @@ extremes_test() ->
     with_table(fun(T) ->
         R = arbo:get_root(T),
         C = arbo:add_hkey_internal(T, R, 16#FFFFFFFF),
-        L = arbo:add_hkey_dyn(T, R, [16#FFFFFFFF | 16#FFFFFFFE], 0),
+        L = arbo:add_hkey_dyn(T, R, [16#FFFFFFFF | 16#FFFFFFFE], ?ORDER_PLAIN),
         _ = [arbo:add_hkey(T, L, K, Code) || {K, Code} <- [{-16#80000000, 4}, {{-16#80000000, 16#7FFFFFFF}, 27}]],
-        Leaf = arbo:add_hkey(T, C, [16#FFFFFFFF | 16#FFFFFFFF], 3),
-        _ = {arbo:set_flags(T, Leaf, 1 bsl 64 - 1), arbo:set_val(T, Leaf, 17, <<255, 128>>)},
+        Leaf = arbo:add_hkey(T, C, [16#FFFFFFFF | 16#FFFFFFFF], ?KEY_TAG_ALT),
+        _ = {arbo:set_flags(T, Leaf, 1 bsl 64 - 1), arbo:set_val(T, Leaf, ?VAL_CSVAL, <<255, 128>>)},
         ?assertEqual(["key=0 val=<<>> ns=0 uflags=0x00", "    key=4294967295 uflags=0x00",
                       "        key=4294967295 val=<<255,128,>> ns=4294967295 uflags=0xffffffffffffffff",
                       "    key=4294967294 uflags=0x00", "        key=-2147483648 val=<<>> ns=0 uflags=0x00",

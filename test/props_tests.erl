@@ -5,6 +5,7 @@
 %% decoding is swept by arbo_fuzz_tests.
 -module(props_tests).
 -include_lib("eunit/include/eunit.hrl").
+-include("arbo_codes.hrl").
 
 -import(arbo_test_util, [with_table/1, children/2, hide/1, flags_free/0]).
 
@@ -16,11 +17,11 @@ get_type_test() ->
     with_table(fun(T) ->
         R = arbo:get_root(T),
         [C, U, S, D] = [arbo:add_hkey_internal(T, R, 1) | [arbo:add_hkey_dyn(T, R, K, M) || {K, M} <- [{4, 3}, {6, 0}, {3, 2}]]],
-        Rows = [{R, {3, 0}}, {C, {1, 0}}, {U, {2, 3}}, {S, {2, 0}}, {D, {2, 2}}, {arbo:add_hkey(T, U, 1, 4), {3, 0}}]
-               ++ [{arbo:add_hkey(T, S, K, 4), {3, 0}} || K <- lists:seq(1, 300)],
+        Rows = [{R, {3, 0}}, {C, {1, 0}}, {U, {2, 3}}, {S, {2, 0}}, {D, {2, 2}}, {arbo:add_hkey(T, U, 1, ?KEY_INT), {3, 0}}]
+               ++ [{arbo:add_hkey(T, S, K, ?KEY_INT), {3, 0}} || K <- lists:seq(1, 300)],
         ?assertEqual([W || {_, W} <- Rows], [arbo:get_type(T, N) || {N, _} <- Rows]),
         ?assertEqual({[ok, ok], [undefined, undefined], arbo:get_mem(T)},
-                     {[arbo:set_val(T, X, 18, <<"v">>) || X <- [C, U]], [arbo:get_val_raw(T, X) || X <- [C, U]], arbo:get_mem(T)})
+                     {[arbo:set_val(T, X, ?VAL_BINARY, <<"v">>) || X <- [C, U]], [arbo:get_val_raw(T, X) || X <- [C, U]], arbo:get_mem(T)})
     end).
 
 %% set_flag / clr_flag across the inline/shared-table boundary (its slots
@@ -28,13 +29,13 @@ get_type_test() ->
 %% value is shared by tables.
 flags_test() ->
     with_table(fun(T) ->
-        N = arbo:add_hkey(T, arbo:get_root(T), {-3}, 3),
+        N = arbo:add_hkey(T, arbo:get_root(T), {-3}, ?KEY_TAG_ALT),
         Steps = [{set_flags, 5, 5}, {clr_flag, 1, 4}, {set_flag, 16#400000, 16#400004}, {clr_flag, 16#400000, 4},
                  {set_flag, 16#ffffffffffffffff, 16#ffffffffffffffff}, {clr_flag, 16#ffffffffffffffff, 0}],
         [?assertEqual({Op, Arg, Want, Want}, {Op, Arg, arbo:Op(T, N, Arg), arbo:get_flags(T, N)}) || {Op, Arg, Want} <- Steps],
         V = arbo:set_flags(T, N, 16#400000 bor (erlang:unique_integer([positive]) bsl 23)),
         Free = flags_free(),
-        with_table(fun(T2) -> V = arbo:set_flags(T2, arbo:add_hkey(T2, arbo:get_root(T2), 1, 3), V) end),
+        with_table(fun(T2) -> V = arbo:set_flags(T2, arbo:add_hkey(T2, arbo:get_root(T2), 1, ?KEY_TAG_ALT), V) end),
         ?assertEqual({Free, V, 0}, {flags_free(), arbo:get_flags(T, N), arbo:get_generation(T)})
     end).
 
@@ -44,13 +45,13 @@ flags_test() ->
 values_and_attributes_test() ->
     B = fun(N) -> binary:copy(<<"v">>, N) end,
     with_table(fun(T) ->
-        N = arbo:add_hkey(T, R = arbo:get_root(T), 1, 3),
+        N = arbo:add_hkey(T, R = arbo:get_root(T), 1, ?KEY_TAG_ALT),
         A = arbo:do_set_attr(T, N, 3, <<1, 2>>),
         ?assertEqual({A, A}, {arbo:get_attr_root(T, N), arbo:do_set_attr(T, N, 3, B(11))}),
         Kept = arbo:do_get_attr(T, N, 3),
         Seen = [begin ok = arbo:set_val(T, N, K, V), arbo:get_val_raw(T, N) end
                 || {K, V} <- [{18, B(64)}, {17, B(11)}, {17, B(3)}]],
-        _ = [binary:copy(<<"z">>, 300) || true <- [arbo:del_hkey(T, R, 1, 13)], _ <- lists:seq(1, 10)],
+        _ = [binary:copy(<<"z">>, 300) || true <- [arbo:del_hkey(T, R, 1, ?DEL_TAG)], _ <- lists:seq(1, 10)],
         ?assertEqual({B(11), [B(64), {csval, B(11)}, {csval, B(3)}]}, {Kept, Seen})
     end).
 
@@ -60,8 +61,8 @@ values_and_attributes_test() ->
 %% inactive.
 attribute_zero_test() ->
     with_table(fun(T) ->
-        L = arbo:add_hkey_dyn(T, arbo:get_root(T), 1, 0),
-        [I1, I2, I3] = [arbo:add_hkey(T, L, K, 4) || K <- [1, 2, 3]],
+        L = arbo:add_hkey_dyn(T, arbo:get_root(T), 1, ?ORDER_PLAIN),
+        [I1, I2, I3] = [arbo:add_hkey(T, L, K, ?KEY_INT) || K <- [1, 2, 3]],
         ?assertEqual({[0, 0, 0], 0, [], 4, 0}, {[arbo:do_set_attr(T, L, 0, V) || V <- [<<8, 0, 0, 0, 5>>, <<1, 2, 3>>, <<>>]],
                                                 arbo:get_attr_root(T, L), arbo:do_get_attr(T, L, 0), arbo:get_size(T),
                                                 arbo:get_generation(T)}),
