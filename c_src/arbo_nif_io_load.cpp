@@ -76,24 +76,9 @@ arbo_node* _arbo_nif_add_hkey_int_hinted(arbo_node* parent, uint32_t key, uint32
 arbo_node* _arbo_nif_add_hkey_bin_hinted(arbo_node* parent, const unsigned char* bytes,
                                          size_t len, store_ctx* ctx, int key_type,
                                          sl_append_hint* hint) {
-  if (parent == nullptr || parent->type() != T_DYN_NODE) return nullptr;
-  arbo_node* n = _arbo_nif_dn_new(parent, ctx);
-  gen_node* g = as_gen(n);
-  if (len > static_cast<size_t>(kSmallMax)) {
-    arbo_bin* b = _arbo_nif_alloc_binary(len, bytes, ctx);
-    if (b == nullptr) {
-      _arbo_nif_node_free(n, ctx);
-      return nullptr;
-    }
-    n->key = reinterpret_cast<uintptr_t>(b);
-    g->small_len = 0;
-  } else {
-    if (len != 0) std::memcpy(g->val, bytes, len);
-    g->small_len = static_cast<uint8_t>(len);
-  }
-  n->set(F_KEY_IS_BIN);
-  if (key_type == KEY_OPAQUE) n->set(F_KEY_IS_TUPLE);
-  return link_instance(parent, n, ctx, hint);
+  if (parent == nullptr) return nullptr;
+  arbo_node* n = _arbo_nif_dn_new_bin(parent, bytes, len, ctx, key_type);
+  return n == nullptr ? nullptr : link_instance(parent, n, ctx, hint);
 }
 
 namespace {
@@ -756,11 +741,15 @@ int read_key_form(load_state* st, uint8_t* form) {
   return 1;
 }
 
+// Edits of a list's instances: current must be a list node.
+int require_list(load_state* st) {
+  if (st->cur->type() == T_DYN_NODE) return 1;
+  st->result = LOAD_INVALID_NODE_TYPE;
+  return 0;
+}
+
 int _load_op_move_rel_2(load_state* st, uint8_t form) {
-  if (st->cur->type() != T_DYN_NODE) {
-    st->result = LOAD_INVALID_NODE_TYPE;
-    return 0;
-  }
+  if (!require_list(st)) return 0;
   decoded_key k;
   if (!_load_key(st, form, &k)) return 0;
   arbo_node* child = _arbo_nif_io_find_child(st->cur, &k);
@@ -776,11 +765,14 @@ int _load_op_move_rel_2(load_state* st, uint8_t form) {
   return 1;
 }
 
+// The new key's form is the store's key kind for a rename.
+constexpr bool same_code(int a, int b) { return a == b; }
+static_assert(same_code(KF_HKEY_INT, STORE_KEY_TAG) &&
+              same_code(KF_HKEY_INT_BTUPLE, STORE_KEY_NS_INT) &&
+              same_code(KF_HKEY_BIN, STORE_KEY_OPAQUE) && same_code(KF_HKEY_GEN, STORE_KEY_TUPLE));
+
 int _load_op_rename_instance_2(load_state* st, uint8_t form) {
-  if (st->cur->type() != T_DYN_NODE) {
-    st->result = LOAD_INVALID_NODE_TYPE;
-    return 0;
-  }
+  if (!require_list(st)) return 0;
   decoded_key k;
   if (!_load_key(st, form, &k)) return 0;
   uint8_t new_form = 0;

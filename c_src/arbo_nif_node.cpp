@@ -14,10 +14,6 @@ namespace arbo {
 
 namespace {
 
-constexpr int kKindCsval = 17;
-constexpr int kKindBinary = 18;
-constexpr int kKindCsvalBin = 37;
-
 // The value bytes of a gen node (inline or in its arbo_bin); {0, null} when
 // it holds none. Attributes use the same storage.
 bin_ref value_bytes(const arbo_node* n) {
@@ -102,11 +98,11 @@ int _arbo_nif_set_val(arbo_node* node, store_ctx* ctx, const unsigned char* byte
   if (!node->is_gen() || node->has(F_KEY_IS_BIN)) return 0;
   clear_value(node, ctx);
   switch (kind) {
-    case kKindBinary:
+    case VAL_BINARY:
       return store_value(node, ctx, bytes, len, 0, false) ? 1 : 0;
-    case kKindCsvalBin:
+    case VAL_CSVAL_BIN:
       return store_value(node, ctx, bytes, len, F_VAL_IS_BIN_NOSTR, false) ? 1 : 0;
-    case kKindCsval:
+    case VAL_CSVAL:
       return store_value(node, ctx, bytes, len, F_VAL_IS_SMALL, true) ? 1 : 0;
     default:
       return 1;  // any other kind just leaves the node without a value
@@ -185,7 +181,7 @@ arbo_node* _arbo_nif_attr_set_with_gen(arbo_node* node, uint32_t key, const unsi
     // Attribute 0 of a list node is its inactive count: the call adds an
     // encoded 32-bit integer to it and stores nothing.
     if (cached_inactive(node) != nullptr && len == 5 && bytes[0] == 8)
-      _arbo_nif_attr_inactive_inc(ctx, node, static_cast<int32_t>(get_be32(bytes + 1)));
+      _arbo_nif_attr_inactive_inc(ctx, node, static_cast<int32_t>(be32(bytes + 1)));
     return nullptr;
   }
   if (_arbo_nif_attr_set(ctx, node, key, bytes, len)) ctx->table->generation++;
@@ -208,7 +204,7 @@ uint32_t _arbo_nif_attr_inactive_count(store_ctx* ctx, arbo_node* dnode) {
       bin_ref v = value_bytes(a);
       unsigned char be[4] = {};
       if (v.ptr) std::memcpy(be, v.ptr, v.len < 4 ? v.len : 4);
-      return get_be32(be);
+      return be32(be);
     }
   }
   uint32_t count = count_inactive_children(dnode);
@@ -227,7 +223,7 @@ uint32_t _arbo_nif_attr_inactive_inc(store_ctx* ctx, arbo_node* dnode, int32_t d
       p = as_gen(a)->val;
       if (as_gen(a)->small_len < 4) as_gen(a)->small_len = 4;
     }
-    uint32_t count = get_be32(p) + static_cast<uint32_t>(delta);
+    uint32_t count = be32(p) + static_cast<uint32_t>(delta);
     put_be32(p, count);
     return count;
   }
@@ -244,7 +240,7 @@ void _arbo_nif_do_del_node(arbo_node* node, store_ctx* ctx, int with_siblings,
   // 1. Iterators standing on the node move to the replacement.
   iter_nodes_fixup(ctx->table, node, replacement);
   // 2. A user-ordered list's hash index and its key records.
-  if (node->is_dyn() && as_dyn(node)->cmp == 3 && as_dyn(node)->head[2] != nullptr) {
+  if (node->is_dyn() && as_dyn(node)->cmp == ORDER_USER && as_dyn(node)->head[2] != nullptr) {
     _mirel_hashtable_destroy(reinterpret_cast<mirel_hashtable*>(as_dyn(node)->head[2]), 0);
     as_dyn(node)->head[2] = nullptr;
   }

@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "arbo_alloc.h"
+#include "arbo_bytes.h"
 #include "arbo_node.h"
 
 namespace arbo {
@@ -47,16 +48,6 @@ inline void _arbo_node_free_bin_key(uintptr_t* slot, store_ctx* ctx) {
   *slot = 0;
 }
 
-// ---- big-endian 32-bit numbers (the cached inactive count) -----------------------
-inline uint32_t get_be32(const unsigned char* p) {
-  return (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | p[3];
-}
-inline void put_be32(unsigned char* p, uint32_t v) {
-  p[0] = static_cast<unsigned char>(v >> 24);
-  p[1] = static_cast<unsigned char>(v >> 16);
-  p[2] = static_cast<unsigned char>(v >> 8);
-  p[3] = static_cast<unsigned char>(v);
-}
 
 // ---- search keys -------------------------------------------------------------------
 // The tuple handed to cmp: (bytes, len, indicator, 0) for byte keys,

@@ -24,7 +24,6 @@ namespace arbo {
 
 namespace {
 
-constexpr uint8_t kUserOrder = 3;
 // A user-ordered list gets its index at this many instances and drops it
 // when a removal starts at kIndexDrop or fewer. The gap is intended.
 constexpr int32_t kIndexCreate = 128;
@@ -112,7 +111,7 @@ arbo_node* dl_find(dyn_node* d, const unsigned char* bytes, size_t len, int32_t 
   }
   const auto ilen = static_cast<int32_t>(len);
   for (arbo_node* n = d->head[0]; n != nullptr; n = as_gen(n)->next[0])
-    if (cmp(n, bytes, ilen, int_key, ns, kUserOrder) == 0) return n;
+    if (cmp(n, bytes, ilen, int_key, ns, ORDER_USER) == 0) return n;
   return nullptr;
 }
 
@@ -137,7 +136,7 @@ arbo_node* dl_insert(dyn_node* d, arbo_node* node, store_ctx* ctx) {
       skey k = node_skey(node);
       found = nullptr;
       for (arbo_node* n = d->head[0]; n != nullptr && !found; n = as_gen(n)->next[0])
-        if (sl_cmp(n, k, kUserOrder) == 0) found = n;
+        if (sl_cmp(n, k, ORDER_USER) == 0) found = n;
     }
     if (found) {
       _arbo_nif_do_del_node(node, ctx, 0, kNoFixup);
@@ -191,7 +190,7 @@ int dl_delete(dyn_node* d, const unsigned char* bytes, size_t len, int32_t int_k
 }
 
 bool is_user_list(const arbo_node* parent) {
-  return parent->is_dyn() && as_dyn(parent)->cmp == kUserOrder;
+  return parent->is_dyn() && as_dyn(parent)->cmp == ORDER_USER;
 }
 
 }  // namespace
@@ -301,7 +300,7 @@ void sl_append(arbo_node* parent, gen_node* g, sl_append_hint* hint) {
 arbo_node* sl_insert_hinted(arbo_node* parent, arbo_node* node, store_ctx* ctx,
                             sl_append_hint* hint) {
   dyn_node* d = as_dyn(parent);
-  if (d->cmp == kUserOrder) return _arbo_nif_dn_insert(parent, node, ctx);
+  if (d->cmp == ORDER_USER) return _arbo_nif_dn_insert(parent, node, ctx);
   check_height(node);
   hint_refresh(parent, hint);
   if (!past_end(d, hint, node_skey(node))) {
@@ -315,7 +314,7 @@ arbo_node* sl_insert_hinted(arbo_node* parent, arbo_node* node, store_ctx* ctx,
 
 arbo_node* sl_append_hkey_int(arbo_node* parent, uint32_t key, uint32_t key_flags,
                               store_ctx* ctx, sl_append_hint* hint) {
-  if (parent->type() != T_DYN_NODE || as_dyn(parent)->cmp == kUserOrder) return nullptr;
+  if (parent->type() != T_DYN_NODE || as_dyn(parent)->cmp == ORDER_USER) return nullptr;
   hint_refresh(parent, hint);
   if (!past_end(as_dyn(parent), hint, skey{nullptr, 0, static_cast<int32_t>(key), 0}))
     return nullptr;
@@ -329,7 +328,7 @@ arbo_node* sl_append_hkey_int(arbo_node* parent, uint32_t key, uint32_t key_flag
 // ---- list nodes: both kinds -------------------------------------------------------------
 
 arbo_node* _arbo_nif_dn_new(arbo_node* parent, store_ctx* ctx) {
-  if (as_dyn(parent)->cmp == kUserOrder) {
+  if (as_dyn(parent)->cmp == ORDER_USER) {
     arbo_node* n = _arbo_nif_node_alloc(ctx, T_GEN_NODE_TWO);
     as_gen(n)->height = 2;
     return n;
@@ -343,14 +342,14 @@ arbo_node* _arbo_nif_dn_new(arbo_node* parent, store_ctx* ctx) {
 
 arbo_node* _arbo_nif_dn_insert(arbo_node* parent, arbo_node* node, store_ctx* ctx) {
   ARBO_ASSERT(parent->is_dyn());
-  if (as_dyn(parent)->cmp == kUserOrder) return dl_insert(as_dyn(parent), node, ctx);
+  if (as_dyn(parent)->cmp == ORDER_USER) return dl_insert(as_dyn(parent), node, ctx);
   return sl_insert(parent, node, ctx);
 }
 
 arbo_node* dn_find(arbo_node* parent, const unsigned char* bytes, size_t len, int32_t int_key,
                    uint32_t ns) {
   if (!parent->is_dyn()) return nullptr;
-  if (as_dyn(parent)->cmp == kUserOrder) return dl_find(as_dyn(parent), bytes, len, int_key, ns);
+  if (as_dyn(parent)->cmp == ORDER_USER) return dl_find(as_dyn(parent), bytes, len, int_key, ns);
   sl_path update;
   skey k{bytes, static_cast<int32_t>(len), int_key, ns};
   arbo_node* cand = sl_search(parent, k, update);
@@ -360,7 +359,7 @@ arbo_node* dn_find(arbo_node* parent, const unsigned char* bytes, size_t len, in
 int dn_delete(arbo_node* parent, const unsigned char* bytes, size_t len, int32_t int_key,
               uint32_t ns, store_ctx* ctx) {
   if (!parent->is_dyn()) return 0;
-  if (as_dyn(parent)->cmp == kUserOrder)
+  if (as_dyn(parent)->cmp == ORDER_USER)
     return dl_delete(as_dyn(parent), bytes, len, int_key, ns, ctx);
   sl_path update;
   skey k{bytes, static_cast<int32_t>(len), int_key, ns};
@@ -373,7 +372,7 @@ int dn_delete(arbo_node* parent, const unsigned char* bytes, size_t len, int32_t
 
 arbo_node* _arbo_nif_dn_find_next(arbo_node* parent, const unsigned char* bytes, size_t len,
                                   int32_t int_key, uint32_t ns, int inclusive) {
-  if (!parent->is_dyn() || as_dyn(parent)->cmp == kUserOrder) return nullptr;
+  if (!parent->is_dyn() || as_dyn(parent)->cmp == ORDER_USER) return nullptr;
   sl_path update;
   skey k{bytes, static_cast<int32_t>(len), int_key, ns};
   arbo_node* n = sl_search(parent, k, update);
@@ -384,7 +383,7 @@ arbo_node* _arbo_nif_dn_find_next(arbo_node* parent, const unsigned char* bytes,
 
 arbo_node* _arbo_nif_dn_last_child(arbo_node* parent) {
   dyn_node* d = as_dyn(parent);
-  if (d->cmp == kUserOrder) return d->head[1];
+  if (d->cmp == ORDER_USER) return d->head[1];
   // An empty sorted list answers its header view: stable, and never an
   // instance's address.
   gen_node* x = dn_header(parent);
@@ -437,8 +436,8 @@ int _arbo_nif_move_rel(arbo_node* parent, arbo_node* node, int before, arbo_node
 
 // ---- byte-keyed instances ------------------------------------------------------------------
 
-arbo_node* _arbo_nif_add_hkey_bin(arbo_node* parent, const unsigned char* bytes, size_t len,
-                                  store_ctx* ctx, int key_type) {
+arbo_node* _arbo_nif_dn_new_bin(arbo_node* parent, const unsigned char* bytes, size_t len,
+                                store_ctx* ctx, int key_type) {
   if (!parent->is_dyn()) return nullptr;
   arbo_node* node = _arbo_nif_dn_new(parent, ctx);
   if (len > static_cast<size_t>(kSmallMax)) {
@@ -452,8 +451,14 @@ arbo_node* _arbo_nif_add_hkey_bin(arbo_node* parent, const unsigned char* bytes,
     if (len) std::memcpy(as_gen(node)->val, bytes, len);
     as_gen(node)->small_len = static_cast<uint8_t>(len);
   }
-  node->set(F_KEY_IS_BIN | (key_type == 6 ? F_KEY_IS_TUPLE : 0));
-  return _arbo_nif_dn_insert(parent, node, ctx);
+  node->set(F_KEY_IS_BIN | (key_type == KEY_OPAQUE ? F_KEY_IS_TUPLE : 0));
+  return node;
+}
+
+arbo_node* _arbo_nif_add_hkey_bin(arbo_node* parent, const unsigned char* bytes, size_t len,
+                                  store_ctx* ctx, int key_type) {
+  arbo_node* node = _arbo_nif_dn_new_bin(parent, bytes, len, ctx, key_type);
+  return node == nullptr ? nullptr : _arbo_nif_dn_insert(parent, node, ctx);
 }
 
 // ---- renaming -----------------------------------------------------------------------------
@@ -499,7 +504,7 @@ void _arbo_nif_dn_rename_child(arbo_node* parent, arbo_node* node, const unsigne
                                size_t len, uint32_t ns, int32_t int_key, uint32_t key_flags,
                                store_ctx* ctx) {
   dyn_node* d = as_dyn(parent);
-  if (d->cmp != kUserOrder) {
+  if (d->cmp != ORDER_USER) {
     // sl_take2 lowers a cached inactive count and sl_insert does not raise
     // it again: renaming an inactive instance leaves the count one lower.
     // Kept as it is.
@@ -527,15 +532,15 @@ int _arbo_nif_dn_rename_instance(arbo_node* parent, arbo_node* node, int key_kin
                                  int32_t int_key, store_ctx* ctx) {
   uint32_t flags;
   switch (key_kind) {
-    case 2: flags = F_KEY_IS_TUPLE; break;
-    case 3: flags = F_KEY_IS_BTUPLE; break;
-    case 4: flags = F_KEY_IS_BIN | F_KEY_IS_TUPLE; break;
-    case 5: flags = F_KEY_IS_BIN; break;
+    case STORE_KEY_TAG: flags = F_KEY_IS_TUPLE; break;
+    case STORE_KEY_NS_INT: flags = F_KEY_IS_BTUPLE; break;
+    case STORE_KEY_OPAQUE: flags = F_KEY_IS_BIN | F_KEY_IS_TUPLE; break;
+    case STORE_KEY_TUPLE: flags = F_KEY_IS_BIN; break;
     default: return 0;
   }
-  const bool int_kind = key_kind <= 3;
+  const bool int_kind = key_kind <= STORE_KEY_NS_INT;
   arbo_node* dup;
-  if (!int_kind) dup = dn_find(parent, bytes, len, key_kind == 4 ? 1 : 0, 0);
+  if (!int_kind) dup = dn_find(parent, bytes, len, key_kind == STORE_KEY_OPAQUE ? 1 : 0, 0);
   else if (parent->is_dyn()) dup = dn_find(parent, nullptr, 0, int_key, ns);
   else dup = _arbo_nif_find_child_int(parent, static_cast<uint32_t>(int_key), ns);
   if (dup != nullptr) return 0;

@@ -7,18 +7,14 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "arbo_bytes.h"
+#include "arbo_codes.h"
 #include "arbo_filter.h"
 #include "arbo_nif_node_filter.h"
 
 namespace arbo {
 
 namespace {
-
-uint32_t be16(const unsigned char* p) { return (uint32_t{p[0]} << 8) | p[1]; }
-uint32_t be32(const unsigned char* p) {
-  return (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | p[3];
-}
-uint64_t be64(const unsigned char* p) { return (uint64_t{be32(p)} << 32) | be32(p + 4); }
 
 int32_t copy_text(char* dst, int32_t cap, const unsigned char* src, uint64_t len) {
   if (cap < 1) return 0;
@@ -63,27 +59,27 @@ bool parse_d(const char* s, size_t len, double* out) {
 int32_t _arbo_nif_fmt_cs_val(const unsigned char* e, char* dst, int32_t cap) {
   const unsigned char* p = e + 1;
   switch (e[0]) {
-    case 200: return copy_text(dst, cap, e + 2, e[1]);
-    case 205: return copy_text(dst, cap, e + 5, be32(e + 1));
-    case 6: return bounded(std::snprintf(dst, cap, "%d", static_cast<int8_t>(p[0])), cap);
-    case 7:
+    case TYPE_STRING: return copy_text(dst, cap, e + 2, e[1]);
+    case TYPE_STRING32: return copy_text(dst, cap, e + 5, be32(e + 1));
+    case TYPE_INT8: return bounded(std::snprintf(dst, cap, "%d", static_cast<int8_t>(p[0])), cap);
+    case TYPE_INT16:
       return bounded(std::snprintf(dst, cap, "%d", static_cast<int16_t>(be16(p))), cap);
-    case 8:
+    case TYPE_INT32:
       return bounded(std::snprintf(dst, cap, "%d", static_cast<int32_t>(be32(p))), cap);
-    case 9:
+    case TYPE_INT64:
       return bounded(
           std::snprintf(dst, cap, "%lli", static_cast<long long>(static_cast<int64_t>(be64(p)))),
           cap);
-    case 10: return bounded(std::snprintf(dst, cap, "%u", static_cast<unsigned>(p[0])), cap);
-    case 11: return bounded(std::snprintf(dst, cap, "%u", static_cast<unsigned>(be16(p))), cap);
-    case 12: return bounded(std::snprintf(dst, cap, "%u", static_cast<unsigned>(be32(p))), cap);
-    case 13:
+    case TYPE_UINT8: return bounded(std::snprintf(dst, cap, "%u", static_cast<unsigned>(p[0])), cap);
+    case TYPE_UINT16: return bounded(std::snprintf(dst, cap, "%u", static_cast<unsigned>(be16(p))), cap);
+    case TYPE_UINT32: return bounded(std::snprintf(dst, cap, "%u", static_cast<unsigned>(be32(p))), cap);
+    case TYPE_UINT64:
       return bounded(
           std::snprintf(dst, cap, "%llu", static_cast<unsigned long long>(be64(p))), cap);
-    case 15:
+    case TYPE_IPV4:
       return bounded(std::snprintf(dst, cap, "%d.%d.%d.%d", p[0], p[1], p[2], p[3]), cap);
-    case 17: return bounded(std::snprintf(dst, cap, "%s", p[0] == 0 ? "false" : "true"), cap);
-    case 20:
+    case TYPE_BOOL: return bounded(std::snprintf(dst, cap, "%s", p[0] == 0 ? "false" : "true"), cap);
+    case TYPE_DATE:
       return bounded(std::snprintf(dst, cap, "%d-%02d-%02d", static_cast<int16_t>(be16(p)), p[2],
                                    p[3]),
                      cap);

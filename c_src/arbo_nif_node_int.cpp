@@ -11,11 +11,6 @@ namespace arbo {
 
 namespace {
 
-constexpr int kAddList = 0;
-constexpr int kAddInstance = 1;
-constexpr int kAddContainer = 2;
-constexpr int kAddLeaf = 3;
-
 // Walks to the child holding (key, ns), stopping early once the order says it
 // cannot follow. Returns the link that points at it (or null) and sets *prev
 // to the child before it (null for the first).
@@ -39,22 +34,22 @@ arbo_node** find_link(arbo_node* parent, uint32_t key, uint32_t ns, arbo_node** 
 arbo_node* _arbo_nif_add_hkey_int(arbo_node* parent, uint32_t key, uint32_t ns, store_ctx* ctx,
                                   int add_kind, uint8_t cmp) {
   arbo_node* node;
-  if (add_kind == kAddInstance) {
+  if (add_kind == ADD_INSTANCE) {
     if (!parent->is_dyn()) return nullptr;
     node = _arbo_nif_dn_new(parent, ctx);
     set_node_ns(node, ns);
   } else {
     if (parent->is_dyn()) return nullptr;
     switch (add_kind) {
-      case kAddLeaf:
+      case ADD_LEAF:
         node = _arbo_nif_node_alloc(ctx, T_GEN_NODE_ONE);
         as_gen(node)->height = 1;
         as_gen(node)->ns = ns;
         break;
-      case kAddContainer:
+      case ADD_CONTAINER:
         node = _arbo_nif_node_alloc(ctx, T_INT_NODE);
         break;
-      case kAddList:
+      case ADD_LIST:
         node = _arbo_nif_node_alloc(ctx, T_DYN_NODE);
         as_dyn(node)->cmp = cmp;
         as_dyn(node)->ns = ns;
@@ -91,7 +86,7 @@ arbo_node* _arbo_nif_put_hkey_int_ll(arbo_node* parent, arbo_node* node, int add
     _arbo_nif_node_free(node, ctx);
     // Asking again for the same list node yields it; asking for a list node
     // where another kind of node holds the pair is a failure.
-    return (add_kind != kAddList || at->is_dyn()) ? at : nullptr;
+    return (add_kind != ADD_LIST || at->is_dyn()) ? at : nullptr;
   }
   *sibling_slot(node) = at;
   *link = node;
@@ -167,14 +162,14 @@ int _arbo_nif_rename_ns(arbo_node* parent, arbo_node* node, uint32_t new_ns, sto
   if (taken != node) {
     // Another child holds that pair (the node is not a child of `parent`):
     // put it back where it was.
-    if (taken != nullptr) _arbo_nif_put_hkey_int_ll(parent, taken, kAddLeaf, ctx);
+    if (taken != nullptr) _arbo_nif_put_hkey_int_ll(parent, taken, ADD_LEAF, ctx);
     return 0;
   }
   set_node_ns(node, new_ns);
   // No check that the target pair is free: when it is taken, the insertion
   // frees the node's record only (its value, attributes and subtree stay
   // allocated and unreachable) and the rename fails. Callers count on it.
-  return _arbo_nif_put_hkey_int_ll(parent, node, kAddLeaf, ctx) == node ? 1 : 0;
+  return _arbo_nif_put_hkey_int_ll(parent, node, ADD_LEAF, ctx) == node ? 1 : 0;
 }
 
 }  // namespace arbo

@@ -20,13 +20,13 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "arbo_codes.h"
 #include "arbo_node.h"
 
 namespace arbo {
 
 // ---- integer-keyed child lists -------------------------------------------------
-// add_kind: 0 list node (cmp given), 1 integer instance of a list node,
-//           2 container, 3 leaf (T_GEN_NODE_ONE).
+// add_kind: what to make (enum add_kind, arbo_codes.h); cmp for ADD_LIST.
 arbo_node* _arbo_nif_add_hkey_int(arbo_node* parent, uint32_t key, uint32_t ns, store_ctx* ctx,
                                   int add_kind, uint8_t cmp);
 arbo_node* _arbo_nif_put_hkey_int_ll(arbo_node* parent, arbo_node* node, int add_kind,
@@ -59,13 +59,18 @@ int _arbo_nif_dl_move_rel(arbo_node* parent, arbo_node* node, int before, arbo_n
 // -1 (0xffffffff) parent not a user-ordered list, 0 refused, 1 moved.
 int _arbo_nif_move_rel(arbo_node* parent, arbo_node* node, int before, arbo_node* ref,
                        store_ctx* ctx);
-// key_kind 2/3 integer (tuple / btuple flag), 4 tuple-flagged bytes, 5 bytes.
+// key_kind: a store_key_kind (arbo_codes.h).
 int _arbo_nif_dn_rename_instance(arbo_node* parent, arbo_node* node, int key_kind,
                                  const unsigned char* bytes, size_t len, uint32_t ns,
                                  int32_t int_key, store_ctx* ctx);
-// key_type 6 sets F_KEY_IS_TUPLE (one opaque element), 5 does not.
+// key_type KEY_OPAQUE sets F_KEY_IS_TUPLE (one opaque element), KEY_TUPLE
+// does not.
 arbo_node* _arbo_nif_add_hkey_bin(arbo_node* parent, const unsigned char* bytes, size_t len,
                                   store_ctx* ctx, int key_type);
+// The instance _arbo_nif_add_hkey_bin would link, made but not linked; null
+// when `parent` is no list node or the key's binary is refused.
+arbo_node* _arbo_nif_dn_new_bin(arbo_node* parent, const unsigned char* bytes, size_t len,
+                                store_ctx* ctx, int key_type);
 
 // Appending a run of instances in ascending key order (the loader fills a
 // saved sorted list this way): the hint remembers the last instance reached
@@ -101,8 +106,9 @@ arbo_node* _arbo_nif_add_hkey_bin_hinted(arbo_node* parent, const unsigned char*
                                          sl_append_hint* hint);
 
 // ---- values, attributes, deletion --------------------------------------------
-// kind 17 csval (inline up to 10 bytes), 18 plain binary, 37 csval kept as a
-// binary; any other kind clears the value. 0 for nodes that cannot hold one.
+// kind: a val_kind (arbo_codes.h): an encoded value (inline up to 10 bytes),
+// a plain binary, an encoded value kept as a binary; any other kind clears
+// the value. 0 for nodes that cannot hold one.
 int _arbo_nif_set_val(arbo_node* node, store_ctx* ctx, const unsigned char* bytes, size_t len,
                       int kind);
 uint32_t _arbo_nif_free_val(arbo_node* node, store_ctx* ctx);
