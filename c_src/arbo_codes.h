@@ -17,12 +17,12 @@ namespace arbo {
 // add_hkey's kind argument; cmp_keys_nif reads KEY_TUPLE and KEY_OPAQUE as
 // byte keys, KEY_NS_INT as {Ns, Int} and every other kind as an integer.
 enum add_key_kind : unsigned {
-  KEY_TAG = 2,       // integer tag: {Tag}, Tag or [Ns | Tag]
-  KEY_TAG_ALT = 3,   // the same, under its second code
-  KEY_INT = 4,       // signed 32-bit instance key
-  KEY_TUPLE = 5,     // binary: encoded tuple key
-  KEY_OPAQUE = 6,    // binary: one opaque element
-  KEY_NS_INT = 27,   // {Ns, Int}
+  KEY_TAG = 2,      // integer tag: {Tag}, Tag or [Ns | Tag]
+  KEY_TAG_ALT = 3,  // the same, under its second code
+  KEY_INT = 4,      // signed 32-bit instance key
+  KEY_TUPLE = 5,    // binary: encoded tuple key
+  KEY_OPAQUE = 6,   // binary: one opaque element
+  KEY_NS_INT = 27,  // {Ns, Int}
 };
 // del_hkey's kind argument.
 enum del_key_kind : unsigned {
@@ -65,10 +65,10 @@ enum add_kind : int {
 
 // ---- value kinds (set_val) ---------------------------------------------------------
 enum val_kind : int {
-  VAL_CLEAR = 0,      // any kind not below clears the value
-  VAL_CSVAL = 17,     // encoded value, inline up to 10 bytes
-  VAL_BINARY = 18,    // plain binary
-  VAL_CSVAL_BIN = 37, // encoded value kept as a binary
+  VAL_CLEAR = 0,       // any kind not below clears the value
+  VAL_CSVAL = 17,      // encoded value, inline up to 10 bytes
+  VAL_BINARY = 18,     // plain binary
+  VAL_CSVAL_BIN = 37,  // encoded value kept as a binary
 };
 
 // ---- list orders (a list node's `cmp`; key comparison modes 0 to 2) -----------------
@@ -93,7 +93,7 @@ enum type_code : uint8_t {
   TYPE_INT64 = 9,
   TYPE_UINT8 = 10,
   TYPE_UINT16 = 11,
-  TYPE_UINT32 = 12,   // a save file's key form 3 with this type byte is a byte key
+  TYPE_UINT32 = 12,  // a save file's key form 3 with this type byte is a byte key
   TYPE_UINT64 = 13,
   TYPE_IPV4 = 15,
   TYPE_BOOL = 17,

@@ -48,7 +48,6 @@ inline void _arbo_node_free_bin_key(uintptr_t* slot, store_ctx* ctx) {
   *slot = 0;
 }
 
-
 // ---- search keys -------------------------------------------------------------------
 // The tuple handed to cmp: (bytes, len, indicator, 0) for byte keys,
 // (null, 0, key, ns) for integer keys.

@@ -70,15 +70,19 @@ int32_t _arbo_nif_fmt_cs_val(const unsigned char* e, char* dst, int32_t cap) {
       return bounded(
           std::snprintf(dst, cap, "%lli", static_cast<long long>(static_cast<int64_t>(be64(p)))),
           cap);
-    case TYPE_UINT8: return bounded(std::snprintf(dst, cap, "%u", static_cast<unsigned>(p[0])), cap);
-    case TYPE_UINT16: return bounded(std::snprintf(dst, cap, "%u", static_cast<unsigned>(be16(p))), cap);
-    case TYPE_UINT32: return bounded(std::snprintf(dst, cap, "%u", static_cast<unsigned>(be32(p))), cap);
+    case TYPE_UINT8:
+      return bounded(std::snprintf(dst, cap, "%u", static_cast<unsigned>(p[0])), cap);
+    case TYPE_UINT16:
+      return bounded(std::snprintf(dst, cap, "%u", static_cast<unsigned>(be16(p))), cap);
+    case TYPE_UINT32:
+      return bounded(std::snprintf(dst, cap, "%u", static_cast<unsigned>(be32(p))), cap);
     case TYPE_UINT64:
       return bounded(
           std::snprintf(dst, cap, "%llu", static_cast<unsigned long long>(be64(p))), cap);
     case TYPE_IPV4:
       return bounded(std::snprintf(dst, cap, "%d.%d.%d.%d", p[0], p[1], p[2], p[3]), cap);
-    case TYPE_BOOL: return bounded(std::snprintf(dst, cap, "%s", p[0] == 0 ? "false" : "true"), cap);
+    case TYPE_BOOL:
+      return bounded(std::snprintf(dst, cap, "%s", p[0] == 0 ? "false" : "true"), cap);
     case TYPE_DATE:
       return bounded(std::snprintf(dst, cap, "%d-%02d-%02d", static_cast<int16_t>(be16(p)), p[2],
                                    p[3]),

@@ -141,7 +141,8 @@ inline int cmp_mask(uint64_t a, uint64_t b) {
 }
 
 inline uint64_t mask_value(const unsigned char* p, int type) {
-  if (type == TYPE_BITMASK32) return static_cast<uint64_t>(static_cast<int64_t>(static_cast<int32_t>(be32(p))));
+  if (type == TYPE_BITMASK32)
+    return static_cast<uint64_t>(static_cast<int64_t>(static_cast<int32_t>(be32(p))));
   return be64(p);
 }
 
@@ -288,7 +289,9 @@ int cmp_tuple_key(const unsigned char* a, int32_t alen, int a_single, const unsi
     } else {
       int r;
       switch (bt) {
-        case TYPE_INT8: r = num_cmp<int8_t>(static_cast<int8_t>(pa[0]), static_cast<int8_t>(pb[0])); break;
+        case TYPE_INT8:
+          r = num_cmp<int8_t>(static_cast<int8_t>(pa[0]), static_cast<int8_t>(pb[0]));
+          break;
         case TYPE_INT16:
           r = num_cmp<int16_t>(static_cast<int16_t>(be16(pa)), static_cast<int16_t>(be16(pb)));
           break;
