@@ -22,7 +22,6 @@ void ft_init(arbo_alloc_state* as) {
   ft->lock = enif_rwlock_create(const_cast<char*>("flags_table"));
   ARBO_ASSERT_MSG(ft->lock != nullptr, "ft->lock");
   ft->capacity = kFlagsGrowth;
-  ft->used = 0;
   as->mem += kFlagsGrowthBytes;
 }
 
@@ -50,8 +49,7 @@ void seed_random() {
 void arbo_nif_alloc_init(arbo_alloc_state** out) {
   void* mem = enif_alloc(sizeof(arbo_alloc_state));
   ARBO_ASSERT_MSG(mem != nullptr, "as");
-  std::memset(mem, 0, sizeof(arbo_alloc_state));
-  auto* as = new (mem) arbo_alloc_state{};
+  auto* as = new (mem) arbo_alloc_state{};  // every member zero
   as->rmtx = enif_mutex_create(const_cast<char*>("arbo_nif_random"));
   ARBO_ASSERT_MSG(as->rmtx != nullptr, "as->rmtx");
   ft_init(as);
