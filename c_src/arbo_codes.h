@@ -84,7 +84,7 @@ enum list_order : uint8_t {
 // The codes the library itself reads or the Erlang API names. Which codes
 // exist and their lengths are two tables: the value-length table (kValLen,
 // arbo_store.h) and the key parser's element table (arbo_nif_node_keys.cpp);
-// test/codes_test.cpp holds them against the Erlang side's.
+// test/type_codes_test.cpp holds them against the Erlang side's.
 enum type_code : uint8_t {
   TYPE_EMPTY = 0,
   TYPE_INT8 = 6,

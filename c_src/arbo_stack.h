@@ -44,7 +44,7 @@ void iter_nodes_fixup(arbo_t* table, const arbo_node* node, uintptr_t replacemen
 // Frees every stack of the table (close and destructor).
 void iter_nodes_free_all(arbo_t* table);
 // Unlinks and frees the stack owned by `pid`, if any. The process-down
-// callback of "arbo_type" (src/arbo_nif_stack.cpp) calls it under the
+// callback of "arbo_type" (arbo_nif_stack.cpp) calls it under the
 // exclusive lock once it knows the table is open.
 void iter_nodes_drop_stack(arbo_t* table, const ErlNifPid* pid);
 

@@ -2,8 +2,9 @@
 // load factor of 65%. Caller-supplied hash, equality, allocation and
 // key-release functions. Not thread-safe: callers serialise access.
 //
-// Failures are null or 0 results; a failed growth keeps the old array and a
-// failed entry allocation restores the count.
+// Failures are null or 0 results. A growth whose new array is refused
+// enlarges the old one in place instead; if that is refused too, the table
+// keeps its size. A failed entry allocation restores the count.
 #ifndef MIREL_HASHTABLE_H
 #define MIREL_HASHTABLE_H
 

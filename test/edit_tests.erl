@@ -1,10 +1,11 @@
 %% Tree editing from Erlang: containers and namespaces (integer child lists),
-%% key storage with exact accounting, deletion, generation moves, and one
-%% the refusals the store makes (argument decoding, handles and node types
-%% are swept by arbo_fuzz_tests). Random sequences of list edits
-%% through every key form, renames included, are checked in
-%% store_prop_tests (the lists themselves, every key style and the index
-%% thresholds, in store_model_test.cpp).
+%% renames outside a list, deletion by the key forms the model does not use,
+%% exact accounting of every allocation and the generation's moves, and the
+%% refusals the store makes (argument decoding, handles and node types are
+%% swept by arbo_fuzz_tests). Random sequences of list edits through every
+%% key form, renames included, are checked in store_prop_tests (the lists
+%% themselves, every key style and the index thresholds, in
+%% store_model_test.cpp).
 -module(edit_tests).
 -include_lib("eunit/include/eunit.hrl").
 -include("arbo_codes.hrl").
