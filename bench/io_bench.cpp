@@ -22,23 +22,24 @@ using arbo_shim::TestTable;
 namespace {
 
 std::string list_file(int n, bool csval) {
-  std::vector<unsigned char> b = {0xEE, 0xDA, 0x00, 0x01, 0x02, 0x14, 0, 0, 0, 1, 0};
+  std::vector<unsigned char> b = {0xEE, 0xDA, 0x00, 0x01, OP_BEGIN_TRANS,
+                                  io_opcode(OP_CD_DYN, KF_HTAG), 0, 0, 0, 1, ORDER_PLAIN};
   for (int k = 1; k <= n; ++k) {
-    const unsigned char rec[] = {0x46, static_cast<unsigned char>(k >> 24),
+    const unsigned char rec[] = {io_opcode(OP_CD, KF_HKEY_INT), static_cast<unsigned char>(k >> 24),
                                  static_cast<unsigned char>(k >> 16),
                                  static_cast<unsigned char>(k >> 8), static_cast<unsigned char>(k)};
     b.insert(b.end(), rec, rec + sizeof rec);
     if (csval) {  // a string element of 8 bytes
-      b.insert(b.end(), {0x09, 200, 8});
+      b.insert(b.end(), {OP_INSERT, TYPE_STRING, 8});
       b.insert(b.end(), 8, static_cast<unsigned char>(k));
     } else {
-      b.insert(b.end(), {0x0D, 10});
+      b.insert(b.end(), {OP_INSERT_BIN0, 10});
       b.insert(b.end(), 10, static_cast<unsigned char>(k));
     }
-    b.push_back(0x07);
+    b.push_back(OP_CD_UP_1);
   }
-  b.push_back(0x07);
-  b.push_back(0x03);
+  b.push_back(OP_CD_UP_1);
+  b.push_back(OP_TRANS_END);
   std::string path = "/tmp/arbo_io_bench_" + std::to_string(getpid()) + "_" + std::to_string(n);
   FILE* f = std::fopen(path.c_str(), "wb");
   std::fwrite(b.data(), 1, b.size(), f);

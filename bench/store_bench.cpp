@@ -91,7 +91,7 @@ void BM_DeleteSubtree(benchmark::State& state) {
     arbo_node* l = _arbo_nif_add_hkey_int(c, 1, 0, &t.ctx, 0, 0);
     for (int i = 0; i < n; ++i) {
       arbo_node* x = _arbo_nif_add_hkey_int(l, static_cast<uint32_t>(i), 0, &t.ctx, 1, 0);
-      _arbo_nif_set_val(x, &t.ctx, val, sizeof val, 18);
+      _arbo_nif_set_val(x, &t.ctx, val, sizeof val, VAL_BINARY);
       _arbo_nif_attr_set(&t.ctx, x, 3, val, 4);
     }
     state.ResumeTiming();
