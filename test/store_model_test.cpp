@@ -66,8 +66,8 @@ struct Ops {
   const unsigned char* b(const MKey& k) { return k.bin ? bytes_of(k.bytes) : nullptr; }
   uint32_t u(const MKey& k) { return static_cast<uint32_t>(k.i); }
   arbo_node* add(const MKey& k) {
-    return k.bin ? _arbo_nif_add_hkey_bin(list, b(k), k.bytes.size(), &t.ctx, 6)
-                 : _arbo_nif_add_hkey_int(list, u(k), k.ns, &t.ctx, 1, 0);
+    return k.bin ? _arbo_nif_add_hkey_bin(list, b(k), k.bytes.size(), &t.ctx, KEY_OPAQUE)
+                 : _arbo_nif_add_hkey_int(list, u(k), k.ns, &t.ctx, ADD_INSTANCE, 0);
   }
   int del(const MKey& k) {
     return k.bin ? _arbo_nif_del_hkey_bin(list, 1, b(k), k.bytes.size(), &t.ctx)
@@ -76,13 +76,13 @@ struct Ops {
   arbo_node* find(const MKey& k) {
     return k.bin ? _arbo_nif_find_child_bin(list, 1, b(k), k.bytes.size()) : _arbo_nif_find_child_int(list, u(k), k.ns);
   }
-  // Renames n to k; on success n carries the flags of the new key's kind (2-4).
+  // Renames n to k; on success n carries the flags of the new key's kind.
   int rename(arbo_node* n, const MKey& k, bool btuple) {
     const uint32_t flags[] = {F_KEY_IS_TUPLE, F_KEY_IS_BTUPLE, F_KEY_IS_BIN | F_KEY_IS_TUPLE};
-    const int kind = k.bin ? 4 : btuple ? 3 : 2;
+    const int kind = k.bin ? STORE_KEY_OPAQUE : btuple ? STORE_KEY_NS_INT : STORE_KEY_TAG;
     const uint32_t before = n->flags() & kKeyFlags;
     const int ok = _arbo_nif_dn_rename_instance(list, n, kind, b(k), k.bytes.size(), k.ns, k.i, &t.ctx);
-    EXPECT_EQ(n->flags() & kKeyFlags, ok ? flags[kind - 2] : before);
+    EXPECT_EQ(n->flags() & kKeyFlags, ok ? flags[kind - STORE_KEY_TAG] : before);
     return ok;
   }
   void mark_inactive(arbo_node* n) {
@@ -110,7 +110,7 @@ TEST_P(ListModel, RandomSequencesAgreeWithTheModel) {
   TestTable t;
   KeptRecords kept;
   const Counters c0 = counters(t);
-  Ops ops{t, _arbo_nif_add_hkey_int(t.root(), 1, 0, &t.ctx, 0, static_cast<uint8_t>(mode))};
+  Ops ops{t, _arbo_nif_add_hkey_int(t.root(), 1, 0, &t.ctx, ADD_LIST, static_cast<uint8_t>(mode))};
   const ModelLess less{mode};  // mode 3 orders as 0: used for equality only
   std::vector<std::pair<MKey, arbo_node*>> items;  // the list's order
   auto place = [&](const MKey& k) {  // in a sorted list
@@ -137,9 +137,9 @@ TEST_P(ListModel, RandomSequencesAgreeWithTheModel) {
         items.insert(user ? items.end() : place(k), {k, got});
         // Values, long attributes and children, so removals free whole subtrees.
         if (!k.bin && g.chance(30))
-          _arbo_nif_set_val(got, &t.ctx, bytes_of(std::string(30, 'v')), 5 + g.below(20), 17);
+          _arbo_nif_set_val(got, &t.ctx, bytes_of(std::string(30, 'v')), 5 + g.below(20), VAL_CSVAL);
         if (g.chance(10)) _arbo_nif_attr_set(&t.ctx, got, 1, bytes_of(std::string(40, 'a')), 40);
-        if (g.chance(10)) _arbo_nif_add_hkey_int(got, 3, 0, &t.ctx, 3, 0);
+        if (g.chance(10)) _arbo_nif_add_hkey_int(got, 3, 0, &t.ctx, ADD_LEAF, 0);
         if (g.chance(15)) ops.mark_inactive(got), ++inactive;
       }
     } else if (op < 70) {

@@ -28,14 +28,14 @@ uintptr_t addr(const void* n) { return reinterpret_cast<uintptr_t>(n); }
 // and what it owned stays allocated, on purpose.
 TEST(IntList, IteratorRepairAndRenameOntoATakenPair) {
   TestTable t;
-  arbo_node* p = add(t, t.root(), 1, 3);
+  arbo_node* p = add(t, t.root(), 1, ADD_LEAF);
   const Counters c0 = counters(t);
-  arbo_node* c5 = add(t, p, 5, 3);
-  arbo_node* c12 = add(t, p, 12, 3);
-  arbo_node* d4 = add(t, p, 4, 3, 1);
+  arbo_node* c5 = add(t, p, 5, ADD_LEAF);
+  arbo_node* c12 = add(t, p, 12, ADD_LEAF);
+  arbo_node* d4 = add(t, p, 4, ADD_LEAF, 1);
   const std::string long_value(30, 'x');
-  _arbo_nif_attr_set(&t.ctx, add(t, p, 3, 3, 1), 2, bytes_of(long_value), long_value.size());
-  add(t, d4, 1, 3);
+  _arbo_nif_attr_set(&t.ctx, add(t, p, 3, ADD_LEAF, 1), 2, bytes_of(long_value), long_value.size());
+  add(t, d4, 1, ADD_LEAF);
   std::vector<iter_stack*> st;
   for (auto nodes : {std::vector<const void*>{p, c5, c12}, {p, d4}}) {
     st.push_back(iter_nodes_new_stack());
@@ -49,10 +49,10 @@ TEST(IntList, IteratorRepairAndRenameOntoATakenPair) {
   EXPECT_EQ(st[1]->nodes[1], addr(c12));
   iter_nodes_free_all(&t.table);
 
-  arbo_node* e = add(t, p, 1, 3, 4);
+  arbo_node* e = add(t, p, 1, ADD_LEAF, 4);
   _arbo_nif_attr_set(&t.ctx, e, 3, bytes_of(long_value), long_value.size());
   arbo_node* kept_attr = e->attr;
-  add(t, p, 1, 3, 2);
+  add(t, p, 1, ADD_LEAF, 2);
   const Counters c1 = counters(t);
   EXPECT_EQ(_arbo_nif_rename_ns(p, e, 2, &t.ctx), 0);
   EXPECT_EQ(children(p).size(), 2u);
@@ -69,19 +69,19 @@ TEST(IntList, IteratorRepairAndRenameOntoATakenPair) {
 TEST(UserList, IndexThresholdsIgnoreNamespaces) {
   TestTable t;
   KeptRecords kept;
-  arbo_node* l = add(t, t.root(), 1, 0, 0, 3);
-  for (uint32_t i = 0; i < 127; ++i) add(t, l, i, 1);
+  arbo_node* l = add(t, t.root(), 1, ADD_LIST, 0, ORDER_USER);
+  for (uint32_t i = 0; i < 127; ++i) add(t, l, i, ADD_INSTANCE);
   EXPECT_EQ(as_dyn(l)->head[2], nullptr);
-  add(t, l, 127, 1);
+  add(t, l, 127, ADD_INSTANCE);
   ASSERT_NE(as_dyn(l)->head[2], nullptr);
   EXPECT_EQ(_mirel_hashtable_count(reinterpret_cast<mirel_hashtable*>(as_dyn(l)->head[2])), 128u);
-  EXPECT_EQ(add(t, l, 5, 1, 1), _arbo_nif_find_child_int(l, 5, 0));
+  EXPECT_EQ(add(t, l, 5, ADD_INSTANCE, 1), _arbo_nif_find_child_int(l, 5, 0));
   EXPECT_EQ(_arbo_nif_find_child_int(l, 5, 7), _arbo_nif_find_child_int(l, 5, 0));
   for (uint32_t i = 127; i >= 64; --i) ASSERT_EQ(_arbo_nif_del_hkey_int(l, i, 0, &t.ctx), 1);
   ASSERT_TRUE(as_dyn(l)->size == 64 && as_dyn(l)->head[2] != nullptr);  // starting above 64 keeps it
   EXPECT_EQ(_arbo_nif_del_hkey_int(l, 0, 0, &t.ctx), 1);
   EXPECT_EQ(as_dyn(l)->head[2], nullptr);
-  EXPECT_NE(add(t, l, 5, 1, 1), _arbo_nif_find_child_int(l, 5, 0));  // namespaces count again
+  EXPECT_NE(add(t, l, 5, ADD_INSTANCE, 1), _arbo_nif_find_child_int(l, 5, 0));  // namespaces count again
   ASSERT_TRUE(TreeOk(l));
 }
 
