@@ -230,37 +230,47 @@ int fits(load_state* st, uint64_t len) { return len <= st->remaining() ? 1 : ref
 // (A stream whose size cannot be told has no such bound: a refused
 // allocation for it answers "io" as well.)
 
+// How a csval of `type` is framed: a fixed payload of *fixed bytes (*width
+// 0), or a big-endian length prefix of *width bytes. False when the width
+// is none of 1, 2 and 4 (a type the value-length table does not know).
+bool csval_framing(uint8_t type, int* fixed, int* width) {
+  int is_variable = 0, is_nested = 0;
+  const int n = _arbo_nif_val_len(type, &is_variable, &is_nested);
+  *fixed = is_variable ? 0 : n;
+  *width = is_variable ? n : 0;
+  return !is_variable || n == 1 || n == 2 || n == 4;
+}
+
 // One csval: the type byte, then a fixed payload or a big-endian length
 // prefix of 1, 2 or 4 bytes and that many bytes. Type 0 is no value.
 int _load_csval(load_state* st, decoded_val* out) {
   _arbo_nif_val_destroy(out);
   uint8_t type = 0;
   if (!read_u8(st, &type)) return 0;
-  if (type == 0) return 1;
-  int is_variable = 0, is_nested = 0;
-  const int n = _arbo_nif_val_len(type, &is_variable, &is_nested);
-  if (!is_variable) {
-    if (!fits(st, static_cast<uint64_t>(n))) return 0;
-    unsigned char* v = out->buf.reserve(1 + static_cast<size_t>(n));
-    ARBO_ASSERT(v != nullptr);
-    v[0] = type;
-    if (!_load_read(st, v + 1, static_cast<size_t>(n))) return 0;
-    out->len = 1 + static_cast<size_t>(n);
-    return 1;
-  }
-  if (n != 1 && n != 2 && n != 4) {
+  if (type == TYPE_EMPTY) return 1;
+  int fixed = 0, width = 0;
+  if (!csval_framing(type, &fixed, &width)) {
     st->result = LOAD_INVALID_DATA;
     return 0;
   }
+  if (width == 0) {
+    if (!fits(st, static_cast<uint64_t>(fixed))) return 0;
+    unsigned char* v = out->buf.reserve(1 + static_cast<size_t>(fixed));
+    ARBO_ASSERT(v != nullptr);
+    v[0] = type;
+    if (!_load_read(st, v + 1, static_cast<size_t>(fixed))) return 0;
+    out->len = 1 + static_cast<size_t>(fixed);
+    return 1;
+  }
   unsigned char prefix[4];
-  if (!_load_read(st, prefix, static_cast<size_t>(n))) return 0;
-  const uint64_t len = be_n(prefix, n);
+  if (!_load_read(st, prefix, static_cast<size_t>(width))) return 0;
+  const uint64_t len = be_n(prefix, width);
   if (!fits(st, len)) return 0;
-  const size_t head = 1 + static_cast<size_t>(n);
+  const size_t head = 1 + static_cast<size_t>(width);
   unsigned char* v = out->buf.reserve(head + static_cast<size_t>(len));
   if (v == nullptr) return refuse_io(st);
   v[0] = type;
-  std::memcpy(v + 1, prefix, static_cast<size_t>(n));
+  std::memcpy(v + 1, prefix, static_cast<size_t>(width));
   if (!_load_read(st, v + head, static_cast<size_t>(len))) return 0;
   out->len = head + static_cast<size_t>(len);
   return 1;
@@ -458,14 +468,13 @@ constexpr uint8_t kOpCdHkeyInt = io_opcode(OP_CD, KF_HKEY_INT);
 // one a fast path may take (the record-by-record path answers its error).
 size_t csval_extent(const unsigned char* at, uint64_t avail) {
   if (avail == 0) return 0;
-  if (at[0] == 0) return 1;
-  int is_variable = 0, is_nested = 0;
-  const int n = _arbo_nif_val_len(at[0], &is_variable, &is_nested);
-  if (n < 0) return 0;
-  uint64_t total = 1 + static_cast<uint64_t>(n);
-  if (is_variable) {
-    if ((n != 1 && n != 2 && n != 4) || avail < total) return 0;
-    total += be_n(at + 1, n);
+  if (at[0] == TYPE_EMPTY) return 1;
+  int fixed = 0, width = 0;
+  if (!csval_framing(at[0], &fixed, &width)) return 0;
+  uint64_t total = 1 + static_cast<uint64_t>(fixed + width);
+  if (width != 0) {
+    if (avail < total) return 0;
+    total += be_n(at + 1, width);
   }
   return total <= avail ? static_cast<size_t>(total) : 0;
 }
