@@ -43,6 +43,13 @@
 
 -define(MAGIC, 16#EEDA0001).
 
+%% Every error/1 here raises through this helper, which adds the shell's
+%% explanation (arbo_error:format_error/2); inlined, so the failing
+%% function stays the one on top of the stack.
+-compile({no_auto_import, [error/1]}).
+-compile({inline, [error/1]}).
+error(Reason) -> erlang:error(Reason, none, [{error_info, #{module => arbo_error}}]).
+
 %% ---------------------------------------------------------------------------
 %% Verification
 

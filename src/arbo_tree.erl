@@ -92,9 +92,10 @@
 -type order() :: sorted | sorted_length_first | sorted_length_first_but_last | user_order.
 -type node_type() :: root | container | leaf | {list, order()} | instance.
 -type value() :: binary() | arbo_val:value().
+-type filter() :: all | tuple().
 %% A filter: `all' (every child), or
 %% <ul>
-%%  <li>`{'and', F, F}', `{'or', F, F}', `{'not', F}'</li>
+%%  <li>``{'and', F, F}'', ``{'or', F, F}'', ``{'not', F}''</li>
 %%  <li>`{exists, Path}': a node exists at Path below the child</li>
 %%  <li>`{value, Op, Path, Pattern}': the value of the node at Path, as
 %%      text, against Pattern (a binary, or an integer); Op is one of `eq',
@@ -111,7 +112,6 @@
 %% instance matches. As the library decides it, a comparison it cannot make
 %% (`gt' on text that is not a number, a value too long for its text
 %% buffer) counts as a match in a select, like a full one.
--type filter() :: all | tuple().
 
 -define(ORDERS, [{sorted, 0}, {sorted_length_first, 1}, {sorted_length_first_but_last, 2},
                  {user_order, 3}]).
@@ -119,6 +119,13 @@
 -define(I32(X), (is_integer(X) andalso X >= -16#80000000 andalso X =< 16#7fffffff)).
 -define(U64(X), (is_integer(X) andalso X >= 0 andalso X =< 16#ffffffffffffffff)).
 -define(HIDE_INACTIVE, 16#100).
+
+%% Every error/1 here raises through this helper, which adds the shell's
+%% explanation (arbo_error:format_error/2); inlined, so the failing
+%% function stays the one on top of the stack.
+-compile({no_auto_import, [error/1]}).
+-compile({inline, [error/1]}).
+error(Reason) -> erlang:error(Reason, none, [{error_info, #{module => arbo_error}}]).
 
 %% ===========================================================================
 %% Lifecycle
