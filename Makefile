@@ -58,7 +58,7 @@ test/ebin/.stamp: $(TEST_SRC) $(BENCH_SRC) ebin/.stamp
 # then the Erlang suites again against the sanitizer build.
 test: deps
 	$(MAKE) build asan
-	$(MAKE) check unit eunit eunit-asan
+	$(MAKE) check unit eunit eunit-asan consumer
 
 unit:
 	cd $(BUILD) && ctest --output-on-failure -j$(JOBS)
