@@ -9,19 +9,40 @@
 # application started by arbo_tree:new/0.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-rev=$(git -C "$root" rev-parse HEAD)
-if [ -n "$(git -C "$root" status --porcelain --untracked-files=no)" ]; then
-  echo "consumer test: uses the committed HEAD $rev (the working tree has changes)"
-fi
 work=$(mktemp -d "${TMPDIR:-/tmp}/arbo_consumer.XXXXXX")
 trap 'rm -rf "$work"' EXIT
+
+fail() { echo "consumer test FAILED: $*" >&2; exit 1; }
+step() { echo "== consumer: $*"; }
+
+# Only make deps, demo and test may install packages.
+for t in all build native asan erl check unit eunit eunit-asan consumer bench reliability clean; do
+  if make -n -C "$root" "$t" 2>/dev/null | grep -q install_deps; then
+    fail "make $t would install packages"
+  fi
+done
+
+if rev=$(git -C "$root" rev-parse HEAD 2>/dev/null); then
+  url=file://$root
+  if [ -n "$(git -C "$root" status --porcelain --untracked-files=no)" ]; then
+    echo "consumer test: uses the committed HEAD $rev (the working tree has changes)"
+  fi
+else
+  # Not a git checkout (an unpacked archive): a repository of its files.
+  url=file://$work/arbo.git
+  mkdir "$work/arbo.git"
+  (cd "$root" && tar cf - --exclude='./build*' --exclude=./_build --exclude=./priv \
+     --exclude=./ebin --exclude=./test/ebin --exclude=./doc .) | tar xf - -C "$work/arbo.git"
+  git -C "$work/arbo.git" init -q
+  git -C "$work/arbo.git" add -A
+  git -C "$work/arbo.git" -c user.name=arbo -c user.email=arbo@localhost commit -qm snapshot
+  rev=$(git -C "$work/arbo.git" rev-parse HEAD)
+fi
 export HEX_OFFLINE=1 REBAR_CACHE_DIR="$work/rebar3_cache"
 export MIX_HOME="$work/mix" HEX_HOME="$work/hex" MIX_REBAR3="$(command -v rebar3)"
 export ARBO_JOBS=${ARBO_JOBS:-2}
 unset ARBO_NIF_DIR ERL_LIBS
 
-fail() { echo "consumer test FAILED: $*" >&2; exit 1; }
-step() { echo "== consumer: $*"; }
 # The check's output must hold this line, with the library's folder in it.
 expect() { # expect OUTPUT LIBRARY_DIR_PATTERN WHAT
   grep -q "^shelf ok $2/arbo_nif$" <<<"$1" || { printf '%s\n' "$1" >&2; fail "$3"; }
@@ -31,7 +52,7 @@ expect() { # expect OUTPUT LIBRARY_DIR_PATTERN WHAT
 app=$work/shelf
 mkdir -p "$app/src"
 cat >"$app/rebar.config" <<EOF
-{deps, [{arbo, {git, "file://$root", {ref, "$rev"}}}]}.
+{deps, [{arbo, {git, "$url", {ref, "$rev"}}}]}.
 {relx, [{release, {shelf, "0.1.0"}, [shelf]}, {mode, prod}, {include_erts, false}]}.
 {escript_main_app, shelf}.
 {escript_incl_apps, [arbo]}.
@@ -123,7 +144,7 @@ cat >"$mixapp/mix.exs" <<EOF
 defmodule ShelfEx.MixProject do
   use Mix.Project
   def project do
-    [app: :shelf_ex, version: "0.1.0", deps: [{:arbo, git: "file://$root", ref: "$rev"}],
+    [app: :shelf_ex, version: "0.1.0", deps: [{:arbo, git: "$url", ref: "$rev"}],
      releases: [shelf_ex: [include_erts: false]]]
   end
   def application, do: [extra_applications: []]
@@ -157,6 +178,8 @@ MIX_ENV=prod mix release >"$work/mixrel.log" 2>&1 || { cat "$work/mixrel.log"; f
 mrel=$mixapp/_build/prod/rel/shelf_ex
 mlib=$(echo "$mrel"/lib/arbo-0.2.0)
 [ -f "$mlib/priv/arbo_nif.so" ] || fail "mix release without arbo's library"
+extra=$(cd "$mlib" && ls -A | grep -v -x -e ebin -e priv || true)
+[ -z "$extra" ] || fail "the mix release ships more than ebin and priv of arbo: $extra"
 out=$(SHELF_NODOCS=1 "$mrel/bin/shelf_ex" eval 'ShelfEx.check()' 2>&1) || true
 expect "$out" "$mlib/priv" "mix release run"
 echo "== consumer: all passed"
