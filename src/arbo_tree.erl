@@ -4,6 +4,8 @@
 %% A tree is created with {@link new/0} and belongs to the process that
 %% created it: it is closed when that process exits or when {@link close/1}
 %% is called, like an ETS table. Any process may read and change it.
+%% Each tree has a keeper process under the `arbo' application, which
+%% {@link new/1} starts when it is not running (see {@link arbo_app}).
 %%
 %% Nodes are of four kinds: containers (children addressed by integer tags),
 %% leaves (carry a value, may have children of their own), lists (children
