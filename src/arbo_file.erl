@@ -23,12 +23,7 @@
 -export([verify/1, verify_binary/1, save/2, save/3, load/2, load/3]).
 -export_type([verify_error/0, load_info/0, load_option/0]).
 
-%% Every error/1 here raises through this helper, which adds the shell's
-%% explanation (arbo_error:format_error/2); inlined, so the failing
-%% function stays the one on top of the stack.
--compile({no_auto_import, [error/1]}).
--compile({inline, [error/1]}).
-error(Reason) -> erlang:error(Reason, none, [{error_info, #{module => arbo_error}}]).
+-include("arbo_error.hrl").
 
 -type offset() :: non_neg_integer().
 -type verify_error() ::

@@ -42,12 +42,7 @@
 %% Largest key the library can hold (its key lengths are signed 32-bit).
 -define(MAX_KEY, 16#7fffffff).
 
-%% Every error/1 here raises through this helper, which adds the shell's
-%% explanation (arbo_error:format_error/2); inlined, so the failing
-%% function stays the one on top of the stack.
--compile({no_auto_import, [error/1]}).
--compile({inline, [error/1]}).
-error(Reason) -> erlang:error(Reason, none, [{error_info, #{module => arbo_error}}]).
+-include("arbo_error.hrl").
 
 %% ---------------------------------------------------------------------------
 %% Element table: {fixed, N} payload; {len, W} W-byte length field counting

@@ -79,12 +79,7 @@
 
 -import(arbo_tree_keys, [htag/1, add_arg/1, find_arg/1, del_arg/2, key_term/2]).
 
-%% Every error/1 here raises through this helper, which adds the shell's
-%% explanation (arbo_error:format_error/2); inlined, so the failing
-%% function stays the one on top of the stack.
--compile({no_auto_import, [error/1]}).
--compile({inline, [error/1]}).
-error(Reason) -> erlang:error(Reason, none, [{error_info, #{module => arbo_error}}]).
+-include("arbo_error.hrl").
 
 -record(arbo_node, {table, stamp, addr, parent}).
 

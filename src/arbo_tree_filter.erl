@@ -12,12 +12,7 @@
 %% The library's tag form [Ns | Tag] is an improper list on purpose.
 -dialyzer({no_improper_lists, [cpath/1]}).
 
-%% Every error/1 here raises through this helper, which adds the shell's
-%% explanation (arbo_error:format_error/2); inlined, so the failing
-%% function stays the one on top of the stack.
--compile({no_auto_import, [error/1]}).
--compile({inline, [error/1]}).
-error(Reason) -> erlang:error(Reason, none, [{error_info, #{module => arbo_error}}]).
+-include("arbo_error.hrl").
 
 %% @doc The numeric form of a filter other than `all'; raises
 %% `error({bad_filter, Part})'.

@@ -54,12 +54,7 @@
 -type reason() :: not_binary | empty_input | trailing_bytes
                 | {unknown_type, type_code()} | {truncated, type_code()}.
 
-%% Every error/1 here raises through this helper, which adds the shell's
-%% explanation (arbo_error:format_error/2); inlined, so the failing
-%% function stays the one on top of the stack.
--compile({no_auto_import, [error/1]}).
--compile({inline, [error/1]}).
-error(Reason) -> erlang:error(Reason, none, [{error_info, #{module => arbo_error}}]).
+-include("arbo_error.hrl").
 
 %% ---------------------------------------------------------------------------
 %% Value-length table: {fixed, PayloadLength} or {prefix, Width}.
