@@ -85,12 +85,15 @@ reliability: build
 
 # xref and Dialyzer over the application through rebar3 (the first run
 # builds the PLT of erts, kernel and stdlib into ~/.cache/rebar3, about a
-# minute), then the API docs: EDoc pages into doc/, doc chunks into doc/chunks.
+# minute), then the API docs: EDoc pages into doc/, doc chunks into doc/chunks
+# (where h/2 finds them for the modules in ebin/).
 check: erl
 	rebar3 xref
 	rebar3 dialyzer
 	$(ERL) -noshell -eval 'edoc:files(filelib:wildcard("src/*.erl"), [{dir, "doc"}, {preprocess, true}, {includes, ["src"]}]), halt().'
 	rebar3 edoc
+	@$(ERL) -noshell -pa ebin -eval '{ok, _} = code:get_doc(arbo_tree), halt().' || \
+	  { echo "h/2 finds no docs for the modules in ebin/"; exit 1; }
 
 # A scratch rebar3 project (and a mix one when Elixir is installed) that
 # depends on this checkout: builds, runs, releases (tools/consumer_test.sh).
