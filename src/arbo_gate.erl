@@ -39,7 +39,8 @@
 %% Lifetime: the keeper monitors the process that created the tree; when
 %% that process exits, or on {@link close/1}, it closes the tree, marks the
 %% gate closed and stops (a tree belongs to its creator, as an ETS table
-%% does).
+%% does). Keepers are temporary children of `arbo_keeper_sup' (see
+%% `arbo_sup'); the application's shutdown closes the tree the same way.
 -module(arbo_gate).
 -behaviour(gen_server).
 
