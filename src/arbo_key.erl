@@ -49,29 +49,21 @@
 %% ---------------------------------------------------------------------------
 %% Element table: {fixed, N} payload; {len, W} W-byte length field counting
 %% the payload; {field, W, H} W-byte field counting H further header bytes
-%% and the payload; rest.
+%% and the payload; rest. It is the value-length table of arbo_val read for
+%% keys, but for the codes where the library's key parser differs from it:
 
-rule(0) -> {fixed, 0};
-rule(T) when T =:= 6; T =:= 10; T =:= 17 -> {fixed, 1};
-rule(T) when T =:= 7; T =:= 11 -> {fixed, 2};
-rule(T) when T =:= 8; T =:= 12; T =:= 15; T =:= 28; T =:= 29; T =:= 31; T =:= 46 -> {fixed, 4};
-rule(T) when T =:= 40; T =:= 48 -> {fixed, 5};
-rule(20) -> {fixed, 6};
-rule(T) when T =:= 2; T =:= 9; T =:= 13; T =:= 30; T =:= 44; T =:= 209 -> {fixed, 8};
-rule(T) when T =:= 23; T =:= 43 -> {fixed, 9};
-rule(19) -> {fixed, 13};
-rule(16) -> {fixed, 16};
-rule(T) when T =:= 41; T =:= 49 -> {fixed, 17};
-rule(27) -> {fixed, 28};
-rule(T) when T =:= 14; T =:= 200 -> {len, 1};
-rule(T) when T =:= 34; T =:= 38; T =:= 208 -> {len, 2};
-rule(T) when T =:= 39; T =:= 47; T =:= 205; T =:= 206; T =:= 50 -> {len, 4};
-rule(201) -> {field, 1, 6};
-rule(202) -> {field, 2, 6};
-rule(203) -> {field, 4, 6};
+rule(31) -> {fixed, 4};                                       % prefixed in values
+rule(T) when T =:= 21; T =:= 22; T =:= 24; T =:= 25; T =:= 26 -> unknown;  % values only
+rule(T) when T =:= 201; T =:= 202; T =:= 203 -> {field, width(T), 6};
 rule(18) -> {field, 4, 2};
 rule(?T_REST) -> rest;
-rule(_) -> unknown.
+rule(T) ->
+    case arbo_val:rule(T) of
+        {prefix, W} -> {len, W};
+        Other -> Other
+    end.
+
+width(T) -> {prefix, W} = arbo_val:rule(T), W.
 
 %% ---------------------------------------------------------------------------
 %% Public API

@@ -32,8 +32,9 @@
 -module(arbo_val).
 
 -export([encode/1, decode/1, validate/1, frame/1]).
-%% Shared with arbo_key: the named element forms and their type codes.
--export([encode_named/1, decode_named/2]).
+%% Shared with arbo_key: the named element forms and their type codes, and
+%% the length table its element table is read from.
+-export([encode_named/1, decode_named/2, rule/1]).
 
 -export_type([value/0, type_code/0, reason/0]).
 
@@ -61,6 +62,7 @@
 %% ---------------------------------------------------------------------------
 %% Value-length table: {fixed, PayloadLength} or {prefix, Width}.
 
+%% @private
 -spec rule(type_code()) -> {fixed, non_neg_integer()} | {prefix, 1 | 2 | 4} | unknown.
 rule(0) -> {fixed, 0};
 rule(T) when T =:= 6; T =:= 10; T =:= 17 -> {fixed, 1};
