@@ -1,6 +1,6 @@
-// Node store: values, attributes, the cached inactive count, deletion, the
-// descendant-flag test and the value-length table of encoded values.
-#include <array>
+// Node store: values, attributes, the cached inactive count, deletion and
+// the descendant-flag test. (The value-length table of encoded values is
+// inline in arbo_store.h.)
 #include <cstring>
 
 #include "arbo_alloc.h"
