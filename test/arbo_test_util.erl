@@ -3,11 +3,12 @@
 %% whole trees, the library's counters and a child VM for risky cases.
 -module(arbo_test_util).
 
+-include_lib("eunit/include/eunit.hrl").
 -include("arbo_codes.hrl").
 
 -export([with_table/1, reason/1, hide/1, children/2, str/1, u32/1, deactivate/2, shuffle/1, pick/1,
          child_vm/2]).
--export([child_keys/2, lib_mem/0, flags_free/0, type0_node/2, snapshot/1]).
+-export([child_keys/2, lib_mem/0, flags_free/0, type0_node/2, snapshot/1, expect/1]).
 
 %% Runs Fun(T) on a fresh table and closes it afterwards.
 with_table(Fun) -> T = arbo:new(), try Fun(T) after catch arbo:close(T) end.
@@ -49,6 +50,12 @@ child_vm(Expr, Secs) ->
     Out = os:cmd(Cmd),
     [_, Status] = string:split(Out, "EXIT=", trailing),
     {list_to_integer(string:trim(Status)), Out}.
+
+%% Named expectations: each {Name, Want, Got} is checked on its own, so a
+%% failure says which measure was off.
+expect(Rows) ->
+    [?assertEqual({Name, Want}, {Name, Got}) || {Name, Want, Got} <- Rows],
+    ok.
 
 child_keys(T, Node) -> [arbo:get_hkey0(T, C) || C <- children(T, Node)].
 

@@ -4,13 +4,14 @@
 -module(handle_tests).
 -include_lib("eunit/include/eunit.hrl").
 
--import(arbo_test_util, [child_vm/2, lib_mem/0]).
+-import(arbo_test_util, [child_vm/2, lib_mem/0, expect/1]).
 
 -define(ROOT_MEM, 112).  % a T_GEN_NODE_MAX record
 
 new_table_test() ->
     T = arbo:new(),
-    ?assertEqual({0, 0, ?ROOT_MEM, true}, {arbo:get_size(T), arbo:get_generation(T), arbo:get_mem(T), arbo:get_root(T) > 0}),
+    expect([{size, 0, arbo:get_size(T)}, {generation, 0, arbo:get_generation(T)}, {mem, ?ROOT_MEM, arbo:get_mem(T)},
+            {root, true, arbo:get_root(T) > 0}]),
     ok = arbo:close(T).
 
 %% The library counter counts nodes of every table: close gives them back at

@@ -6,7 +6,7 @@
 -include_lib("eunit/include/eunit.hrl").
 -include("arbo_codes.hrl").
 
--import(arbo_test_util, [with_table/1, reason/1, hide/1, children/2, deactivate/2, shuffle/1, str/1]).
+-import(arbo_test_util, [with_table/1, reason/1, hide/1, children/2, deactivate/2, shuffle/1, str/1, expect/1]).
 
 %% Every kind of childless node answers "nothing"; an empty sorted list's
 %% last child is its header view, the list node itself (kept).
@@ -30,7 +30,8 @@ chain_test() ->
         Made = lists:sort([{{Ns, K}, Add(Kind, Ns, K)} || {Kind, Ns, K} <- shuffle([{box, 0, 5}, {leaf, 1, 2}, {leaf, 0, 9},
                                                                                    {box, 0, 1}, {list, 2, 1}, {leaf, 1, 1}])]),
         Len = length(Expected = [N || {_, N} <- Made]),
-        ?assertEqual({Expected, Len, lists:last(Expected)}, {children(T, R), arbo:num_children(T, R), arbo:last_child(T, R)}),
+        expect([{children, Expected, children(T, R)}, {count, Len, arbo:num_children(T, R)},
+                {last, lists:last(Expected), arbo:last_child(T, R)}]),
         [?assertEqual({N, I, Prev}, {arbo:get_child(T, R, I), arbo:child_index(T, R, N), arbo:prev_sibling(T, R, N)})
          || {I, N, Prev} <- lists:zip3(lists:seq(1, Len), Expected, [0 | lists:droplast(Expected)])],
         %% Kept: N = 0 counts down through the unsigned wrap and finds nothing.
@@ -51,10 +52,12 @@ sorted_list_test() ->
         Keys = [2 * I || I <- lists:seq(1, 300)],
         ByKey = maps:from_list([{K, arbo:add_hkey(T, L, K, ?KEY_INT)} || K <- shuffle(Keys)]),
         Inst = fun(K) -> maps:get(K, ByKey, 0) end,
-        ?assertEqual({[Inst(K) || K <- Keys], 300, Inst(600), Inst(200), Inst(198), 100, 0, Inst(40)},
-                     {children(T, L), arbo:num_children(T, L), arbo:last_child(T, L), arbo:get_child(T, L, 100),
-                      arbo:prev_sibling(T, L, Inst(200)), arbo:child_index(T, L, Inst(200)),
-                      arbo:find_child(T, L, {3}, ?FIND_TAG_ALT), arbo:find_child(T, L, {0, 40}, ?FIND_NS_INT)}),
+        expect([{children, [Inst(K) || K <- Keys], children(T, L)}, {count, 300, arbo:num_children(T, L)},
+                {last, Inst(600), arbo:last_child(T, L)}, {nth_100, Inst(200), arbo:get_child(T, L, 100)},
+                {before_200, Inst(198), arbo:prev_sibling(T, L, Inst(200))},
+                {index_of_200, 100, arbo:child_index(T, L, Inst(200))},
+                {find_absent, 0, arbo:find_child(T, L, {3}, ?FIND_TAG_ALT)},
+                {find_pair, Inst(40), arbo:find_child(T, L, {0, 40}, ?FIND_NS_INT)}]),
         Next = [{5, 39, 0, [], 6}, {6, 39, 0, [], 8}, {6, 39, 1, [], 6}, {600, 39, 0, [], 0}, {{0, 6}, 40, 1, [], 6}, {5, 77, 0, [], 0},
                 {6, 39, 0, {101, 1, 0, <<"10">>}, 10}],
         [?assertEqual({Key, Mode, F, Inst(Want)}, {Key, Mode, F, arbo:find_next_nif(T, L, Key, Code, Mode, F)})

@@ -7,7 +7,7 @@
 -include_lib("eunit/include/eunit.hrl").
 -include("arbo_codes.hrl").
 
--import(arbo_test_util, [with_table/1, children/2, hide/1, flags_free/0]).
+-import(arbo_test_util, [with_table/1, children/2, hide/1, flags_free/0, expect/1]).
 
 
 %% get_type of every node kind; instances of a sorted list come in three
@@ -36,7 +36,8 @@ flags_test() ->
         V = arbo:set_flags(T, N, 16#400000 bor (erlang:unique_integer([positive]) bsl 23)),
         Free = flags_free(),
         with_table(fun(T2) -> V = arbo:set_flags(T2, arbo:add_hkey(T2, arbo:get_root(T2), 1, ?KEY_TAG_ALT), V) end),
-        ?assertEqual({Free, V, 0}, {flags_free(), arbo:get_flags(T, N), arbo:get_generation(T)})
+        expect([{flags_table_free, Free, flags_free()}, {flags, V, arbo:get_flags(T, N)},
+                {generation, 0, arbo:get_generation(T)}])
     end).
 
 %% Replacing an attribute keeps its node (the bytes held are pinned by
@@ -63,11 +64,12 @@ attribute_zero_test() ->
     with_table(fun(T) ->
         L = arbo:add_hkey_dyn(T, arbo:get_root(T), 1, ?ORDER_PLAIN),
         [I1, I2, I3] = [arbo:add_hkey(T, L, K, ?KEY_INT) || K <- [1, 2, 3]],
-        ?assertEqual({[0, 0, 0], 0, [], 4, 0}, {[arbo:do_set_attr(T, L, 0, V) || V <- [<<8, 0, 0, 0, 5>>, <<1, 2, 3>>, <<>>]],
-                                                arbo:get_attr_root(T, L), arbo:do_get_attr(T, L, 0), arbo:get_size(T),
-                                                arbo:get_generation(T)}),
+        ?assertEqual([0, 0, 0], [arbo:do_set_attr(T, L, 0, V) || V <- [<<8, 0, 0, 0, 5>>, <<1, 2, 3>>, <<>>]]),
+        expect([{attr_root, 0, arbo:get_attr_root(T, L)}, {attr_0, [], arbo:do_get_attr(T, L, 0)},
+                {size, 4, arbo:get_size(T)}, {generation, 0, arbo:get_generation(T)}]),
         A = arbo:do_set_attr(T, I2, 0, <<1>>),
-        ?assertEqual({A, 3, 2, [I1, I3]}, {arbo:get_attr_root(T, I2), arbo:num_children(T, L),
-                                           arbo:num_children(hide(T), L), children(hide(T), L)}),
-        ?assertEqual({0, [I1, I2, I3], 1}, {arbo:do_set_attr(T, I2, 0, <<>>), children(hide(T), L), arbo:get_generation(T)})
+        expect([{attr_root, A, arbo:get_attr_root(T, I2)}, {count, 3, arbo:num_children(T, L)},
+                {count_hidden, 2, arbo:num_children(hide(T), L)}, {children_hidden, [I1, I3], children(hide(T), L)}]),
+        ?assertEqual(0, arbo:do_set_attr(T, I2, 0, <<>>)),
+        expect([{children_hidden, [I1, I2, I3], children(hide(T), L)}, {generation, 1, arbo:get_generation(T)}])
     end).
