@@ -11,6 +11,8 @@
 #include <cstring>
 
 #include "arbo_alloc.h"
+#include "arbo_bytes.h"
+#include "arbo_codes.h"
 #include "arbo_keys.h"
 #include "arbo_nif_node_filter.h"
 #include "arbo_store.h"
@@ -32,12 +34,6 @@ struct Subject {
   size_t text_len = 0;
 };
 
-uint64_t be(const unsigned char* p, int n) {
-  uint64_t v = 0;
-  for (int i = 0; i < n; ++i) v = (v << 8) | p[i];
-  return v;
-}
-
 Subject signed_int(int64_t v) {
   Subject s;
   s.kind = Subject::kInt;
@@ -46,36 +42,41 @@ Subject signed_int(int64_t v) {
   return s;
 }
 
-Subject unsigned_int(uint64_t v) {
-  Subject s;
-  s.kind = Subject::kInt;
-  s.mag = v;
-  return s;
+// The integer of an integer element that lies within `avail` bytes, as sign
+// and magnitude; false for any other element, or one cut short.
+inline bool int_element(const unsigned char* e, size_t avail, bool* negative, uint64_t* mag) {
+  if (avail < 2) return false;
+  const unsigned char* p = e + 1;
+  int64_t sv;
+  switch (e[0]) {
+    case TYPE_INT8: sv = static_cast<int8_t>(p[0]); break;
+    case TYPE_INT16: if (avail < 3) return false; sv = static_cast<int16_t>(be16(p)); break;
+    case TYPE_INT32: if (avail < 5) return false; sv = static_cast<int32_t>(be32(p)); break;
+    case TYPE_INT64: if (avail < 9) return false; sv = static_cast<int64_t>(be64(p)); break;
+    case TYPE_UINT8: *negative = false; *mag = p[0]; return true;
+    case TYPE_UINT16: if (avail < 3) return false; *negative = false; *mag = be16(p); return true;
+    case TYPE_UINT32: if (avail < 5) return false; *negative = false; *mag = be32(p); return true;
+    case TYPE_UINT64: if (avail < 9) return false; *negative = false; *mag = be64(p); return true;
+    default: return false;
+  }
+  *negative = sv < 0;
+  *mag = sv < 0 ? 0 - static_cast<uint64_t>(sv) : static_cast<uint64_t>(sv);
+  return true;
 }
 
 // An encoded element that lies within `avail` bytes.
 Subject element(const unsigned char* e, size_t avail) {
   if (avail < 1) return Subject{Subject::kNoText};
-  const unsigned char* p = e + 1;
-  // Integers first, each with its own bounds check: the usual values.
-  switch (e[0]) {
-    case 6: if (avail >= 2) return signed_int(static_cast<int8_t>(p[0])); break;
-    case 7: if (avail >= 3) return signed_int(static_cast<int16_t>(be(p, 2))); break;
-    case 8: if (avail >= 5) return signed_int(static_cast<int32_t>(be(p, 4))); break;
-    case 9: if (avail >= 9) return signed_int(static_cast<int64_t>(be(p, 8))); break;
-    case 10: if (avail >= 2) return unsigned_int(p[0]); break;
-    case 11: if (avail >= 3) return unsigned_int(be(p, 2)); break;
-    case 12: if (avail >= 5) return unsigned_int(be(p, 4)); break;
-    case 13: if (avail >= 9) return unsigned_int(be(p, 8)); break;
-    default: break;
-  }
+  // Integers first: the usual values.
+  Subject i{Subject::kInt};
+  if (int_element(e, avail, &i.negative, &i.mag)) return i;
   // An integer type that did not fit lands here too and has no text.
   const size_t n = text_element_len(e, avail);
   if (n == 0) return Subject{Subject::kNoText};
   Subject s{Subject::kElement};
   s.bytes = e;
   s.len = n;
-  s.text_len = e[0] == 200 ? n - 2 : e[0] == 205 ? n - 5 : 0;
+  s.text_len = e[0] == TYPE_STRING ? n - 2 : e[0] == TYPE_STRING32 ? n - 5 : 0;
   return s;
 }
 
@@ -110,23 +111,7 @@ Subject value_subject(const arbo_node* node) {
 inline bool int_value(const arbo_node* node, bool* negative, uint64_t* mag) {
   const unsigned char* e;
   size_t len;
-  if (!value_bytes(node, &e, &len) || len < 2) return false;
-  const unsigned char* q = e + 1;
-  int64_t sv;
-  switch (e[0]) {
-    case 6: sv = static_cast<int8_t>(q[0]); break;
-    case 7: if (len < 3) return false; sv = static_cast<int16_t>(be(q, 2)); break;
-    case 8: if (len < 5) return false; sv = static_cast<int32_t>(be(q, 4)); break;
-    case 9: if (len < 9) return false; sv = static_cast<int64_t>(be(q, 8)); break;
-    case 10: *negative = false; *mag = q[0]; return true;
-    case 11: if (len < 3) return false; *negative = false; *mag = be(q, 2); return true;
-    case 12: if (len < 5) return false; *negative = false; *mag = be(q, 4); return true;
-    case 13: if (len < 9) return false; *negative = false; *mag = be(q, 8); return true;
-    default: return false;
-  }
-  *negative = sv < 0;
-  *mag = sv < 0 ? 0 - static_cast<uint64_t>(sv) : static_cast<uint64_t>(sv);
-  return true;
+  return value_bytes(node, &e, &len) && int_element(e, len, negative, mag);
 }
 
 // Element `index` of the node's key; an integer key is the signed tag.
@@ -157,21 +142,21 @@ bool holds_value(const arbo_node* node) {
 
 }  // namespace
 
-// Length of a well-formed element of a type that has a text form, or 0 when
-// the type has none or the element does not fit in `avail` bytes.
+// Length of a well-formed element of a type that has a text form (the
+// value-length table gives it), or 0 when the type has none or the element
+// does not fit in `avail` bytes.
 size_t text_element_len(const unsigned char* e, size_t avail) {
   if (avail < 1) return 0;
-  size_t need;
   switch (e[0]) {
-    case 6: case 10: case 17: need = 2; break;
-    case 7: case 11: need = 3; break;
-    case 8: case 12: case 15: need = 5; break;
-    case 9: case 13: need = 9; break;
-    case 20: need = 7; break;
-    case 200: need = avail >= 2 ? 2 + size_t{e[1]} : 2; break;
-    case 205: need = avail >= 5 ? 5 + size_t{be(e + 1, 4)} : 5; break;
+    case TYPE_INT8: case TYPE_INT16: case TYPE_INT32: case TYPE_INT64:
+    case TYPE_UINT8: case TYPE_UINT16: case TYPE_UINT32: case TYPE_UINT64:
+    case TYPE_IPV4: case TYPE_BOOL: case TYPE_DATE: case TYPE_STRING: case TYPE_STRING32: break;
     default: return 0;
   }
+  int variable = 0, nested = 0;
+  const int n = _arbo_nif_val_len(e[0], &variable, &nested);
+  size_t need = 1 + static_cast<size_t>(n);
+  if (variable && avail >= need) need += be_n(e + 1, n);
   return need <= avail ? need : 0;
 }
 
