@@ -14,18 +14,6 @@ namespace arbo {
 
 namespace {
 
-// The value bytes of a gen node (inline or in its arbo_bin); {0, null} when
-// it holds none. Attributes use the same storage.
-bin_ref value_bytes(const arbo_node* n) {
-  if (!n->is_gen()) return {0, nullptr};
-  if (n->has(F_VAL_IS_BIN)) {
-    const arbo_bin* b = val_bin(n);
-    return {static_cast<size_t>(b->len), b->bytes()};
-  }
-  if (n->has(F_KEY_IS_BIN) || as_gen(n)->small_len == 0) return {0, nullptr};
-  return {as_gen(n)->small_len, as_gen(n)->val};
-}
-
 // Up to kSmallMax bytes, copied with two overlapping moves rather than a
 // library call: values this short are most of what a tree holds.
 inline void copy_small(unsigned char* dst, const unsigned char* src, size_t len) {

@@ -29,6 +29,19 @@ inline void set_val_bin(arbo_node* n, arbo_bin* b) {
   as_gen(n)->small_len = 0;
 }
 
+// The value bytes of a gen node (inline or in its arbo_bin), read in place;
+// {0, null} when it holds none (an out-of-line value may be empty: its
+// pointer is not null). Attributes use the same storage.
+inline bin_ref value_bytes(const arbo_node* n) {
+  if (!n->is_gen()) return {0, nullptr};
+  if (n->has(F_VAL_IS_BIN)) {
+    const arbo_bin* b = val_bin(n);
+    return {static_cast<size_t>(b->len), b->bytes()};
+  }
+  if (n->has(F_KEY_IS_BIN) || as_gen(n)->small_len == 0) return {0, nullptr};
+  return {as_gen(n)->small_len, as_gen(n)->val};
+}
+
 // Releases a binary value, clears the three value flags, and zeroes `val`
 // and `small_len` of a gen node that held a binary value.
 inline void release_bin_value(arbo_node* n, store_ctx* ctx) {

@@ -14,6 +14,7 @@
 #include "arbo_bytes.h"
 #include "arbo_codes.h"
 #include "arbo_keys.h"
+#include "arbo_nif_node.h"
 #include "arbo_nif_node_filter.h"
 #include "arbo_store.h"
 
@@ -80,38 +81,19 @@ Subject element(const unsigned char* e, size_t avail) {
   return s;
 }
 
-// The bytes of the node's value, whatever its kind (encoded inline or out of
-// line, or a plain binary); false when it has none (an out-of-line value
-// may be empty). Read in place (the layout of arbo_node.h): this runs for
-// every sibling a filtered walk examines.
-inline bool value_bytes(const arbo_node* node, const unsigned char** e, size_t* len) {
-  if (!node->is_gen() || node->has(F_KEY_IS_BIN)) return false;
-  const gen_node* g = as_gen(node);
-  if (!node->has(F_VAL_IS_BIN)) {
-    *e = g->val;
-    *len = g->small_len;
-    return *len != 0;
-  }
-  const arbo_bin* b;
-  std::memcpy(&b, g->val, sizeof b);  // `val` is not pointer-aligned
-  *e = b->bytes();
-  *len = b->len;
-  return true;
-}
-
 // The node's value as an encoded element (an empty one has no text form).
+// Read in place (value_bytes): this runs for every sibling a filtered walk
+// examines.
 Subject value_subject(const arbo_node* node) {
-  const unsigned char* e;
-  size_t len;
-  return value_bytes(node, &e, &len) ? element(e, len) : Subject{};
+  const bin_ref v = value_bytes(node);
+  return v.ptr != nullptr ? element(v.ptr, v.len) : Subject{};
 }
 
 // A value that is an integer element, read in place; false for any other
 // value or none.
 inline bool int_value(const arbo_node* node, bool* negative, uint64_t* mag) {
-  const unsigned char* e;
-  size_t len;
-  return value_bytes(node, &e, &len) && int_element(e, len, negative, mag);
+  const bin_ref v = value_bytes(node);
+  return v.ptr != nullptr && int_element(v.ptr, v.len, negative, mag);
 }
 
 // Element `index` of the node's key; an integer key is the signed tag.
@@ -134,11 +116,8 @@ Subject key_subject(const arbo_node* node, uint32_t index) {
   }
 }
 
-bool holds_value(const arbo_node* node) {
-  const unsigned char* e;
-  size_t len;
-  return value_bytes(node, &e, &len);
-}
+// An out-of-line value counts even when it is empty.
+bool holds_value(const arbo_node* node) { return value_bytes(node).ptr != nullptr; }
 
 }  // namespace
 
