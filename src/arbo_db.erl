@@ -45,7 +45,7 @@
 -behaviour(gen_server).
 
 -export([open/2, commit/2, tree/1, sync/1, snapshot/1, info/1, close/1]).
--export([start_link/2]).
+-export([start_link/2, init_it/3]).
 -export([init/1, handle_call/3, handle_cast/2, handle_info/2, terminate/2]).
 -export_type([db/0, op/0]).
 
@@ -103,7 +103,22 @@ ensure_sup() ->
     end.
 
 %% @private
-start_link(Name, Opts) -> gen_server:start_link({local, Name}, ?MODULE, {Name, Opts}, []).
+start_link(Name, Opts) -> proc_lib:start_link(?MODULE, init_it, [self(), Name, Opts]).
+
+%% @private
+%% A store that cannot be opened answers the error to open/2 and stops
+%% quietly: the reason is the caller's to act on, not a crash.
+init_it(Parent, Name, Opts) ->
+    case catch register(Name, self()) of
+        true ->
+            case init({Name, Opts}) of
+                {ok, S} ->
+                    proc_lib:init_ack(Parent, {ok, self()}),
+                    gen_server:enter_loop(?MODULE, [], S, {local, Name});
+                {stop, R} -> proc_lib:init_ack(Parent, {error, R})
+            end;
+        _ -> proc_lib:init_ack(Parent, {error, {already_started, whereis(Name)}})
+    end.
 
 %% @doc Apply a batch atomically and make it durable as the store's `sync'
 %% policy says: `{ok, Seq}' with the batch's sequence number (an empty

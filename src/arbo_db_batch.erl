@@ -120,7 +120,7 @@ op({rename, P, NewKey}, V) ->
     ListId = lists:last(Parent),
     {instance, Old, Ref, Gone} = maps:get(Id, V1#v.nodes),
     case instance_key(NewKey) of
-        Old -> V1;
+        Old -> refuse(key_taken);
         New ->
             case child(ListId, New, V1) of
                 {none, V2} ->
