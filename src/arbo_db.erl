@@ -59,7 +59,7 @@
 
 -record(s, {name, dir, tree, fd, jpath, jsize, seq, snap_seq, snap_id, snap_size,
             sync, compact, last_sync, pending = [], buf = [], timer, failed,
-            scratch, crash_at}).
+            scratch, crash_at, direct}).
 
 %% ---------------------------------------------------------------------------
 %% API
@@ -172,7 +172,8 @@ init({Name, Opts}) ->
     S0 = #s{name = Name, dir = Dir, tree = T, sync = Sync,
             compact = maps:get(compact_bytes, Opts, 8 bsl 20),
             scratch = filename:join(Dir, ".apply"),
-            crash_at = maps:get(crash_at, Opts, undefined)},
+            crash_at = maps:get(crash_at, Opts, undefined),
+            direct = maps:get(direct_max, Opts, 64)},
     case recover(S0, maps:get(recover, Opts, false)) of
         {ok, S} -> {ok, S};
         {error, R} -> arbo_tree:close(T), {stop, R}
@@ -184,10 +185,10 @@ handle_call({commit, _}, _, #s{failed = F} = S) when F =/= undefined ->
 handle_call({commit, []}, From, #s{seq = Seq} = S) ->
     noreply(S#s{pending = [{From, Seq} | S#s.pending]});
 handle_call({commit, Ops}, From, #s{tree = T, seq = Seq} = S) ->
-    case catch_prepare(T, Ops) of
+    case catch_prepare(T, Ops, short(Ops, S#s.direct)) of
         {error, _} = E -> noreply_with(E, S);
-        {ok, Parts} ->
-            case catch_apply(T, S#s.scratch, Parts) of
+        {ok, Parts, Acts} ->
+            case catch_apply(T, S, Parts, Acts) of
                 ok ->
                     Frame = arbo_db_journal:frame(Seq + 1, arbo_db_journal:payload(Parts)),
                     noreply(S#s{seq = Seq + 1, buf = [Frame | S#s.buf],
@@ -255,13 +256,23 @@ read_handle(T) ->
         false -> T
     end.
 
-catch_prepare(T, Ops) ->
-    try arbo_db_batch:prepare(T, Ops)
+catch_prepare(T, Ops, Direct) ->
+    try arbo_db_batch:prepare(T, Ops, Direct)
     catch C:R -> {error, {0, batch, {C, R}}}
     end.
 
-catch_apply(T, Scratch, Parts) ->
-    try arbo_db_journal:apply_parts(T, Scratch, Parts)
+short([_ | More], N) when N > 0 -> short(More, N - 1);
+short([], _) -> true;
+short(_, _) -> false.
+
+%% A small batch is applied call by call; a large one in one pass of the
+%% library's loader, from the very records of its frame.
+catch_apply(T, #s{scratch = Scratch}, Parts, Acts) ->
+    try
+        case Acts of
+            [] -> arbo_db_journal:apply_parts(T, Scratch, Parts);
+            _ -> arbo_db_batch:apply_direct(T, Acts)
+        end
     catch C:R -> {error, {C, R}}
     end.
 
