@@ -4,7 +4,7 @@
 -module(arbo_db_tests).
 -include_lib("eunit/include/eunit.hrl").
 
--export([commit_and_compact/3, commit_forever/3, full_disk/1]).
+-export([commit_and_compact/3]).
 
 %% ---- helpers ------------------------------------------------------------------------
 
@@ -486,33 +486,3 @@ policies_test() ->
          ok = arbo_db:close(Db2)
      end || Policy <- [always, {interval, 50}, none]],
     ?assertError({badarg, _}, arbo_db:commit(db_policy, not_a_list)).
-
-%% ---- kept for the reliability scenarios ----------------------------------------------
-
-%% In a child VM: committers that each record what was acknowledged.
-commit_forever(Dir, Workers, Log) ->
-    {ok, Db} = arbo_db:open(db_kill, #{dir => Dir}),
-    [spawn(fun() -> worker(Db, W, 1, Log) end) || W <- lists:seq(1, Workers)],
-    ok.
-
-worker(Db, W, I, Log) ->
-    Key = W * 1000000 + I,
-    {ok, _} = arbo_db:commit(Db, [{instance, [1], Key}, {set, [1, Key], <<I:32>>},
-                                  {instance, [2], Key}]),
-    ok = file:write_file(Log ++ "." ++ integer_to_list(W), <<Key:64>>, [append, raw]),
-    worker(Db, W, I + 1, Log).
-
-%% In a child VM under a file size limit: commits until one is refused.
-full_disk(Dir) ->
-    {ok, Db} = arbo_db:open(db_full, #{dir => Dir, compact_bytes => 1 bsl 40}),
-    {ok, _} = arbo_db:commit(Db, [{list, [1], sorted}]),
-    Big = binary:copy(<<"x">>, 4000),
-    R = fill(Db, 1, Big),
-    Dump = dump(arbo_db:tree(Db)),
-    {R, Dump, maps:get(seq, arbo_db:info(Db))}.
-
-fill(Db, I, Big) ->
-    case arbo_db:commit(Db, [{instance, [1], I}, {set, [1, I], Big}]) of
-        {ok, _} -> fill(Db, I + 1, Big);
-        {error, _} = E -> {E, I}
-    end.
