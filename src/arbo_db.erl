@@ -199,7 +199,7 @@ handle_call({commit, Ops}, From, #s{tree = T, seq = Seq} = S) ->
                     {reply, {error, {apply_failed, R}}, rebuild(S1)}
             end
     end;
-handle_call(tree, _, S) -> {reply, read_handle(S#s.tree), S};
+handle_call(tree, _, S) -> {reply, arbo_tree:read_only(S#s.tree), S};
 handle_call(sync, _, S) ->
     S1 = flush(S),
     case S1#s.failed of
@@ -248,12 +248,6 @@ noreply_with(Reply, S) ->
     case S#s.pending of
         [] -> {reply, Reply, S};
         _ -> {reply, Reply, S, 0}
-    end.
-
-read_handle(T) ->
-    case erlang:function_exported(arbo_tree, read_only, 1) of
-        true -> apply(arbo_tree, read_only, [T]);
-        false -> T
     end.
 
 catch_prepare(T, Ops, Direct) ->

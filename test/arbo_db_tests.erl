@@ -303,7 +303,17 @@ refusal_test() ->
     ?assertEqual(Before, dump(arbo_db:tree(Db2))),
     ?assertMatch(#{seq := 1}, arbo_db:info(Db2)),
     ?assertMatch({error, {already_open, _}}, open(db_refusal, Dir)),
-    ok = arbo_db:close(Db2).
+    %% the read handle refuses every change; closing the store closes it
+    T = arbo_db:tree(Db2),
+    Root = arbo_tree:root(T),
+    [?assertError({read_only, _}, F())
+     || F <- [fun() -> arbo_tree:add_leaf(T, Root, 99) end,
+              fun() -> arbo_tree:delete(T, arbo_tree:lookup(T, [1])) end,
+              fun() -> arbo_tree:set_value(T, arbo_tree:lookup(T, [1, 2]), <<"x">>) end,
+              fun() -> arbo_tree:clear(T) end]],
+    ?assertEqual(Before, dump(T)),
+    ok = arbo_db:close(Db2),
+    ?assertError({arbo_closed, _}, arbo_tree:root(T)).
 
 %% ---- journals cut and corrupted ------------------------------------------------------
 
