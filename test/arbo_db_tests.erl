@@ -496,3 +496,37 @@ policies_test() ->
          ok = arbo_db:close(Db2)
      end || Policy <- [always, {interval, 50}, none]],
     ?assertError({badarg, _}, arbo_db:commit(db_policy, not_a_list)).
+
+%% ---- frames for followers -------------------------------------------------------------
+
+%% A second store fed with the first one's frames, as a subscriber gets
+%% them and as frames_since/2 reads them back, holds the same tree; frames
+%% out of order or malformed are refused.
+follower_test() ->
+    {ok, A} = open(db_leader, scratch("leader")),
+    {ok, B} = open(db_follower, scratch("follower")),
+    ok = arbo_db:subscribe(A),
+    Batches = [[{list, [1], user_order}, {instance, [1], 1}, {instance, [1], 2}],
+               [{set, [1, 1], <<"a">>}, {move, [1, 2], first}, {set_active, [1, 1], false}],
+               [{leaf, [2]}, {set, [2], {int32, 7}}, {clear_value, [2]}, clear, {leaf, [3]}]],
+    [{ok, _} = arbo_db:commit(A, Ops) || Ops <- Batches],
+    Frames = lists:append([receive {arbo_db_frames, db_leader, F} -> F end || _ <- Batches]),
+    ?assertEqual([1, 2, 3], [Seq || {Seq, _} <- Frames]),
+    ?assertEqual({ok, Frames}, arbo_db:frames_since(A, 0)),
+    ?assertEqual({ok, tl(Frames)}, arbo_db:frames_since(A, 1)),
+    ?assertEqual({error, {out_of_order, 1, 2}}, arbo_db:append(B, tl(Frames))),
+    ?assertEqual({ok, 1}, arbo_db:append(B, [hd(Frames)])),
+    ?assertEqual({error, {out_of_order, 2, 1}}, arbo_db:append(B, Frames)),
+    [{2, P2}, {3, _}] = tl(Frames),
+    ?assertEqual({error, {bad_frame, 2}}, arbo_db:append(B, [{2, <<"R", P2/binary>>}])),
+    ?assertEqual({ok, 3}, arbo_db:append(B, tl(Frames))),
+    ?assertEqual(dump(arbo_db:tree(A)), dump(arbo_db:tree(B))),
+    ?assertMatch(#{seq := 3}, arbo_db:info(B)),
+    %% a compacted leader sends its snapshot instead
+    ok = arbo_db:snapshot(A),
+    ?assertEqual({error, {compacted, 3}}, arbo_db:frames_since(A, 2)),
+    ?assertEqual({ok, []}, arbo_db:frames_since(A, 3)),
+    B2 = reopen(B, db_follower, maps:get(dir, arbo_db:info(B))),
+    ?assertEqual(dump(arbo_db:tree(A)), dump(arbo_db:tree(B2))),
+    [ok = arbo_db:close(D) || D <- [A, B2]].
+
