@@ -4,7 +4,7 @@
 -module(arbo_db_tests).
 -include_lib("eunit/include/eunit.hrl").
 
--export([commit_and_compact/3]).
+-export([commit_and_compact/3, log/2]).
 
 %% ---- helpers ------------------------------------------------------------------------
 
@@ -342,6 +342,8 @@ torn_tail_test_() ->
         Dir = scratch("torn"),
         {J, Bin, Dumps, Starts} = four_frames(db_torn, Dir),
         Last = lists:last(Starts),
+        ok = logger:add_handler(arbo_db_tests, ?MODULE, #{config => #{to => self()},
+                                                           level => warning}),
         Third = lists:nth(3, Dumps),
         Zeroed = <<(binary:part(Bin, 0, Last))/binary, 0:((byte_size(Bin) - Last) * 8)>>,
         Tails = [binary:part(Bin, 0, Cut) || Cut <- lists:seq(Last, byte_size(Bin) - 1)]
@@ -352,8 +354,15 @@ torn_tail_test_() ->
              ?assertEqual({byte_size(Torn), Third, 3},
                           {byte_size(Torn), dump(arbo_db:tree(Db)), maps:get(seq, arbo_db:info(Db))}),
              ?assertEqual(Last, filelib:file_size(J)),
+             %% a warning says how many bytes went, from where
+             Dropped = byte_size(Torn) - Last,
+             ?assertEqual(if Dropped > 0 -> {Dropped, Last}; true -> no_warning end,
+                          receive {warning, [db_torn, _, D, At]} -> {D, At}
+                          after 100 -> no_warning
+                          end),
              ok = arbo_db:close(Db)
          end || Torn <- Tails],
+        ok = logger:remove_handler(arbo_db_tests),
         %% after a cut, new frames follow on and replay
         {ok, Db} = open(db_torn, Dir),
         ?assertEqual({ok, 4}, arbo_db:commit(Db, [{instance, [1], 9}])),
@@ -362,6 +371,10 @@ torn_tail_test_() ->
         ?assertEqual(Expect, dump(arbo_db:tree(Db2))),
         ok = arbo_db:close(Db2)
     end}.
+
+%% A logger handler that passes warnings on to a test process.
+log(#{level := warning, msg := {_, Args}}, #{config := #{to := Pid}}) -> Pid ! {warning, Args};
+log(_, _) -> ok.
 
 %% A flipped bit in a middle frame (header or payload) refuses the open
 %% with the frame's offset; recover => true opens to the frame before it.
