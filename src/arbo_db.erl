@@ -60,7 +60,7 @@
 
 -record(s, {name, dir, tree, fd, jpath, jsize, seq, snap_seq, snap_id, snap_size,
             sync, compact, last_sync, pending = [], buf = [], timer, failed, subs = [],
-            scratch, crash_at, direct}).
+            scratch, crash_at, direct, retry_at = 0}).
 
 %% ---------------------------------------------------------------------------
 %% API
@@ -112,7 +112,7 @@ start_link(Name, Opts) -> proc_lib:start_link(?MODULE, init_it, [self(), Name, O
 init_it(Parent, Name, Opts) ->
     case catch register(Name, self()) of
         true ->
-            case init({Name, Opts}) of
+            case catch_init(Name, Opts) of
                 {ok, S} ->
                     proc_lib:init_ack(Parent, {ok, self()}),
                     gen_server:enter_loop(?MODULE, [], S, {local, Name});
@@ -181,6 +181,14 @@ append(Db, Frames) when is_list(Frames) -> gen_server:call(Db, {append, Frames},
 
 %% ---------------------------------------------------------------------------
 %% Server
+
+catch_init(Name, Opts) ->
+    try init({Name, Opts})
+    catch
+        error:{badarg, _} = E -> {stop, E};
+        error:{badmatch, {error, R}} -> {stop, R};
+        C:R -> {stop, {C, R}}
+    end.
 
 %% @private
 init({Name, Opts}) ->
@@ -273,7 +281,8 @@ handle_cast(_, S) -> {noreply, S}.
 %% @private
 handle_info(timeout, S) ->
     S1 = flush(S),
-    case S1#s.jsize > max(S1#s.compact, S1#s.snap_size) andalso S1#s.failed =:= undefined of
+    case S1#s.jsize > lists:max([S1#s.compact, S1#s.snap_size, S1#s.retry_at])
+        andalso S1#s.failed =:= undefined of
         true -> {_, S2} = compact(S1), {noreply, S2};
         false -> {noreply, S1}
     end;
@@ -409,7 +418,22 @@ rebuild(#s{tree = T} = S) ->
 
 compact(#s{seq = Seq, snap_seq = Seq} = S) -> {ok, S};
 compact(#s{failed = F} = S) when F =/= undefined -> {{error, {store_failed, F}}, S};
-compact(#s{dir = Dir, tree = T, seq = Seq} = S) ->
+compact(S) ->
+    try compact_steps(S) of
+        {ok, _} = Done -> Done;
+        {{error, R}, S1} -> compact_failed(R, S1)
+    catch
+        error:{badmatch, {error, R}} -> compact_failed(R, S);
+        error:R -> compact_failed(R, S)
+    end.
+
+%% A compaction that failed (a full disk) is tried again once the journal
+%% has grown by the threshold again; the store goes on with its journal.
+compact_failed(R, S) ->
+    logger:error("arbo_db ~p: compaction failed: ~p", [S#s.name, R]),
+    {{error, R}, S#s{retry_at = S#s.jsize + S#s.compact}}.
+
+compact_steps(#s{dir = Dir, tree = T, seq = Seq} = S) ->
     Id = rand:bytes(16),
     Snap = filename:join(Dir, snap_name(Seq, Id)),
     Journal = filename:join(Dir, journal_name(Seq, Id)),
@@ -417,22 +441,32 @@ compact(#s{dir = Dir, tree = T, seq = Seq} = S) ->
     case arbo_tree:save(T, Snap) of
         ok ->
             step(S, snapshot_renamed),
-            ok = sync_dir(Dir),
-            case new_journal(Dir, Journal, Seq, Id) of
+            try
+                ok = sync_dir(Dir),
+                {ok, _} = new_journal(Dir, Journal, Seq, Id)
+            of
                 {ok, Fd} ->
                     step(S, journal_started),
                     _ = file:close(S#s.fd),
                     Old = [filename:join(Dir, snap_name(S#s.snap_seq, S#s.snap_id)), S#s.jpath],
                     [file:delete(F) || F <- Old],
                     step(S, old_removed),
-                    ok = sync_dir(Dir),
+                    %% leftovers are removed at the next open if this is lost
+                    _ = sync_dir(Dir),
                     {ok, S#s{fd = Fd, jpath = Journal, jsize = 36, snap_seq = Seq, snap_id = Id,
-                             snap_size = filelib:file_size(Snap)}};
-                {error, _} = E ->
-                    _ = file:delete(Snap),
-                    {E, S}
+                             snap_size = filelib:file_size(Snap)}}
+            catch
+                error:{badmatch, {error, R}} -> {{error, R}, undo(S, [Journal, Snap])}
             end;
         {error, _} = E -> {E, S}
+    end.
+
+%% The new snapshot must not outlive a compaction that did not finish: the
+%% old journal goes on taking frames that an open would not look at.
+undo(S, Files) ->
+    case [F || F <- Files, file:delete(F) =/= ok, filelib:is_file(F)] of
+        [] -> _ = sync_dir(S#s.dir), S;
+        Left -> S#s{failed = {compaction_left, Left}}
     end.
 
 %% A test may stop the VM at a step, as a crash would.
