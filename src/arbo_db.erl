@@ -131,7 +131,7 @@ commit(Db, Ops) when is_list(Ops) -> gen_server:call(Db, {commit, Ops}, infinity
 commit(_, Ops) -> error({badarg, {ops, Ops}}).
 
 %% @doc The tree for reads. It refuses writes: every change goes through
-%% {@link commit/2}. Node references go stale on commits.
+%% {@link commit/2}.
 -spec tree(db()) -> arbo_tree:tree().
 tree(Db) -> gen_server:call(Db, tree, infinity).
 
@@ -158,7 +158,7 @@ close(Db) -> gen_server:call(Db, close, infinity).
 %% @doc Frames as they reach the journal, for followers: the calling
 %% process receives `{arbo_db_frames, Name, [{Seq, Payload}]}' after each
 %% write of the journal (after its sync with `sync => always'), the frames
-%% in sequence order, until it exits.
+%% in sequence order.
 -spec subscribe(db()) -> ok.
 subscribe(Db) -> gen_server:call(Db, {subscribe, self()}, infinity).
 
@@ -205,7 +205,11 @@ init({Name, Opts}) ->
     S0 = #s{name = Name, dir = Dir, tree = T, sync = Sync,
             compact = maps:get(compact_bytes, Opts, 8 bsl 20),
             scratch = filename:join(Dir, ".apply"),
-            crash_at = maps:get(crash_at, Opts, undefined),
+            crash_at = case Opts of
+                           #{crash_at := Step} -> {halt, Step};
+                           #{fail_at := Step} -> {fail, Step};
+                           _ -> undefined
+                       end,
             direct = maps:get(direct_max, Opts, 64)},
     case recover(S0, maps:get(recover, Opts, false)) of
         {ok, S} -> {ok, S};
@@ -443,6 +447,7 @@ compact_steps(#s{dir = Dir, tree = T, seq = Seq} = S) ->
             step(S, snapshot_renamed),
             try
                 ok = sync_dir(Dir),
+                ok = step(S, journal_write),
                 {ok, _} = new_journal(Dir, Journal, Seq, Id)
             of
                 {ok, Fd} ->
@@ -469,8 +474,9 @@ undo(S, Files) ->
         Left -> S#s{failed = {compaction_left, Left}}
     end.
 
-%% A test may stop the VM at a step, as a crash would.
-step(#s{crash_at = Step}, Step) -> erlang:halt(137, [{flush, false}]);
+%% A test may stop the VM at a step, as a crash would, or fail the step.
+step(#s{crash_at = {halt, Step}}, Step) -> erlang:halt(137, [{flush, false}]);
+step(#s{crash_at = {fail, Step}}, Step) -> {error, injected};
 step(_, _) -> ok.
 
 new_journal(Dir, Path, Seq, Id) ->
