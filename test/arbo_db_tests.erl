@@ -311,6 +311,7 @@ refusal_test() ->
     ?assertEqual(Before, dump(arbo_db:tree(Db2))),
     ?assertMatch(#{seq := 1}, arbo_db:info(Db2)),
     ?assertMatch({error, {already_open, _}}, open(db_refusal, Dir)),
+    ?assertEqual({error, {dir_in_use, Db2}}, open(db_refusal_2, Dir ++ "/../" ++ filename:basename(Dir))),
     %% the read handle refuses every change; closing the store closes it
     T = arbo_db:tree(Db2),
     Root = arbo_tree:root(T),
