@@ -320,7 +320,8 @@ handle_call(info, _, S) ->
 handle_call(close, _, S) ->
     S1 = flush(S),
     {_, S2} = datasync(S1),
-    {stop, normal, ok, S2}.
+    {stop, normal, ok, S2};
+handle_call(Other, _, S) -> noreply_with({error, {badarg, Other}}, S).
 
 %% @private
 handle_cast(_, S) -> {noreply, S}.
@@ -444,6 +445,7 @@ cut(#s{fd = Fd, jsize = Good} = S, Reason) ->
             S#s{failed = Reason}
     end.
 
+datasync(#s{fd = undefined} = S) -> {{error, closed}, S};
 datasync(#s{fd = Fd} = S) ->
     case file:datasync(Fd) of
         ok -> {ok, S#s{last_sync = now_ms()}};
