@@ -78,8 +78,7 @@
 %% documentation), `compact_bytes', `recover'.
 -spec open(atom(), options()) -> {ok, pid()} | {error, term()}.
 open(Name, #{dir := _} = Opts) when is_atom(Name) ->
-    ensure_sup(),
-    case supervisor:start_child(arbo_db_sup, [Name, Opts]) of
+    case start_child(Name, Opts, 1) of
         {ok, Pid} -> {ok, Pid};
         {error, {already_started, Pid}} -> {error, {already_open, Pid}};
         {error, {{already_started, Pid}, _}} -> {error, {already_open, Pid}};
@@ -87,22 +86,28 @@ open(Name, #{dir := _} = Opts) when is_atom(Name) ->
     end;
 open(Name, Opts) -> error({badarg, {Name, Opts}}).
 
-%% The application's supervisor starts arbo_db_sup; outside the
-%% application it is started here, on its own.
-ensure_sup() ->
-    case whereis(arbo_db_sup) of
-        undefined ->
-            Self = self(),
-            {Pid, Ref} = spawn_monitor(fun() ->
-                R = arbo_db_sup:start_link(),
-                case R of {ok, P} -> unlink(P); _ -> ok end,
-                Self ! {arbo_db_sup, self(), R}
-            end),
-            receive {arbo_db_sup, Pid, _} -> ok end,
-            erlang:demonitor(Ref, [flush]),
-            ok;
-        _ -> ok
+%% Stores live under arbo_db_sup, a child of the arbo application's
+%% supervisor: the application is started when it is not running. Where
+%% the application does not (yet) start arbo_db_sup, it is started here,
+%% on its own.
+start_child(Name, Opts, Tries) ->
+    try supervisor:start_child(arbo_db_sup, [Name, Opts])
+    catch exit:{noproc, _} when Tries > 0 ->
+            _ = application:ensure_all_started(arbo),
+            whereis(arbo_db_sup) =:= undefined andalso start_sup(),
+            start_child(Name, Opts, Tries - 1)
     end.
+
+start_sup() ->
+    Self = self(),
+    {Pid, Ref} = spawn_monitor(fun() ->
+        R = arbo_db_sup:start_link(),
+        case R of {ok, P} -> unlink(P); _ -> ok end,
+        Self ! {arbo_db_sup, self(), R}
+    end),
+    receive {arbo_db_sup, Pid, _} -> ok end,
+    erlang:demonitor(Ref, [flush]),
+    ok.
 
 %% @private
 start_link(Name, Opts) -> proc_lib:start_link(?MODULE, init_it, [self(), Name, Opts]).
