@@ -431,6 +431,9 @@ flush(#s{fd = Fd, buf = Buf, sync = Sync} = S) ->
             rebuild(cut(S1, Reason))
     end.
 
+%% The one place where commits are answered, after their frames are
+%% written (and synced as the policy says): a commit that must also wait
+%% for other stores to hold its frame would be held back here.
 reply_all(#s{pending = []} = S) -> S;
 reply_all(#s{pending = P} = S) ->
     [gen_server:reply(From, {ok, Seq}) || {From, Seq} <- lists:reverse(P)],
