@@ -87,27 +87,15 @@ open(Name, #{dir := _} = Opts) when is_atom(Name) ->
 open(Name, Opts) -> error({badarg, {Name, Opts}}).
 
 %% Stores live under arbo_db_sup, a child of the arbo application's
-%% supervisor: the application is started when it is not running. Where
-%% the application does not (yet) start arbo_db_sup, it is started here,
-%% on its own.
+%% supervisor: the application is started when it is not running.
 start_child(Name, Opts, Tries) ->
     try supervisor:start_child(arbo_db_sup, [Name, Opts])
     catch exit:{noproc, _} when Tries > 0 ->
-            _ = application:ensure_all_started(arbo),
-            whereis(arbo_db_sup) =:= undefined andalso start_sup(),
-            start_child(Name, Opts, Tries - 1)
+            case application:ensure_all_started(arbo) of
+                {ok, _} -> start_child(Name, Opts, Tries - 1);
+                {error, Reason} -> {error, {arbo_not_started, Reason}}
+            end
     end.
-
-start_sup() ->
-    Self = self(),
-    {Pid, Ref} = spawn_monitor(fun() ->
-        R = arbo_db_sup:start_link(),
-        case R of {ok, P} -> unlink(P); _ -> ok end,
-        Self ! {arbo_db_sup, self(), R}
-    end),
-    receive {arbo_db_sup, Pid, _} -> ok end,
-    erlang:demonitor(Ref, [flush]),
-    ok.
 
 %% @private
 start_link(Name, Opts) -> proc_lib:start_link(?MODULE, init_it, [self(), Name, Opts]).

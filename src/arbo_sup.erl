@@ -26,11 +26,9 @@ init(top) ->
                 type => supervisor, shutdown => infinity},
     %% Children start in this order and stop in the reverse one: whatever
     %% keeps trees of its own goes after the keepers, so it stops first.
-    Children = [Keepers
-                %% ---- later supervisors go here, e.g.
-                %% , #{id => arbo_db_sup, start => {arbo_db_sup, start_link, []},
-                %%     type => supervisor, shutdown => infinity}
-               ],
+    Stores = #{id => arbo_db_sup, start => {arbo_db_sup, start_link, []},
+               type => supervisor, shutdown => infinity},
+    Children = [Keepers, Stores],
     {ok, {#{strategy => one_for_one, intensity => 5, period => 10}, Children}};
 init(keepers) ->
     %% A keeper closes a big tree when it stops: give it time to free it.
