@@ -4,6 +4,8 @@
 %% (`arbo_gate'): one keeper per open tree, started by `arbo_tree:new/1'.
 %% Keepers are temporary: a keeper that ends is not restarted (its tree is
 %% closed with it, and a new keeper would know nothing of its readers).
+%% After it comes `arbo_db_sup', the supervisor of durable stores
+%% (`arbo_db'), so that stores stop before the trees they hold.
 -module(arbo_sup).
 -behaviour(supervisor).
 
