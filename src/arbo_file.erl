@@ -29,7 +29,7 @@
          | deprecated_op, offset()}
       | {{bad_key, arbo_key:reason()}, offset()}
       | {{bad_value, arbo_val:reason()}, offset()}
-      | {file:posix() | badarg | terminated | system_limit, offset()}.
+      | {file:posix() | badarg | terminated | system_limit | not_regular | changed, offset()}.
 -type load_info() :: #{nodes := non_neg_integer(), file_size := non_neg_integer(),
                        transactions := non_neg_integer(),
                        checkpoint := integer(),
@@ -43,13 +43,22 @@
 
 -define(MAGIC, 16#EEDA0001).
 
+%% What the marked copy of a file holds: its markers, the file's own
+%% transaction starts, the checkpoint argument for the copy, the distinct
+%% wide flag values.
+-record(marks, {count = 0, trans = 0, checkpoint = -1, wide = #{}}).
+
 %% ---------------------------------------------------------------------------
 %% Verification
 
 %% @doc Check that a file is a well-formed save file: the magic, every
 %% record complete, every opcode and key form defined, every encoded key
 %% well formed, every encoded value framed by its type. Returns the first
-%% problem with the offset of the record it was found in. This is stricter
+%% problem with the offset of the record it was found in. Only regular
+%% files are read (`{error, {not_regular, 0}}' for a FIFO, a device or a
+%% directory, answered without opening it), and only as many bytes as the
+%% file held when it was opened (`{error, {changed, 0}}' when it grew or
+%% shrank while it was read). This is stricter
 %% than the loader, which stops at some records (a `cd_up' above the root,
 %% an unknown ordering mode) without reading further: verification reads
 %% every record to the end of the file.
@@ -67,8 +76,42 @@ verify_binary(Bin) when is_binary(Bin), byte_size(Bin) < 4 -> {error, {truncated
 verify_binary(Bin) when is_binary(Bin) -> {error, {invalid_magic, 0}}.
 
 read(Path) ->
-    try file:read_file(Path)
+    try read_regular(Path)
     catch error:_ -> {error, badarg}
+    end.
+
+%% A FIFO would block the open, a device would never end: the type is
+%% checked before the open and again on the open file, and no more than
+%% the size it had then is read.
+read_regular(Path) ->
+    case file:read_file_info(Path) of
+        {ok, #file_info{type = regular}} ->
+            case file:open(Path, [read, raw, binary]) of
+                {ok, Fd} ->
+                    try read_opened(Fd) after file:close(Fd) end;
+                {error, _} = E -> E
+            end;
+        {ok, _} -> {error, not_regular};
+        {error, _} = E -> E
+    end.
+
+read_opened(Fd) ->
+    case file:read_file_info(Fd) of
+        {ok, #file_info{type = regular, size = Size}} ->
+            case {read_n(Fd, Size), file:read(Fd, 1)} of
+                {{ok, Bin}, eof} when byte_size(Bin) =:= Size -> {ok, Bin};
+                {{error, _} = E, _} -> E;
+                _ -> {error, changed}
+            end;
+        {ok, _} -> {error, not_regular};
+        {error, _} = E -> E
+    end.
+
+read_n(_, 0) -> {ok, <<>>};
+read_n(Fd, Size) ->
+    case file:read(Fd, Size) of
+        eof -> {ok, <<>>};
+        Other -> Other
     end.
 
 %% The records a saved tree is mostly made of are matched in place, whole,
@@ -176,6 +219,7 @@ save(Tree, Path) -> save(Tree, Path, []).
 -spec save(arbo:handle(), file:filename_all(), [{skip_flags, non_neg_integer()}]) ->
           ok | {error, term()}.
 save(Tree, Path, Opts) ->
+    options(Opts, [skip_flags]),
     Mask = proplists:get_value(skip_flags, Opts, 0),
     (is_integer(Mask) andalso Mask >= 0 andalso Mask < 1 bsl 64)
         orelse error({badarg, {skip_flags, Mask}}),
@@ -186,7 +230,12 @@ save(Tree, Path, Opts) ->
                     {error, not_regular};
                 _ ->
                     Tmp = temp_name(Target),
-                    finish(write_synced(Tree, Tmp, Mask), Tmp, Target)
+                    %% A caller killed inside the library's save leaves the
+                    %% temporary file to the helper, which removes it.
+                    Aide = aide(Tmp, false),
+                    try finish(write_synced(Tree, Tmp, Mask), Tmp, Target)
+                    after stop_aide(Aide)
+                    end
             end;
         error -> {error, badarg}
     end.
@@ -264,6 +313,8 @@ load(Tree, Path) -> load(Tree, Path, []).
 %%  <li>`{capture, true}': keep a copy of a short binary value on a top
 %%      level node with tag 0 (`captured' in the result).</li>
 %% </ul>
+%% Options that are not a list, and options not named here, raise
+%% `error({badarg, {options, Opts}})' and `error({badarg, {option, O}})'.
 %% The bytes verified are the bytes loaded: they go to the library through a
 %% private copy in the temporary directory (`TMPDIR', else `/tmp'), so the
 %% file cannot be swapped between the check and the load. Returns `{ok,
@@ -275,6 +326,7 @@ load(Tree, Path) -> load(Tree, Path, []).
 -spec load(arbo_tree:tree(), file:filename_all(), [load_option()]) ->
           {ok, load_info()} | {error, term()}.
 load(Tree, Path, Opts) ->
+    options(Opts, [progress, checkpoint, capture]),
     Progress = proplists:get_value(progress, Opts, undefined),
     Checkpoint = proplists:get_value(checkpoint, Opts, -1),
     Capture = case proplists:get_value(capture, Opts, false) of
@@ -313,67 +365,191 @@ load_copy(Tree, Bin, Checkpoint, Capture, Progress) ->
         error -> {error, badarg}
     end.
 
-load_copy(Tree, Bin, Copy, Checkpoint, Capture, Progress) ->
+%% The copy holds a marker record (a transaction start, which changes
+%% nothing but the count of transactions) before every record the loader
+%% may stop at, and one at the end: the count the loader answers says how
+%% many records it reached. The copy and the progress forwarding belong to
+%% a helper that outlives a killed caller and removes the copy.
+load_copy(Tree, Bin, Copy, Checkpoint, Capture, {Progress, Shown}) ->
+    Aide = aide(Copy, Progress =/= undefined andalso {Progress, Shown}),
+    try
+        case write_marked(Copy, Bin, Checkpoint) of
+            {ok, Marks} ->
+                case arbo_tree:wide_flags_room(map_size(Marks#marks.wide)) of
+                    true -> load_verified(Tree, Bin, Copy, Marks, Capture, aide_pid(Aide, Progress));
+                    false -> {error, flags_table_full}
+                end;
+            {error, _} = E -> E
+        end
+    after
+        stop_aide(Aide)
+    end.
+
+load_verified(Tree, Bin, Native, Marks, Capture, Forward) ->
+    #marks{count = Count, trans = Trans0, checkpoint = Ckpt0} = Marks,
+    Reply = arbo_tree:exclusive(
+              Tree,
+              fun(Handle, _Stamp) ->
+                      {arbo:load_nif(Handle, <<Native/binary, 0>>, Ckpt0, Capture, Forward), true}
+              end),
+    case Reply of
+        {true, {Reached, _, Size, _, _, Ckpt, Captured, undefined}} when Reached =:= Count + Trans0 ->
+            {ok, info(Bin, Size, Trans0, Ckpt, Captured, undefined)};
+        {true, {Reached, _, Size, _, _, Ckpt, Captured, {checkpoint, N}}} ->
+            %% Stopped by a truncation mark or a checkpoint, as asked.
+            {I, At} = original(Bin, N - 1),
+            {ok, info(Bin, Size, Reached - I - 1, Ckpt, Captured, At)};
+        {true, {Reached, _, _, _, _, _, _, undefined}} ->
+            stopped(Bin, Reached);
+        {error, _} = E -> E
+    end.
+
+info(Bin, Size, Trans, Ckpt, Captured, TruncatedAt) ->
+    #{nodes => Size, file_size => byte_size(Bin), transactions => Trans,
+      checkpoint => case Ckpt of
+                        -1 -> -1;
+                        _ -> element(2, original(Bin, Ckpt))
+                    end,
+      captured => Captured, truncated_at => TruncatedAt}.
+
+%% A load that did not apply the whole file: the offset of the record it
+%% stopped at and why. Reached counts the markers passed and the file's own
+%% transaction starts: the I-th marker is passed when I plus the starts
+%% before its record are fewer than Reached.
+stopped(Bin, Reached) ->
+    {_, {At, Op}} =
+        case fold_marked(Bin, fun(O, Op, I, {T, _}) when I + T < Reached ->
+                                      {cont, {T + case Op of 2 -> 1; _ -> 0 end, {O, Op}}};
+                                 (_, _, _, Acc) -> {stop, Acc}
+                              end, {0, {4, none}}) of
+            {stopped, Acc} -> Acc;
+            {done, _, Acc} -> Acc
+        end,
+    {error, {stopped_at, At, outcome(Op, Bin, At)}}.
+
+%% The loader's named outcomes for the records at which it ends a load
+%% without an error code.
+outcome(Op, _, _) when Op =:= 7; Op =:= 8 -> above_root;
+outcome(Op, _, _) when Op =:= 9; Op =:= 13; Op =:= 14 -> value_at_root;
+outcome(12, _, _) -> namespace_key_form;
+outcome(19, _, _) -> move_target_missing;
+outcome(20, Bin, At) ->
+    case Bin of
+        <<_:At/binary, Form:3, _:5, _/binary>> when Form > 1 -> list_key_form;
+        <<_:At/binary, 0:3, _:5, _:32, Mode, _/binary>> when Mode > 4 -> list_mode;
+        <<_:At/binary, 1:3, _:5, _:64, Mode, _/binary>> when Mode > 4 -> list_mode;
+        _ -> child_refused
+    end;
+outcome(_, _, _) -> child_refused.
+
+%% Write the marked copy in slices (memory stays bounded by a slice), count
+%% the marks, the file's own transaction starts and its distinct wide flag
+%% values, and turn a checkpoint given as a position of the file into one
+%% of the copy.
+write_marked(Copy, Bin, Checkpoint) ->
     case file:open(Copy, [write, exclusive, raw, binary]) of
         {ok, Fd} ->
-            Written = file:write(Fd, Bin),
-            ok = file:close(Fd),
             try
-                case Written of
-                    ok -> load_verified(Tree, Copy, Checkpoint, Capture, Progress);
-                    {error, _} = E -> E
-                end
+                {done, Last, {Tail, Parts, Marks}} =
+                    fold_marked(Bin, fun(O, Op, I, Acc) -> {cont, mark(Fd, Bin, Checkpoint, O, Op, I, Acc)} end,
+                                {4, [<<?MAGIC:32>>], #marks{checkpoint = ckpt_arg(Checkpoint)}}),
+                ok = file:write(Fd, lists:reverse(Parts, [binary:part(Bin, Tail, byte_size(Bin) - Tail), <<2>>])),
+                {ok, Marks#marks{count = Last + 1}}
+            catch error:{badmatch, {error, _} = E} -> E
             after
-                _ = file:delete(Copy)
+                ok = file:close(Fd)
             end;
         {error, _} = E -> E
     end.
 
-load_verified(Tree, Native, Checkpoint, Capture, {Progress, Shown}) ->
-    Forwarder = forwarder(Progress, Shown),
-    try
-        Reply = arbo_tree:exclusive(
-                  Tree,
-                  fun(Handle, _Stamp) ->
-                          R = arbo:load_nif(Handle, <<Native/binary, 0>>, Checkpoint, Capture,
-                                            forwarder_pid(Forwarder)),
-                          {R, true}
-                  end),
-        case Reply of
-            {true, {Trans, FileSize, Size, _, _, Ckpt, Captured, Where}} ->
-                {ok, #{nodes => Size, file_size => FileSize, transactions => Trans,
-                       checkpoint => Ckpt, captured => Captured,
-                       truncated_at => case Where of
-                                           {checkpoint, N} -> N - 1;
-                                           undefined -> undefined
-                                       end}};
-            {error, _} = E -> E
-        end
-    after
-        stop_forwarder(Forwarder)
+ckpt_arg(N) when N >= 0 -> -1;   % until the checkpoint's record is met
+ckpt_arg(N) -> N.
+
+mark(Fd, Bin, Checkpoint, O, Op, I, {Tail, Parts, M}) ->
+    M1 = case Op of
+             2 -> M#marks{trans = M#marks.trans + 1};
+             4 when O =:= Checkpoint + 1 -> M#marks{checkpoint = Checkpoint + I + 1};
+             22 -> wide(M, binary:decode_unsigned(binary:part(Bin, O + 1, 4)));
+             23 -> wide(M, binary:decode_unsigned(binary:part(Bin, O + 1, 8)));
+             _ -> M
+         end,
+    Parts1 = [<<2>>, binary:part(Bin, Tail, O - Tail) | Parts],
+    case I band 4095 of
+        4095 -> ok = file:write(Fd, lists:reverse(Parts1)), {O, [], M1};
+        _ -> {O, Parts1, M1}
     end.
 
-%% Progress goes through a helper process: the library sends its messages
-%% from inside the load, while the caller is blocked in it.
-forwarder(undefined, _) -> undefined;
-forwarder(To, Shown) ->
-    {Pid, MRef} = spawn_monitor(fun() -> forward(To, Shown) end),
-    {Pid, MRef}.
+wide(M, V) when V =< 16#3fffff -> M;
+wide(#marks{wide = W} = M, _) when map_size(W) > 30000 -> M;   % enough to refuse
+wide(#marks{wide = W} = M, V) -> M#marks{wide = W#{V => []}}.
 
-forwarder_pid(undefined) -> undefined;
-forwarder_pid({Pid, _}) -> Pid.
+%% Fun(Offset, Op, Index, Acc) for every record of a verified file that has
+%% a marker before it in the copy (Index counts them from 0): all but a
+%% value and an end record that follow a cd, which the loader replays with
+%% the cd. Returns {done, Count, Acc} or {stopped, Acc}.
+fold_marked(Bin, Fun, Acc) -> fold_marked(Bin, 4, none, 0, Fun, Acc).
 
-%% The library names the private copy it reads; the messages name the file
+fold_marked(Bin, O, _, I, _, Acc) when O >= byte_size(Bin) -> {done, I, Acc};
+fold_marked(Bin, O, Prev, I, Fun, Acc) ->
+    <<_:O/binary, Byte, Rest/binary>> = Bin,
+    {ok, Next} = record(Byte band 31, Byte bsr 5, Rest),
+    NextO = byte_size(Bin) - byte_size(Next),
+    Op = Byte band 31,
+    Follows = case {Byte, Prev} of
+                  {9, cd} -> cd_value;
+                  {7, cd} -> end_of_cd;
+                  {7, cd_value} -> end_of_cd;
+                  {_, _} when Op =:= 6 -> cd;
+                  _ -> none
+              end,
+    case Follows of
+        cd_value -> fold_marked(Bin, NextO, cd_value, I, Fun, Acc);
+        end_of_cd -> fold_marked(Bin, NextO, none, I, Fun, Acc);
+        _ ->
+            case Fun(O, Op, I, Acc) of
+                {cont, Acc1} -> fold_marked(Bin, NextO, Follows, I + 1, Fun, Acc1);
+                {stop, Acc1} -> {stopped, Acc1}
+            end
+    end.
+
+%% A position the loader reports in the copy (a checkpoint's value, a
+%% truncation mark's) as {Index, Position in the file}: the I-th marked
+%% record lies I + 1 bytes further in the copy.
+original(Bin, P) ->
+    {stopped, Found} = fold_marked(Bin, fun(O, _, I, _) when O + I + 1 >= P -> {stop, {I, P - I - 1}};
+                                           (_, _, I, _) -> {cont, I}
+                                        end, none),
+    Found.
+
+%% ---------------------------------------------------------------------------
+%% The helper of a save or a load
+
+%% It forwards the library's progress messages (sent from inside a load,
+%% while the caller is blocked in it), and removes the temporary file when
+%% told to stop or when the caller dies, whichever comes first.
+aide(File, Progress) ->
+    Caller = self(),
+    spawn_monitor(fun() ->
+        MRef = erlang:monitor(process, Caller),
+        aide_loop(Caller, MRef, File, Progress)
+    end).
+
+aide_pid({Pid, _}, Progress) when Progress =/= undefined -> Pid;
+aide_pid(_, _) -> undefined.
+
+%% The library names the private copy it reads: the messages name the file
 %% the caller gave.
-forward(To, Shown) ->
+aide_loop(Caller, MRef, File, Progress) ->
     receive
-        {msg, Tuple} when tuple_size(Tuple) =:= 7 ->
+        {msg, Tuple} when tuple_size(Tuple) =:= 7, Progress =/= false ->
+            {To, Shown} = Progress,
             Msg = setelement(3, Tuple, Shown),
             _ = if is_pid(To) -> To ! {msg, Msg};
                    true -> catch To(progress_map(Msg))
                 end,
-            forward(To, Shown);
-        stop -> ok
+            aide_loop(Caller, MRef, File, Progress);
+        {'DOWN', MRef, process, Caller, _} -> _ = file:delete(File);
+        stop -> _ = file:delete(File)
     end.
 
 progress_map({Count, Consumed, Path, FileSize, Trans, ElapsedMs, _Now}) ->
@@ -381,7 +557,14 @@ progress_map({Count, Consumed, Path, FileSize, Trans, ElapsedMs, _Now}) ->
       transactions => Trans, elapsed_ms => ElapsedMs}.
 
 %% Everything the load sent is in the helper's mailbox before `stop'.
-stop_forwarder(undefined) -> ok;
-stop_forwarder({Pid, MRef}) ->
+stop_aide({Pid, MRef}) ->
     Pid ! stop,
     receive {'DOWN', MRef, process, Pid, _} -> ok end.
+
+%% Options: a list of pairs with the names given.
+options(Opts, Names) when is_list(Opts) ->
+    lists:foreach(fun({Name, _}) when is_atom(Name) ->
+                          lists:member(Name, Names) orelse error({badarg, {option, Name}});
+                     (O) -> error({badarg, {option, O}})
+                  end, Opts);
+options(Opts, _) -> error({badarg, {options, Opts}}).

@@ -68,7 +68,7 @@
 %% persistence
 -export([save/2, save/3, load/2, load/3]).
 %% used by arbo_file
--export([exclusive/2]).
+-export([exclusive/2, wide_flags_room/1]).
 
 -export_type([tree/0, tree_node/0, name/0, instance_key/0, key/0, order/0, filter/0,
               node_type/0, value/0]).
@@ -85,7 +85,7 @@
                                   addr :: pos_integer(), parent :: non_neg_integer()}.
 -type name() :: 0..16#ffffffff | {0..16#ffffffff, 0..16#ffffffff}.
 -type instance_key() :: {int, -16#80000000..16#7fffffff}
-                      | {pair, 0..16#7fffffff, -16#80000000..16#7fffffff}
+                      | {pair, 1..255, -16#80000000..16#7fffffff}
                       | {tuple, arbo_key:key()} | arbo_key:key() | {encoded, binary()}
                       | {opaque, binary()}.
 -type key() :: name() | instance_key().
@@ -119,6 +119,8 @@
 -define(I32(X), (is_integer(X) andalso X >= -16#80000000 andalso X =< 16#7fffffff)).
 -define(U64(X), (is_integer(X) andalso X >= 0 andalso X =< 16#ffffffffffffffff)).
 -define(HIDE_INACTIVE, 16#100).
+-define(INLINE_FLAGS, 16#3fffff).
+-define(WIDE_FLAGS_LIMIT, 30000).
 
 %% ===========================================================================
 %% Lifecycle
@@ -139,7 +141,7 @@ new(Opts) when is_list(Opts) ->
     {ok, Keeper} = arbo_gate:start({arbo, Res, View, {arbo_gate, undefined, self(), Word}},
                                    self()),
     {arbo, Res, View, {arbo_gate, Keeper, self(), Word}};
-new(Opts) -> error({badarg, Opts}).
+new(Opts) -> error({badarg, {options, Opts}}).
 
 %% @doc A handle of the same tree for the calling process. Any process can
 %% use any handle of a tree; the handle a process made itself (with {@link
@@ -275,9 +277,14 @@ add_list(T, P, Name, Order) ->
 add(T, L, Key) ->
     {K, Code} = add_arg(Key),
     write(T, [L], fun(S) ->
+        Addr = L#arbo_node.addr,
         is_list_node(T, L),
-        N = call(fun() -> arbo:add_hkey(T, L#arbo_node.addr, K, Code) end, L),
-        mk(T, S, N, L#arbo_node.addr)
+        one_form(T, Addr, {K, Code}, Key),
+        N = call(fun() -> arbo:add_hkey(T, Addr, K, Code) end, L),
+        %% The library answers the instance it takes for equal: another
+        %% key that compares equal is not this one.
+        same_key(arbo:get_hkey0(T, N), K, Code) orelse error({key_clash, Key}),
+        mk(T, S, N, Addr)
     end).
 
 %% ===========================================================================
@@ -291,20 +298,24 @@ find({arbo, Res, _, {arbo_gate, _, Owner, Word}} = T,
     {K, Code} = find_arg(Key),
     case atomics:add_get(Word, 1, 1) bsr ?ARBO_SHIFT of
         S ->
-            R = try arbo:find_child(T, Addr, K, Code) after atomics:sub(Word, 1, 1) end,
+            R = try exact(T, arbo:find_child(T, Addr, K, Code), K, Code)
+                after atomics:sub(Word, 1, 1)
+                end,
             case R of
                 0 -> none;
                 _ -> #arbo_node{table = Res, stamp = S, addr = R, parent = Addr}
             end;
         _ ->
             atomics:sub(Word, 1, 1),
-            read(T, [P], fun(S1) -> mk(T, S1, arbo:find_child(T, Addr, K, Code), Addr) end)
+            read(T, [P], fun(S1) -> mk(T, S1, exact(T, arbo:find_child(T, Addr, K, Code), K, Code),
+                                       Addr)
+                         end)
     end;
 find({arbo, Res, _, {arbo_reading, _, S, Tok}} = T,
      #arbo_node{table = Res, stamp = S, addr = Addr}, Key) ->
     {K, Code} = find_arg(Key),
     inside(T, Tok),
-    case arbo:find_child(T, Addr, K, Code) of
+    case exact(T, arbo:find_child(T, Addr, K, Code), K, Code) of
         0 -> none;
         R -> #arbo_node{table = Res, stamp = S, addr = R, parent = Addr}
     end;
@@ -312,7 +323,7 @@ find(T, P, Key) ->
     {K, Code} = find_arg(Key),
     read(T, [P], fun(S) ->
         Addr = P#arbo_node.addr,
-        mk(T, S, arbo:find_child(T, Addr, K, Code), Addr)
+        mk(T, S, exact(T, arbo:find_child(T, Addr, K, Code), K, Code), Addr)
     end).
 
 %% @doc Follow a path of keys from the root: the node reached, or `none'.
@@ -324,7 +335,7 @@ lookup(_, Path) -> error({badarg, {path, Path}}).
 
 walk(T, S, Addr, Parent, []) -> mk(T, S, Addr, Parent);
 walk(T, S, Addr, _, [{K, Code} | More]) ->
-    case arbo:find_child(T, Addr, K, Code) of
+    case exact(T, arbo:find_child(T, Addr, K, Code), K, Code) of
         0 -> none;
         Next -> walk(T, S, Next, Addr, More)
     end.
@@ -391,7 +402,7 @@ delete(T, P, Key) ->
     exclusive(T, fun(H, S) ->
         fresh(S, P),
         Addr = P#arbo_node.addr,
-        case arbo:find_child(H, Addr, K, Code) of
+        case exact(H, arbo:find_child(H, Addr, K, Code), K, Code) of
             0 -> {false, false};
             N ->
                 {DK, DCode, _} = del_arg(arbo:get_hkey0(H, N), is_list_addr(H, Addr)),
@@ -418,20 +429,39 @@ clear(T) ->
     gate(T),
     exclusive(T, fun(H, _) -> {arbo:del_all(H), true} end).
 
-%% @doc Give an instance a new key: `true', or `false' when another instance
-%% already has it. A sorted list puts it in its new place; a user-ordered
-%% one keeps it where it is.
+%% @doc Give an instance a new key of the same form ({@link
+%% instance_key()}: an integer, a pair, a tuple or an opaque key; another
+%% form raises `{key_form, NewKey}'): `true', or `false' when another
+%% instance already has it. A sorted list puts it in its new place; a
+%% user-ordered one keeps it where it is. Runs on the writer side and moves
+%% the epoch when the key changed (the library may move the instance to new
+%% memory): find nodes again afterwards.
 -spec rename(tree(), tree_node(), instance_key()) -> boolean().
 rename(T, I, NewKey) ->
-    {K, Code} = case add_arg(NewKey) of
-                    {N, 4} -> {{N}, 4};  % a tag form here
-                    Other -> Other
-                end,
-    write(T, [I], fun(_) ->
-        List = I#arbo_node.parent,
-        List =/= 0 andalso is_list_addr(T, List) orelse error({wrong_node_type, I}),
-        arbo:rename_instance0(T, List, I#arbo_node.addr, K, Code)
-    end).
+    {K, Code} = add_arg(NewKey),
+    gate(T),
+    own(T, I),
+    Reply = exclusive(T, fun(H, S) ->
+        fresh(S, I),
+        #arbo_node{addr = Addr, parent = List} = I,
+        case List =/= 0 andalso is_list_addr(H, List) andalso not is_list_addr(H, Addr) of
+            false -> {{raise, {wrong_node_type, I}}, false};
+            true ->
+                case key_form(arbo:get_hkey0(H, Addr)) =:= key_form(K, Code) of
+                    false -> {{raise, {key_form, NewKey}}, false};
+                    true ->
+                        R = arbo:rename_instance0(H, List, Addr, rename_key(K, Code), Code),
+                        {R, R}
+                end
+        end
+    end),
+    case Reply of
+        {raise, E} -> error(E);
+        R -> R
+    end.
+
+rename_key(N, 4) -> {N};  % a tag form here
+rename_key(K, _) -> K.
 
 %% @doc Move a child that has a namespace into another namespace (under the
 %% same tag): `true', or `false' when the library refuses (a container, a
@@ -648,21 +678,38 @@ clear_value(T, N) ->
 -spec flags(tree(), tree_node()) -> non_neg_integer().
 flags(T, N) -> read(T, [N], fun(_) -> arbo:get_flags(T, N#arbo_node.addr) end).
 
-%% @doc Replace a node's user flags.
--spec set_flags(tree(), tree_node(), non_neg_integer()) -> ok.
+%% @doc Replace a node's user flags. Values above 22 bits are kept in one
+%% table shared by every tree of the VM, which never shrinks: once it holds
+%% 30,000 distinct wide values, setting any wide value answers
+%% `{error, flags_table_full}' and changes nothing (values of 22 bits and
+%% below are always taken).
+-spec set_flags(tree(), tree_node(), non_neg_integer()) -> ok | {error, flags_table_full}.
 set_flags(T, N, M) -> flag_op(T, N, M, set_flags).
 
-%% @doc Set the bits of Mask in a node's user flags.
--spec add_flags(tree(), tree_node(), non_neg_integer()) -> ok.
+%% @doc Set the bits of Mask in a node's user flags (see {@link set_flags/3}
+%% for wide values).
+-spec add_flags(tree(), tree_node(), non_neg_integer()) -> ok | {error, flags_table_full}.
 add_flags(T, N, M) -> flag_op(T, N, M, set_flag).
 
-%% @doc Clear the bits of Mask in a node's user flags.
--spec clear_flags(tree(), tree_node(), non_neg_integer()) -> ok.
+%% @doc Clear the bits of Mask in a node's user flags (see {@link
+%% set_flags/3} for wide values).
+-spec clear_flags(tree(), tree_node(), non_neg_integer()) -> ok | {error, flags_table_full}.
 clear_flags(T, N, M) -> flag_op(T, N, M, clr_flag).
 
 flag_op(T, N, M, F) ->
     ?U64(M) orelse error({badarg, {flags, M}}),
-    write(T, [N], fun(_) -> _ = arbo:F(T, N#arbo_node.addr, M), ok end).
+    write(T, [N], fun(_) ->
+        Addr = N#arbo_node.addr,
+        New = case F of
+                  set_flags -> M;
+                  set_flag -> arbo:get_flags(T, Addr) bor M;
+                  clr_flag -> arbo:get_flags(T, Addr) band bnot M
+              end,
+        case New =< ?INLINE_FLAGS orelse wide_flags_room(1) of
+            true -> _ = arbo:F(T, Addr, M), ok;
+            false -> {error, flags_table_full}
+        end
+    end).
 
 %% @doc Attribute Id (1..2^32-1) of a node, decoded, or `undefined'.
 -spec attr(tree(), tree_node(), pos_integer()) -> undefined | arbo_val:value().
@@ -1107,3 +1154,57 @@ holds_value(T, N) ->
         _ -> error({wrong_node_type, N})
     end.
 
+
+%% @private
+%% @doc Whether the VM's table of wide flag values has room for N more
+%% distinct values below the limit: the library's table counts with 16 bits
+%% and searches with a signed 16-bit count, so it is kept well below 32767.
+-spec wide_flags_room(non_neg_integer()) -> boolean().
+wide_flags_room(N) ->
+    [_, {8, Cap, Free}] = arbo:alloc_info(),
+    Cap - Free + N =< ?WIDE_FLAGS_LIMIT.
+
+%% The key form of an instance: one user-ordered list holds one form, so
+%% that its hash index (which compares integers without their namespace,
+%% and bytes without their form) never takes two keys for one.
+key_form({binary, _}) -> tuple;
+key_form({B}) when is_binary(B) -> opaque;
+key_form({{Ns, _}}) -> {pair, Ns};
+key_form({I}) when is_integer(I) -> int;
+key_form(_) -> other.
+
+key_form(_, 4) -> int;
+key_form({Ns, _}, 27) -> {pair, Ns};
+key_form(_, 5) -> tuple;
+key_form(_, 6) -> opaque.
+
+one_form(T, L, {K, Code}, Key) ->
+    case arbo:get_type(T, L) of
+        {2, 3} ->
+            case arbo:first_child_nif(plain_view(T), L, [], 0) of
+                0 -> ok;
+                First ->
+                    key_form(arbo:get_hkey0(T, First)) =:= key_form(K, Code)
+                        orelse error({key_form, Key})
+            end;
+        _ -> ok
+    end.
+
+%% Whether the key the library read back is the key asked for (K and Code
+%% as add_arg or find_arg made them).
+same_key({binary, B}, B, C) when C =:= 5; C =:= 12 -> true;
+same_key({B}, B, C) when is_binary(B), (C =:= 6 orelse C =:= 53) -> true;
+same_key({I}, I, 4) -> true;
+same_key({I}, {I}, 10) -> true;
+same_key({{Ns, Tag}}, {Ns, N}, C) when C =:= 27; C =:= 28 -> Tag =:= N orelse Tag - (1 bsl 32) =:= N;
+same_key(_, _, _) -> false.
+
+%% A child found by an instance key, when its key is that key; names find
+%% exactly.
+exact(_, 0, _, _) -> 0;
+exact(_, A, K, 10) when not is_tuple(K) -> A;
+exact(T, A, K, Code) ->
+    case same_key(arbo:get_hkey0(T, A), K, Code) of
+        true -> A;
+        false -> 0
+    end.
