@@ -1029,6 +1029,7 @@ word({arbo, _, _, {arbo_gate, _, Owner, Word}}) when Owner =:= self() -> Word;
 word({arbo, Res, _, {arbo_gate, Keeper, _, _}} = T) ->
     case get({'$arbo_reader', Res}) of
         undefined ->
+            forget_closed(),
             K = case Keeper of
                     {read_only, K0} -> K0;
                     K0 -> K0
@@ -1040,6 +1041,13 @@ word({arbo, Res, _, {arbo_gate, Keeper, _, _}} = T) ->
             W;
         W -> W
     end.
+
+%% A process that reads thousands of trees others close keeps no word of
+%% a closed one: they go when it registers for another tree.
+forget_closed() ->
+    [erase(Key) || {{'$arbo_reader', _} = Key, W} <- get(),
+                   atomics:get(W, 1) band ?ARBO_CLOSED =/= 0],
+    ok.
 
 %% A reader section: every node argument belongs to the tree and is as new
 %% as the epoch; Fun(Stamp) runs with deletions kept out.
