@@ -292,6 +292,11 @@ add(T, L, Key) ->
 
 %% @doc The child of a node under a name (children of containers, leaves,
 %% instances, the root) or an instance key (children of lists), or `none'.
+%% Only the instance with that very key is answered. The library's order of
+%% encoded keys is not total across element types (see {@link
+%% arbo_key:compare/3}): in a sorted list whose keys mix element types a
+%% find may answer `none' for an instance that is there; {@link
+%% children/2} and {@link fold/5} see every instance.
 -spec find(tree(), tree_node(), key()) -> tree_node() | none.
 find({arbo, Res, _, {arbo_gate, _, Owner, Word}} = T,
      #arbo_node{table = Res, stamp = S, addr = Addr} = P, Key) when Owner =:= self() ->

@@ -2,6 +2,7 @@
 %% would fail if the promise it names were false. Cases that could take the
 %% VM down run in a child VM.
 -module(arbo_hostile_api_tests).
+-include_lib("proper/include/proper.hrl").
 -include_lib("eunit/include/eunit.hrl").
 
 -define(RAISES(Pattern, Expr),
@@ -115,3 +116,216 @@ read_only_reads_and_owner_writes_test() ->
     ?assertEqual([none], leaf(Ro)),
     ok = arbo_tree:close(T),
     ?RAISES({arbo_closed, _}, arbo_tree:root(Ro)).
+
+%% ---- keys the API treats as different are never one for the library ---------
+
+%% From 128 instances a user-ordered list finds keys through a hash index
+%% that compares integers without their namespace and bytes without their
+%% form: one list holds one key form, and a clash is refused, at any size.
+one_form_per_user_list_test() ->
+    T = arbo_tree:new(),
+    R = arbo_tree:root(T),
+    Lists = [{Form, arbo_tree:add_list(T, R, Tag, user_order), Keys}
+             || {Tag, Form, Keys} <- [{1, int, [{int, N} || N <- lists:seq(1, 200)]},
+                                      {2, pair, [{pair, 7, N} || N <- lists:seq(1, 200)]},
+                                      {3, tuple, [{tuple, [{uint32, N}]} || N <- lists:seq(1, 200)]},
+                                      {4, opaque, [{opaque, <<N:16>>} || N <- lists:seq(1, 200)]}]],
+    [[arbo_tree:add(T, L, K) || K <- Keys] || {_, L, Keys} <- Lists],
+    %% keys the index would take for listed ones, of another form
+    Others = [{int, 5}, {pair, 7, 5}, {pair, 8, 5}, {tuple, []}, {opaque, <<>>}, {opaque, <<0, 5>>}],
+    Wrong = [{Form, K, Got} || {Form, L, _} <- Lists, K <- Others, form(K) =/= Form,
+                               Got <- [try arbo_tree:add(T, L, K) catch error:{key_form, K} -> refused end],
+                               Got =/= refused],
+    ?assertEqual([], Wrong),
+    %% every key finds its own instance and no other key finds one
+    Found = [{K, arbo_tree:key(T, arbo_tree:find(T, L, K))} || {_, L, Keys} <- Lists, K <- Keys],
+    ?assertEqual([], [F || {K, Got} = F <- Found, K =/= Got]),
+    ?assertEqual([], [{Form, K} || {Form, L, Keys} <- Lists, K <- Others, not lists:member(K, Keys),
+                                   arbo_tree:find(T, L, K) =/= none]),
+    %% a new key of the list's form is its own instance
+    [?assertEqual(K, arbo_tree:key(T, arbo_tree:add(T, L, K)))
+     || {Form, L, Keys} <- Lists, K <- Others ++ [{pair, 7, 500}], form(K) =:= Form, not lists:member(K, Keys)],
+    ok = arbo_tree:close(T).
+
+form({pair, Ns, _}) when Ns =/= 7 -> pair_other_namespace;
+form(K) -> element(1, K).
+
+%% Renames keep the key form (another form would free the value), move the
+%% epoch (the library may move the instance), and a delete afterwards acts
+%% on the renamed instance only: in an indexed list, under both builds.
+rename_then_delete_test() ->
+    T = arbo_tree:new(),
+    L0 = arbo_tree:add_list(T, arbo_tree:root(T), 1, user_order),
+    [ok = arbo_tree:set_value(T, arbo_tree:add(T, L0, {int, N}), {uint32, N}) || N <- lists:seq(1, 300)],
+    Epoch = fun() -> maps:get(epoch, arbo_tree:info(T)) end,
+    L = fun() -> arbo_tree:find(T, arbo_tree:root(T), 1) end,
+    I = arbo_tree:find(T, L(), {int, 7}),
+    ?assertError({key_form, {tuple, [{uint32, 7}]}}, arbo_tree:rename(T, I, {tuple, [{uint32, 7}]})),
+    ?assertError({key_form, {pair, 3, 7}}, arbo_tree:rename(T, I, {pair, 3, 7})),
+    E0 = Epoch(),
+    ?assertEqual(false, arbo_tree:rename(T, arbo_tree:find(T, L(), {int, 7}), {int, 8})),
+    ?assert(arbo_tree:rename(T, arbo_tree:find(T, L(), {int, 7}), {int, 1000})),
+    ?assert(Epoch() > E0),
+    ?assertError({stale_node, _}, arbo_tree:value(T, I)),
+    ?assertEqual({uint32, 7}, arbo_tree:value(T, arbo_tree:find(T, L(), {int, 1000}))),
+    ?assertEqual(none, arbo_tree:find(T, L(), {int, 7})),
+    ?assert(arbo_tree:delete(T, L(), {int, 1000})),
+    ?assertEqual(false, arbo_tree:delete(T, L(), {int, 7})),
+    ?assertEqual([{uint32, N} || N <- lists:seq(1, 300), N =/= 7],
+                 [arbo_tree:value(T, C) || C <- arbo_tree:children(T, L())]),
+    ok = arbo_tree:close(T).
+
+%% Encoded keys the library's order takes for one (a comparison that stops
+%% early) are refused as a clash, never handed out for each other. (The
+%% order is not total across element types, so a find may miss an instance
+%% that is there: only a wrong instance is a failure.)
+clashing_keys_test() ->
+    Prop = ?FORALL({Bins, Order}, {list(arbo_codec_tests:key_bytes()),
+                                   oneof([sorted, sorted_length_first, sorted_length_first_but_last, user_order])},
+        begin
+            T = arbo_tree:new(),
+            L = arbo_tree:add_list(T, arbo_tree:root(T), 1, Order),
+            Valid = lists:usort([B || B <- Bins, arbo_key:validate(B) =:= ok]),
+            Added = [B || B <- Valid, ok =:= try arbo_tree:add(T, L, {encoded, B}), ok
+                                               catch error:{key_clash, _} -> clash end],
+            Keys = [K || {tuple, _} = K0 <- [arbo_tree:key(T, C) || C <- arbo_tree:children(T, L)],
+                         K <- [arbo_key:encode(element(2, K0))]],
+            Finds = [{B, case arbo_tree:find(T, L, {encoded, B}) of
+                             none -> none;
+                             N -> arbo_key:encode(element(2, arbo_tree:key(T, N)))
+                         end} || B <- Valid],
+            ok = arbo_tree:close(T),
+            lists:sort(Keys) =:= Added andalso
+                lists:all(fun({B, F}) -> F =:= B orelse F =:= none end, Finds)
+        end),
+    ?assertEqual(true, proper:quickcheck(Prop, [{numtests, 300}, quiet]) orelse lists:flatten(io_lib:format("~w", [proper:counterexample()]))).
+
+%% ---- what the API builds, a file carries back --------------------------------
+
+%% Pair keys round-trip with namespaces 1..255; the others are refused.
+pair_namespaces_test() ->
+    T = arbo_tree:new(),
+    L = arbo_tree:add_list(T, arbo_tree:root(T), 1, sorted),
+    [?assertError({badarg, {key, K}}, arbo_tree:add(T, L, K)) || K <- [{pair, 0, 1}, {pair, 256, 1}, {pair, -1, 1}]],
+    [ok = arbo_tree:set_value(T, arbo_tree:add(T, L, {pair, Ns, N}), <<Ns, N:32/signed>>)
+     || Ns <- [1, 2, 128, 255], N <- [-16#80000000, -1, 0, 16#7fffffff]],
+    ?assertEqual(dump(T), dump(round_trip(T))),
+    ok = arbo_tree:close(T).
+
+round_trip(T) ->
+    F = scratch_file("rt"),
+    ok = arbo_tree:save(T, F),
+    T2 = arbo_tree:new(),
+    {ok, _} = arbo_tree:load(T2, F),
+    ok = file:delete(F),
+    T2.
+
+scratch_file(Name) -> filename:join("/tmp", "arbo_hostile_api_" ++ os:getpid() ++ "_" ++ Name).
+
+%% Random trees built through the API (every key form, values, flags,
+%% attributes, inactive marks, moves) save and load back equal.
+random_round_trip_test() ->
+    Prop = ?FORALL(Ops, list(build_op()),
+        begin
+            T = arbo_tree:new(),
+            [build(T, Op) || Op <- Ops],
+            T2 = round_trip(T),
+            Same = dump(T) =:= dump(T2),
+            ok = arbo_tree:close(T),
+            ok = arbo_tree:close(T2),
+            Same
+        end),
+    ?assert(proper:quickcheck(Prop, [{numtests, 150}, quiet])).
+
+build_op() ->
+    oneof([{list, range(1, 3), oneof([sorted, user_order, sorted_length_first])},
+           {inst, range(1, 3), oneof([{int, integer()}, {pair, range(1, 255), integer(-3, 3)},
+                                      {tuple, [{uint32, range(0, 5)}]}, {opaque, binary(2)}])},
+           {leaf, range(1, 3), oneof([range(0, 4), {range(1, 3), range(0, 4)}])},
+           {value, range(1, 3), oneof([binary(), {uint32, range(0, 100)}, {string, binary(3)}])},
+           {flags, range(1, 3), oneof([range(0, 16#3fffff), range(16#400000, 16#400003)])},
+           {attr, range(1, 3), range(1, 3), {bool, boolean()}},
+           {inactive, range(1, 3)},
+           {move, range(1, 3), integer(-1, 4)}]).
+
+%% Ops address the lists at the root by tag and their first instance.
+build(T, {list, Tag, Order}) -> catch arbo_tree:add_list(T, arbo_tree:root(T), Tag, Order);
+build(T, {inst, Tag, K}) -> on_list(T, Tag, fun(L) -> catch arbo_tree:add(T, L, K) end);
+build(T, {leaf, Tag, Name}) -> on_first(T, Tag, fun(I) -> catch arbo_tree:add_leaf(T, I, Name) end);
+build(T, {value, Tag, V}) -> on_first(T, Tag, fun(I) -> catch arbo_tree:set_value(T, I, V) end);
+build(T, {flags, Tag, F}) -> on_first(T, Tag, fun(I) -> arbo_tree:set_flags(T, I, F) end);
+build(T, {attr, Tag, Id, V}) -> on_first(T, Tag, fun(I) -> arbo_tree:set_attr(T, I, Id, V) end);
+build(T, {inactive, Tag}) -> on_first(T, Tag, fun(I) -> arbo_tree:set_active(T, I, false) end);
+build(T, {move, Tag, Pos}) ->
+    on_list(T, Tag, fun(L) -> case arbo_tree:type(T, L) of
+                                  {list, user_order} -> [arbo_tree:move_to(T, I, Pos) || I <- [arbo_tree:last_child(T, L)], I =/= none];
+                                  _ -> ok
+                              end end).
+
+on_list(T, Tag, F) ->
+    case arbo_tree:find(T, arbo_tree:root(T), Tag) of
+        none -> ok;
+        L -> F(L)
+    end.
+on_first(T, Tag, F) -> on_list(T, Tag, fun(L) -> [F(I) || I <- [arbo_tree:first_child(T, L)], I =/= none] end).
+
+%% A load that stops before the end of the file is an error naming the
+%% record it stopped at (the records before it stay applied), never `ok'.
+stopped_load_test() ->
+    M = <<16#EE, 16#DA, 0, 1>>,
+    Leaf = <<6, 1:32, 13, 1, "v", 7>>,
+    Cases = [{above_root, [M, Leaf, 7, Leaf], 13},
+             {above_root, [M, Leaf, 8, 2, Leaf], 13},
+             {value_at_root, [M, Leaf, 13, 1, "x", Leaf], 13},
+             {value_at_root, [M, 9, arbo_val:encode({uint32, 1}), Leaf], 4},
+             {child_refused, [M, <<20, 2:32, 0>>, <<6, 1:32>>, 7, Leaf], 10},
+             {list_mode, [M, <<20, 2:32, 9>>, Leaf], 4},
+             {list_key_form, [M, <<(20 + 64), 2:32, 0>>, Leaf], 4},
+             {namespace_key_form, [M, <<(12 + 64), 2:32>>, Leaf], 4},
+             {move_target_missing, [M, <<20, 2:32, 3>>, <<(19 + 64), 5:32, 0:32>>, 7, Leaf], 10}],
+    Wrong = [{Why, Got} || {Why, Parts, At} <- Cases,
+                           Got <- [load_bin(iolist_to_binary(Parts))],
+                           Got =/= {error, {stopped_at, At, Why}}],
+    ?assertEqual([], Wrong).
+
+load_bin(Bin) ->
+    F = scratch_file("stop"),
+    ok = file:write_file(F, Bin),
+    T = arbo_tree:new(),
+    try arbo_tree:load(T, F) after arbo_tree:close(T), file:delete(F) end.
+
+%% Loads stopped by a truncation mark or a checkpoint answer what the
+%% library answers for the file itself, in the file's own positions.
+truncation_positions_test() ->
+    M = <<16#EE, 16#DA, 0, 1>>,
+    Leaf = fun(N) -> <<6, N:32, 13, 1, "v", 7>> end,
+    Files = [[M, 2, Leaf(1), 3, 2, Leaf(2), 4, Leaf(3), 1, Leaf(4)],
+             [M, 2, Leaf(1), 4, Leaf(2), 2, Leaf(3), 4, Leaf(4), 3],
+             [M, Leaf(1), 1, Leaf(2)],
+             [M, 2, 2, Leaf(1), 4, 4]],
+    Ckpts = [-1, -2, 0, 12, 13, 14, 25, 26, 27],
+    Wrong = [{Bin, C, Safe, Raw} || Parts <- Files, Bin <- [iolist_to_binary(Parts)], C <- Ckpts,
+                                   {Safe, Raw} <- [{safe_load(Bin, C), raw_load(Bin, C)}], Safe =/= Raw],
+    ?assertEqual([], Wrong).
+
+safe_load(Bin, C) ->
+    F = scratch_file("ckpt"),
+    ok = file:write_file(F, Bin),
+    T = arbo_tree:new(),
+    try
+        {ok, I} = arbo_tree:load(T, F, [{checkpoint, C}]),
+        {maps:without([captured, file_size], I), dump(T)}
+    after arbo_tree:close(T), file:delete(F)
+    end.
+
+raw_load(Bin, C) ->
+    F = scratch_file("ckpt_raw"),
+    ok = file:write_file(F, Bin),
+    H = arbo_tree:new(),
+    try
+        {true, {Trans, _, Size, _, _, Ckpt, _, Where}} =
+            arbo_tree:exclusive(H, fun(Raw, _) -> {arbo:load_nif(Raw, <<(list_to_binary(F))/binary, 0>>, C, 0, undefined), true} end),
+        {#{nodes => Size, transactions => Trans, checkpoint => Ckpt,
+           truncated_at => case Where of undefined -> undefined; {checkpoint, N} -> N - 1 end}, dump(H)}
+    after arbo_tree:close(H), file:delete(F)
+    end.

@@ -49,7 +49,7 @@ figures(Scale) ->
                                      [length(Kills), length(Mid), [D || {_, _, D} <- Kills]])},
      {"save of the killed tree", Save},
      {"previous file intact", f("~b/~b", [length([x || true <- Mid]), length(Mid)])},
-     {"lost", "0"}].
+     {"lost", f("~b of ~b killed saves left the target neither old nor new", [length([x || {_, false, _} <- Kills]), length(Kills)])}].
 
 f(Fmt, Args) -> lists:flatten(io_lib:format(Fmt, Args)).
 counts(Tag, H) -> string:join([f("~p ~b", [K, V]) || {{T, K}, V} <- lists:sort(maps:to_list(H)), T == Tag], ", ").
