@@ -21,8 +21,10 @@
 %% Functions hand out {@link tree_node()} references: opaque terms that carry the
 %% tree's identity, the node's address, its parent's address and the epoch
 %% of the tree at the moment they were made. The epoch moves on every change
-%% that can free nodes (deletions, {@link clear/1}, {@link load/3}, {@link
-%% close/1}); moves, renames and additions do not free nodes and leave it.
+%% that can free nodes (deletions that delete something, {@link clear/1},
+%% {@link load/3}, {@link rename/3} of an instance, {@link close/1}); moves,
+%% namespace renames ({@link rename_ns/3}), additions and changes of values,
+%% flags and attributes do not free nodes and leave it.
 %% A reference of another tree raises `error({wrong_table, Ref})', one made
 %% before the epoch moved raises `error({stale_node, Ref})': find the node
 %% again. The check and the native call form one step: a reader/writer gate
@@ -119,6 +121,8 @@
 -define(I32(X), (is_integer(X) andalso X >= -16#80000000 andalso X =< 16#7fffffff)).
 -define(U64(X), (is_integer(X) andalso X >= 0 andalso X =< 16#ffffffffffffffff)).
 -define(HIDE_INACTIVE, 16#100).
+%% A native exception: {Reason, SourceFile, Line}, turned into {Reason, Tree}.
+-define(NATIVE_ERROR(R), error:{R, F__, L__} when is_atom(R), is_list(F__), is_integer(L__)).
 -define(INLINE_FLAGS, 16#3fffff).
 -define(WIDE_FLAGS_LIMIT, 30000).
 
@@ -130,7 +134,9 @@
 new() -> new([]).
 
 %% @doc Create a tree owned by the calling process. Option `hide_inactive'
-%% hides inactive instances from counting and stepping.
+%% hides inactive instances from finding, counting and stepping (see {@link
+%% set_active/3}). Options that are not a list raise `error({badarg,
+%% {options, Opts}})', an unknown one `error({badarg, {option, O}})'.
 -spec new([hide_inactive]) -> tree().
 new(Opts) when is_list(Opts) ->
     View = lists:foldl(fun(hide_inactive, V) -> V bor ?HIDE_INACTIVE;
@@ -204,13 +210,18 @@ reading({arbo, Res, View, {arbo_gate, _, _, _}} = T, Fun) when is_function(Fun, 
 reading(T, Fun) -> error({badarg, {T, Fun}}).
 
 %% @doc Close the tree and free its nodes; every later call on it raises
-%% `error({arbo_closed, Tree})'. Closing a closed tree is `ok'.
+%% `error({arbo_closed, Tree})', whoever makes it. Closing a closed tree is
+%% `ok', from any process. A tree whose keeper process was killed is closed
+%% by the first call that needs the keeper.
 -spec close(tree()) -> ok.
 close(T) ->
     {_, Keeper} = gate(T),
-    not_inside(T),
-    try arbo_gate:close(Keeper)
-    catch exit:_ -> ok
+    try
+        not_inside(T),
+        arbo_gate:close(Keeper)
+    catch
+        exit:_ -> try keeper_gone(T) catch error:{arbo_closed, _} -> ok end;
+        error:{arbo_closed, _} -> ok
     end.
 
 %% @doc Node count (the root not counted), bytes held, and the epoch.
@@ -304,6 +315,7 @@ find({arbo, Res, _, {arbo_gate, _, Owner, Word}} = T,
     case atomics:add_get(Word, 1, 1) bsr ?ARBO_SHIFT of
         S ->
             R = try exact(T, arbo:find_child(T, Addr, K, Code), K, Code)
+                catch ?NATIVE_ERROR(E) -> error({E, T})
                 after atomics:sub(Word, 1, 1)
                 end,
             case R of
@@ -320,7 +332,7 @@ find({arbo, Res, _, {arbo_reading, _, S, Tok}} = T,
      #arbo_node{table = Res, stamp = S, addr = Addr}, Key) ->
     {K, Code} = find_arg(Key),
     inside(T, Tok),
-    case exact(T, arbo:find_child(T, Addr, K, Code), K, Code) of
+    case native(T, fun() -> exact(T, arbo:find_child(T, Addr, K, Code), K, Code) end) of
         0 -> none;
         R -> #arbo_node{table = Res, stamp = S, addr = R, parent = Addr}
     end;
@@ -508,7 +520,10 @@ next_sibling({arbo, Res, _, {arbo_gate, _, Owner, Word}} = T,
   when Owner =:= self() ->
     case atomics:add_get(Word, 1, 1) bsr ?ARBO_SHIFT of
         S ->
-            R = try arbo:next_sibling_nif(T, Addr, [], 0) after atomics:sub(Word, 1, 1) end,
+            R = try arbo:next_sibling_nif(T, Addr, [], 0)
+                catch ?NATIVE_ERROR(E) -> error({E, T})
+                after atomics:sub(Word, 1, 1)
+                end,
             case R of
                 0 -> none;
                 _ -> #arbo_node{table = Res, stamp = S, addr = R, parent = Parent}
@@ -521,7 +536,7 @@ next_sibling({arbo, Res, _, {arbo_gate, _, Owner, Word}} = T,
 next_sibling({arbo, Res, _, {arbo_reading, _, S, Tok}} = T,
              #arbo_node{table = Res, stamp = S, addr = Addr, parent = Parent}) ->
     inside(T, Tok),
-    case arbo:next_sibling_nif(T, Addr, [], 0) of
+    case native(T, fun() -> arbo:next_sibling_nif(T, Addr, [], 0) end) of
         0 -> none;
         R -> #arbo_node{table = Res, stamp = S, addr = R, parent = Parent}
     end;
@@ -531,7 +546,7 @@ next_sibling(T, N) ->
         mk(T, S, arbo:next_sibling_nif(T, Addr, [], 0), Parent)
     end).
 
-%% @doc The last child, or `none'. Inactive children are not skipped.
+%% @doc The last child, or `none'.
 -spec last_child(tree(), tree_node()) -> tree_node() | none.
 last_child(T, N) ->
     read(T, [N], fun(S) ->
@@ -541,11 +556,20 @@ last_child(T, N) ->
             {2, Mode} when Mode =/= 3 ->
                 case arbo:num_children(plain_view(T), Addr) of
                     0 -> none;
-                    _ -> mk(T, S, arbo:last_child(T, Addr), Addr)
+                    _ -> mk(T, S, skip_back(T, Addr, arbo:last_child(T, Addr)), Addr)
                 end;
-            _ -> mk(T, S, arbo:last_child(T, Addr), Addr)
+            _ -> mk(T, S, skip_back(T, Addr, arbo:last_child(T, Addr)), Addr)
         end
     end).
+
+%% The library steps back over inactive instances for no view: this layer
+%% does, for a tree that hides them.
+skip_back(T, Parent, A) ->
+    case A =/= 0 andalso element(3, T) band ?HIDE_INACTIVE =/= 0
+         andalso arbo:do_get_attr(T, A, 0) =/= [] of
+        true -> skip_back(T, Parent, arbo:prev_sibling(T, Parent, A));
+        false -> A
+    end.
 
 %% @doc The previous sibling, or `none' (also for the root).
 -spec prev_sibling(tree(), tree_node()) -> tree_node() | none.
@@ -553,7 +577,7 @@ prev_sibling(T, N) ->
     read(T, [N], fun(S) ->
         case N#arbo_node.parent of
             0 -> none;
-            P -> mk(T, S, arbo:prev_sibling(T, P, N#arbo_node.addr), P)
+            P -> mk(T, S, skip_back(T, P, arbo:prev_sibling(T, P, N#arbo_node.addr)), P)
         end
     end).
 
@@ -567,7 +591,8 @@ nth_child(T, N, I) ->
     end).
 
 %% @doc The position of a node among its siblings, counting from 1 (the
-%% root: 0).
+%% root: 0); inactive instances are counted too, also in a tree that hides
+%% them.
 -spec child_index(tree(), tree_node()) -> non_neg_integer().
 child_index(T, N) ->
     read(T, [N], fun(_) ->
@@ -643,7 +668,11 @@ value(T, N) ->
 value_raw({arbo, Res, _, {arbo_gate, _, Owner, Word}} = T,
           #arbo_node{table = Res, stamp = S, addr = Addr} = N) when Owner =:= self() ->
     case atomics:add_get(Word, 1, 1) bsr ?ARBO_SHIFT of
-        S -> try arbo:get_val_raw(T, Addr) after atomics:sub(Word, 1, 1) end;
+        S ->
+            try arbo:get_val_raw(T, Addr)
+            catch ?NATIVE_ERROR(E) -> error({E, T})
+            after atomics:sub(Word, 1, 1)
+            end;
         _ ->
             atomics:sub(Word, 1, 1),
             read(T, [N], fun(_) -> arbo:get_val_raw(T, Addr) end)
@@ -651,7 +680,7 @@ value_raw({arbo, Res, _, {arbo_gate, _, Owner, Word}} = T,
 value_raw({arbo, Res, _, {arbo_reading, _, S, Tok}} = T,
           #arbo_node{table = Res, stamp = S, addr = Addr}) ->
     inside(T, Tok),
-    arbo:get_val_raw(T, Addr);
+    native(T, fun() -> arbo:get_val_raw(T, Addr) end);
 value_raw(T, N) ->
     read(T, [N], fun(_) -> arbo:get_val_raw(T, N#arbo_node.addr) end).
 
@@ -752,8 +781,12 @@ attr_id(Id) -> (?U32(Id) andalso Id > 0) orelse error({badarg, {attribute, Id}})
 
 %% @doc Mark a list instance active (`true') or inactive (`false'). A tree
 %% made with the `hide_inactive' option leaves inactive instances out of
-%% counting and stepping (`last_child/2' excepted); the mark is the
-%% library's attribute 0, kept in save files. Raises `{wrong_node_type,
+%% finding, counting and stepping: {@link find/3}, {@link lookup/2},
+%% {@link first_child/2}, {@link last_child/2}, {@link next_sibling/2},
+%% {@link prev_sibling/2}, {@link nth_child/3}, {@link num_children/2},
+%% {@link children/2}, {@link fold/5} and {@link select/4} ({@link
+%% child_index/2} counts every instance). The mark is the library's
+%% attribute 0, kept in save files. Raises `{wrong_node_type,
 %% Node}' for a node that is not a list instance.
 -spec set_active(tree(), tree_node(), boolean()) -> ok.
 set_active(T, N, Active) when is_boolean(Active) ->
@@ -983,15 +1016,23 @@ exclusive(T, Fun) ->
     {_, Keeper} = gate(T),
     not_inside(T),
     Reply = try arbo_gate:exclusive(Keeper, Fun)
-            catch exit:_ -> closed
+            catch exit:_ -> keeper_gone(T)
             end,
     case Reply of
         {ok, R} -> R;
         {raise, error, {R, File, Line}, _} when is_list(File), is_integer(Line) ->
             error({R, T});
-        {raise, C, R, Stack} -> erlang:raise(C, R, Stack);
-        closed -> error({arbo_closed, T})
+        {raise, C, R, Stack} -> erlang:raise(C, R, Stack)
     end.
+
+%% The keeper stopped (the tree was closed) or was killed: then no one is
+%% left to run writers, and the tree is closed where it stands. The
+%% library's lock keeps every native call out while it closes, and every
+%% later one answers arbo_closed, so a reader between its check and its
+%% call meets a closed tree, never freed memory.
+keeper_gone(T) ->
+    _ = (catch arbo:close(plain_view(T))),
+    error({arbo_closed, T}).
 
 gate({arbo, Res, _, {arbo_gate, Keeper, Owner, _}}) when is_pid(Keeper), is_pid(Owner) ->
     {Res, Keeper};
@@ -1040,7 +1081,7 @@ word({arbo, Res, _, {arbo_gate, Keeper, _, _}} = T) ->
                     K0 -> K0
                 end,
             W = try arbo_gate:register_reader(K, self())
-                catch exit:_ -> error({arbo_closed, T})
+                catch exit:_ -> keeper_gone(T)
                 end,
             put({'$arbo_reader', Res}, W),
             W;

@@ -329,3 +329,159 @@ raw_load(Bin, C) ->
            truncated_at => case Where of undefined -> undefined; {checkpoint, N} -> N - 1 end}, dump(H)}
     after arbo_tree:close(H), file:delete(F)
     end.
+
+%% ---- documented answers --------------------------------------------------------
+
+%% A tree made with hide_inactive leaves inactive instances out of every
+%% finding, stepping and counting function; child_index counts them.
+hide_inactive_test() ->
+    T = arbo_tree:new([hide_inactive]),
+    Wrong = [{Order, Name, Got, Want}
+             || Order <- [user_order, sorted],
+                {L, [_, I2, _, I4, I5]} <- [inactive_list(T, Order)],
+                {Name, Got, Want} <- [{find, arbo_tree:find(T, L, {int, 1}), none},
+                                      {lookup, arbo_tree:lookup(T, [tag(Order), {int, 3}]), none},
+                                      {first_child, arbo_tree:first_child(T, L), I2},
+                                      {last_child, arbo_tree:last_child(T, L), I4},
+                                      {next_sibling, arbo_tree:next_sibling(T, I2), I4},
+                                      {prev_sibling, arbo_tree:prev_sibling(T, I4), I2},
+                                      {prev_sibling_first, arbo_tree:prev_sibling(T, I2), none},
+                                      {nth_child, arbo_tree:nth_child(T, L, 2), I4},
+                                      {nth_child_past, arbo_tree:nth_child(T, L, 3), none},
+                                      {num_children, arbo_tree:num_children(T, L), 2},
+                                      {children, arbo_tree:children(T, L), [I2, I4]},
+                                      {select, arbo_tree:select(T, L, all), [I2, I4]},
+                                      {fold, arbo_tree:fold(T, L, all, fun(C, A) -> [C | A] end, []), [I4, I2]},
+                                      {child_index, [arbo_tree:child_index(T, I) || I <- [I2, I4, I5]], [2, 4, 5]}],
+                not same(Got, Want)],
+    ?assertEqual([], Wrong),
+    ok = arbo_tree:close(T).
+
+%% Instances 1..5 under the root's list tagged by its order; 1, 3 and 5
+%% inactive.
+inactive_list(T, Order) ->
+    L = arbo_tree:add_list(T, arbo_tree:root(T), tag(Order), Order),
+    Is = [arbo_tree:add(T, L, {int, N}) || N <- lists:seq(1, 5)],
+    [ok = arbo_tree:set_active(T, I, false) || {N, I} <- lists:zip(lists:seq(1, 5), Is), N rem 2 =:= 1],
+    {L, Is}.
+
+tag(user_order) -> 1;
+tag(sorted) -> 2.
+
+same(A, B) when is_list(A), is_list(B) -> length(A) =:= length(B) andalso lists:all(fun({X, Y}) -> same(X, Y) end, lists:zip(A, B));
+same(none, none) -> true;
+same(A, B) when is_integer(A) -> A =:= B;
+same(A, B) when is_tuple(A), is_tuple(B) -> arbo_tree:is_same(A, B);
+same(_, _) -> false.
+
+%% Which calls move the epoch, as the module documentation says.
+epoch_moves_test() ->
+    T = arbo_tree:new(),
+    R = fun() -> arbo_tree:root(T) end,
+    F = scratch_file("epoch"),
+    Calls = [{add_leaf, false, fun() -> arbo_tree:add_leaf(T, R(), {3, 3}) end},
+             {add_list, false, fun() -> arbo_tree:add_list(T, R(), 1, user_order) end},
+             {add, false, fun() -> [arbo_tree:add(T, arbo_tree:find(T, R(), 1), {int, N}) || N <- [1, 2]] end},
+             {set_value, false, fun() -> arbo_tree:set_value(T, arbo_tree:find(T, R(), {3, 3}), <<"v">>) end},
+             {set_flags, false, fun() -> arbo_tree:set_flags(T, R(), 7) end},
+             {set_attr, false, fun() -> arbo_tree:set_attr(T, R(), 1, {bool, true}) end},
+             {move_to, false, fun() -> arbo_tree:move_to(T, arbo_tree:lookup(T, [1, {int, 2}]), 0) end},
+             {rename_ns, false, fun() -> arbo_tree:rename_ns(T, arbo_tree:find(T, R(), {3, 3}), 4) end},
+             {delete_nothing, false, fun() -> arbo_tree:delete(T, R(), 99) end},
+             {save, false, fun() -> arbo_tree:save(T, F) end},
+             {rename, true, fun() -> arbo_tree:rename(T, arbo_tree:lookup(T, [1, {int, 2}]), {int, 3}) end},
+             {delete, true, fun() -> arbo_tree:delete(T, arbo_tree:lookup(T, [1, {int, 3}])) end},
+             {delete_key, true, fun() -> arbo_tree:delete(T, R(), {4, 3}) end},
+             {load, true, fun() -> arbo_tree:load(T, F) end},
+             {delete_ns, true, fun() -> arbo_tree:delete_ns(T, R(), 4) end},
+             {clear, true, fun() -> arbo_tree:clear(T) end}],
+    Epoch = fun() -> maps:get(epoch, arbo_tree:info(T)) end,
+    Wrong = [{Name, Moves} || {Name, Moves, Call} <- Calls,
+                              E0 <- [Epoch()], _ <- [Call()], (Epoch() =/= E0) =/= Moves],
+    file:delete(F),
+    ?assertEqual([], Wrong),
+    ok = arbo_tree:close(T).
+
+%% After close/1 returns, every call raises arbo_closed, whoever makes it
+%% and through whichever handle; closing again is ok from anywhere.
+closed_for_everyone_test() ->
+    T = arbo_tree:new(),
+    N = arbo_tree:add_leaf(T, arbo_tree:root(T), 1),
+    Self = self(),
+    Reader = spawn(fun() -> A = arbo_tree:attach(T), _ = arbo_tree:value(A, N), Self ! ready,
+                            receive go -> Self ! {self(), calls(A, N)} end end),
+    Known = spawn(fun() -> _ = arbo_tree:value(T, N), Self ! ready,
+                           receive go -> Self ! {self(), calls(T, N)} end end),
+    [receive ready -> ok end || _ <- [1, 2]],
+    ok = arbo_tree:close(T),
+    Fresh = spawn(fun() -> Self ! {self(), calls(T, N)} end),
+    [P ! go || P <- [Reader, Known]],
+    Answers = [calls(T, N), calls(arbo_tree:read_only(T), N)
+               | [receive {P, A} -> A after 5000 -> timeout end || P <- [Reader, Known, Fresh]]],
+    ?assertEqual([], [A || As <- Answers, A <- As, A =/= closed]),
+    ?assertEqual(ok, arbo_tree:close(T)).
+
+calls(T, N) ->
+    Ro = case T of {_, _, _, {_, {read_only, _}, _, _}} -> true; _ -> false end,
+    [try F(), returned
+     catch error:{arbo_closed, _} -> closed;
+           error:{read_only, _} when Ro -> closed;
+           C:E -> {C, E}
+     end
+     || F <- [fun() -> arbo_tree:root(T) end, fun() -> arbo_tree:value(T, N) end,
+              fun() -> arbo_tree:find(T, N, 1) end, fun() -> arbo_tree:info(T) end,
+              fun() -> arbo_tree:set_value(T, N, <<"x">>) end, fun() -> arbo_tree:delete(T, N) end,
+              fun() -> arbo_tree:clear(T) end, fun() -> arbo_tree:children(T, N) end,
+              fun() -> arbo_tree:save(T, scratch_file("closed")) end,
+              fun() -> arbo_tree:reading(T, fun(Rd) -> arbo_tree:root(Rd) end) end]]
+        ++ [case arbo_tree:close(T) of ok -> closed; X -> X end || not Ro].
+
+%% A keeper killed: the tree is closed by the first call that needs it;
+%% nothing hangs.
+killed_keeper_test() ->
+    T = arbo_tree:new(),
+    N = arbo_tree:add_leaf(T, arbo_tree:root(T), 1),
+    {arbo, _, _, {arbo_gate, Keeper, _, _}} = T,
+    MRef = erlang:monitor(process, Keeper),
+    exit(Keeper, kill),
+    receive {'DOWN', MRef, _, _, _} -> ok end,
+    ?assertError({arbo_closed, _}, arbo_tree:delete(T, N)),
+    ?assertEqual([], [A || A <- calls(T, N), A =/= closed]).
+
+%% Options that are not a list, and unknown or misspelled ones, are badarg.
+options_test() ->
+    T = arbo_tree:new(),
+    F = scratch_file("opts"),
+    ok = arbo_tree:save(T, F),
+    Cases = [{options, fun() -> arbo_tree:new(hide_inactive) end},
+             {option, fun() -> arbo_tree:new([hide_inactiv]) end},
+             {options, fun() -> arbo_tree:save(T, F, skip_flags) end},
+             {option, fun() -> arbo_tree:save(T, F, [{skipflags, 1}]) end},
+             {option, fun() -> arbo_tree:save(T, F, [skip_flags]) end},
+             {options, fun() -> arbo_tree:load(T, F, #{checkpoint => 1}) end},
+             {option, fun() -> arbo_tree:load(T, F, [{progres, self()}]) end},
+             {option, fun() -> arbo_tree:load(T, F, [capture]) end},
+             {options, fun() -> arbo_file:load(T, F, {capture, true}) end}],
+    Wrong = [{What, Got} || {What, Call} <- Cases,
+                            Got <- [try Call() catch error:{badarg, {W, _}} -> W end], Got =/= What],
+    file:delete(F),
+    ?assertEqual([], Wrong),
+    ok = arbo_tree:close(T).
+
+%% ---- files that are not files ----------------------------------------------------
+
+%% A FIFO (whose open would block), a device (which never ends), a file that
+%% says it is empty and is not: prompt errors, nothing loaded.
+not_files_test() ->
+    Fifo = scratch_file("fifo"),
+    file:delete(Fifo),
+    "" = os:cmd("mkfifo " ++ Fifo),
+    T = arbo_tree:new(),
+    Cases = [{Fifo, not_regular}, {"/dev/zero", not_regular}, {"/dev/null", not_regular}, {"/tmp", not_regular},
+             {"/proc/self/status", changed}],
+    Answers = [{P, timer:tc(fun() -> {arbo_file:verify(P), arbo_tree:load(T, P)} end)} || {P, _} <- Cases],
+    file:delete(Fifo),
+    ?assertEqual([], [{P, A} || {{P, Why}, {P, {Us, A}}} <- lists:zip(Cases, Answers),
+                                A =/= {{error, {Why, 0}}, {error, {Why, 0}}} orelse Us > 1000000]),
+    ?assertEqual(0, maps:get(size, arbo_tree:info(T))),
+    ok = arbo_tree:close(T).
