@@ -230,12 +230,15 @@ save(Tree, Path, Opts) ->
                     {error, not_regular};
                 _ ->
                     Tmp = temp_name(Target),
-                    %% A caller killed inside the library's save leaves the
-                    %% temporary file to the helper, which removes it.
-                    Aide = aide(Tmp, false),
-                    try finish(write_synced(Tree, Tmp, Mask), Tmp, Target)
-                    after stop_aide(Aide)
-                    end
+                    %% A helper runs the library's save: a caller killed
+                    %% meanwhile leaves it to remove the temporary file.
+                    aided(fun(Caller) ->
+                              R = write_synced(Tree, Tmp, Mask),
+                              case is_process_alive(Caller) of
+                                  true -> finish(R, Tmp, Target);
+                                  false -> file:delete(Tmp)
+                              end
+                          end)
             end;
         error -> {error, badarg}
     end.
@@ -368,22 +371,26 @@ load_copy(Tree, Bin, Checkpoint, Capture, Progress) ->
 %% The copy holds a marker record (a transaction start, which changes
 %% nothing but the count of transactions) before every record the loader
 %% may stop at, and one at the end: the count the loader answers says how
-%% many records it reached. The copy and the progress forwarding belong to
-%% a helper that outlives a killed caller and removes the copy.
+%% many records it reached. A helper writes the copy, has the keeper load
+%% it and removes it, so a caller killed at any moment leaves nothing.
 load_copy(Tree, Bin, Copy, Checkpoint, Capture, {Progress, Shown}) ->
-    Aide = aide(Copy, Progress =/= undefined andalso {Progress, Shown}),
-    try
-        case write_marked(Copy, Bin, Checkpoint) of
-            {ok, Marks} ->
-                case arbo_tree:wide_flags_room(map_size(Marks#marks.wide)) of
-                    true -> load_verified(Tree, Bin, Copy, Marks, Capture, aide_pid(Aide, Progress));
-                    false -> {error, flags_table_full}
-                end;
-            {error, _} = E -> E
+    arbo_tree:check_writer(Tree),
+    aided(fun(_Caller) ->
+        Forwarder = forwarder(Progress, Shown),
+        try
+            case write_marked(Copy, Bin, Checkpoint) of
+                {ok, Marks} ->
+                    case arbo_tree:wide_flags_room(map_size(Marks#marks.wide)) of
+                        true -> load_verified(Tree, Bin, Copy, Marks, Capture, forwarder_pid(Forwarder));
+                        false -> {error, flags_table_full}
+                    end;
+                {error, _} = E -> E
+            end
+        after
+            _ = file:delete(Copy),
+            stop_forwarder(Forwarder)
         end
-    after
-        stop_aide(Aide)
-    end.
+    end).
 
 load_verified(Tree, Bin, Native, Marks, Capture, Forward) ->
     #marks{count = Count, trans = Trans0, checkpoint = Ckpt0} = Marks,
@@ -522,42 +529,56 @@ original(Bin, P) ->
     Found.
 
 %% ---------------------------------------------------------------------------
-%% The helper of a save or a load
+%% Helpers of a save or a load
 
-%% It forwards the library's progress messages (sent from inside a load,
-%% while the caller is blocked in it), and removes the temporary file when
-%% told to stop or when the caller dies, whichever comes first.
-aide(File, Progress) ->
+%% Fun(Caller) in a helper process, which outlives a killed caller and
+%% cleans up after it; its answer (or exception) is the caller's.
+aided(Fun) ->
     Caller = self(),
+    {Pid, MRef} = spawn_monitor(fun() ->
+        exit({done, try {ok, Fun(Caller)} catch C:R:S -> {raise, C, R, S} end})
+    end),
+    receive
+        {'DOWN', MRef, process, Pid, {done, {ok, Reply}}} -> Reply;
+        {'DOWN', MRef, process, Pid, {done, {raise, C, R, S}}} -> erlang:raise(C, R, S);
+        {'DOWN', MRef, process, Pid, Reason} -> error({helper_exit, Reason})
+    end.
+
+%% Progress goes through a forwarder: the library sends its messages from
+%% inside the load, while the helper is blocked in it. It ends with the
+%% helper that started it.
+forwarder(undefined, _) -> undefined;
+forwarder(To, Shown) ->
+    Helper = self(),
     spawn_monitor(fun() ->
-        MRef = erlang:monitor(process, Caller),
-        aide_loop(Caller, MRef, File, Progress)
+        MRef = erlang:monitor(process, Helper),
+        forward(To, Shown, MRef)
     end).
 
-aide_pid({Pid, _}, Progress) when Progress =/= undefined -> Pid;
-aide_pid(_, _) -> undefined.
+forwarder_pid(undefined) -> undefined;
+forwarder_pid({Pid, _}) -> Pid.
 
 %% The library names the private copy it reads: the messages name the file
 %% the caller gave.
-aide_loop(Caller, MRef, File, Progress) ->
+forward(To, Shown, MRef) ->
     receive
-        {msg, Tuple} when tuple_size(Tuple) =:= 7, Progress =/= false ->
-            {To, Shown} = Progress,
+        {msg, Tuple} when tuple_size(Tuple) =:= 7 ->
             Msg = setelement(3, Tuple, Shown),
             _ = if is_pid(To) -> To ! {msg, Msg};
                    true -> catch To(progress_map(Msg))
                 end,
-            aide_loop(Caller, MRef, File, Progress);
-        {'DOWN', MRef, process, Caller, _} -> _ = file:delete(File);
-        stop -> _ = file:delete(File)
+            forward(To, Shown, MRef);
+        {'DOWN', MRef, _, _, _} -> ok;
+        stop -> ok
     end.
 
 progress_map({Count, Consumed, Path, FileSize, Trans, ElapsedMs, _Now}) ->
     #{count => Count, consumed => Consumed, path => Path, file_size => FileSize,
       transactions => Trans, elapsed_ms => ElapsedMs}.
 
-%% Everything the load sent is in the helper's mailbox before `stop'.
-stop_aide({Pid, MRef}) ->
+%% Everything the load sent is in the forwarder's mailbox before `stop'.
+stop_forwarder(undefined) -> ok;
+stop_forwarder({Pid, MRef}) ->
     Pid ! stop,
     receive {'DOWN', MRef, process, Pid, _} -> ok end.
 

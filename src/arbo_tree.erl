@@ -11,7 +11,8 @@
 %% children: carry a value, may have children). Children of containers,
 %% leaves, instances and the root are named by a {@link name()}: a tag
 %% `0..2^32-1', or `{Ns, Tag}' with a namespace. Instances are named by an
-%% {@link instance_key()}: `{int, N}' (a 32-bit integer), `{pair, Ns, N}',
+%% {@link instance_key()}: `{int, N}' (a 32-bit integer), `{pair, Ns, N}'
+%% (Ns 1..255 but 12: the namespaces a save file carries back),
 %% `{tuple, Elements}' (an encoded tuple key, elements as in {@link
 %% arbo_key}; a bare element list means the same; `{encoded, Bytes}' is the
 %% same key already encoded, checked with {@link arbo_key:validate/1}) or
@@ -70,7 +71,7 @@
 %% persistence
 -export([save/2, save/3, load/2, load/3]).
 %% used by arbo_file
--export([exclusive/2, wide_flags_room/1]).
+-export([exclusive/2, check_writer/1, wide_flags_room/1]).
 
 -export_type([tree/0, tree_node/0, name/0, instance_key/0, key/0, order/0, filter/0,
               node_type/0, value/0]).
@@ -1033,6 +1034,15 @@ exclusive(T, Fun) ->
 keeper_gone(T) ->
     _ = (catch arbo:close(plain_view(T))),
     error({arbo_closed, T}).
+
+%% @private
+%% @doc Raise what {@link exclusive/2} would raise before it runs: a
+%% read-only handle, a closed tree, a process inside a reading pass.
+-spec check_writer(tree()) -> ok.
+check_writer(T) ->
+    gate(T),
+    not_inside(T),
+    ok.
 
 gate({arbo, Res, _, {arbo_gate, Keeper, Owner, _}}) when is_pid(Keeper), is_pid(Owner) ->
     {Res, Keeper};

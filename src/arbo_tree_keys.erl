@@ -18,9 +18,11 @@ htag(Name) -> error({badarg, {name, Name}}).
 %% Instance keys for add_hkey (and rename_instance0: the same codes).
 add_arg({int, N}) when ?I32(N) -> {N, 4};
 add_arg(N) when ?I32(N) -> {N, 4};
-%% A pair's namespace is one byte in a save file, and namespace 0 is
-%% saved as another form: 1..255 round-trip.
-add_arg({pair, Ns, N}) when ?I32(N), is_integer(Ns), Ns >= 1, Ns =< 255 -> {{Ns, N}, 27};
+%% A pair's namespace is one byte in a save file; namespace 0 is saved as
+%% another form and 12 loads back as a one-element tuple key: the others
+%% round-trip.
+add_arg({pair, Ns, N}) when ?I32(N), is_integer(Ns), Ns >= 1, Ns =< 255, Ns =/= 12 ->
+    {{Ns, N}, 27};
 add_arg({tuple, Elems}) when is_list(Elems) -> {arbo_key:encode(Elems), 5};
 add_arg(Elems) when is_list(Elems) -> {arbo_key:encode(Elems), 5};
 add_arg({encoded, B}) when is_binary(B) -> {encoded(B), 5};
