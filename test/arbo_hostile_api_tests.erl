@@ -5,6 +5,8 @@
 -include_lib("proper/include/proper.hrl").
 -include_lib("eunit/include/eunit.hrl").
 
+-export([wide_flags/0]).
+
 -define(RAISES(Pattern, Expr),
         ?assertMatch({error, Pattern}, try Expr, returned catch error:E__ -> {error, E__} end)).
 
@@ -575,3 +577,48 @@ many_trees_test_() ->
         ?assert(length(get()) - Dict0 < 3),
         ?assert(erlang:system_info(process_count) - Procs < 3)
     end}.
+
+%% ---- the VM-wide table of wide flag values ------------------------------------
+
+%% It never shrinks and counts with 16 bits: wide values are refused with
+%% flags_table_full once it holds 30,000 distinct ones, by set_flags, add_flags,
+%% clear_flags and load alike; narrow values are always taken. In a child
+%% VM: the table is the VM's.
+wide_flags_test_() ->
+    {timeout, 300, fun() ->
+        Args = lists:append([["-pa", filename:absname(filename:dirname(code:which(M)))] || M <- [?MODULE, arbo_tree]]),
+        Peer = element(2, peer:start(#{connection => standard_io, args => Args})),
+        R = try peer:call(Peer, ?MODULE, wide_flags, [], 280000) catch C:E -> {child_vm_failed, C, E}
+            after catch peer:stop(Peer)
+            end,
+        ?assertEqual({30000, refused, refused, refused, refused, ok, ok, {error, flags_table_full}, 30000}, R)
+    end}.
+
+wide_flags() ->
+    T = arbo_tree:new(),
+    N = arbo_tree:add_leaf(T, arbo_tree:root(T), 1),
+    F = scratch_file("wide"),
+    %% a file with one wide value not in the table yet
+    ok = arbo_tree:set_flags(T, N, 16#7000000000),
+    ok = arbo_tree:save(T, F),
+    Fill = fun Loop(V) ->
+                   case arbo_tree:set_flags(T, N, V) of
+                       ok -> Loop(V + 1);
+                       {error, flags_table_full} -> ok
+                   end
+           end,
+    Fill(16#400000),
+    Used = fun() -> [_, {8, Cap, Free}] = arbo:alloc_info(), Cap - Free end,
+    Refused = fun(Call) -> case Call() of {error, flags_table_full} -> refused; X -> X end end,
+    R = {Used(),
+         Refused(fun() -> arbo_tree:set_flags(T, N, 16#400000) end),  % one already there too
+         Refused(fun() -> arbo_tree:set_flags(T, N, 1 bsl 40) end),
+         Refused(fun() -> arbo_tree:add_flags(T, N, 1 bsl 41) end),
+         Refused(fun() -> arbo_tree:clear_flags(T, arbo_tree:root(T), 0) =:= ok andalso
+                              arbo_tree:clear_flags(T, N, 1) end),
+         arbo_tree:set_flags(T, N, 16#3fffff),                          % narrow
+         arbo_tree:clear_flags(T, N, 16#3fffff),
+         arbo_tree:load(T, F),
+         Used()},
+    file:delete(F),
+    R.
