@@ -308,8 +308,11 @@ load(Tree, Path) -> load(Tree, Path, []).
 %%  <li>`{progress, Pid}': the library's progress messages `{msg, {Count,
 %%      Consumed, Path, FileSize, Transactions, ElapsedMs, Now}}' are
 %%      forwarded to Pid as they come; `{progress, Fun}': Fun is called with
-%%      a map of the same figures, in a helper process. The library reports
-%%      after 30 seconds, then every minute, later every five minutes.</li>
+%%      a map of the same figures, in a helper process (a Fun still running
+%%      five seconds after the load is ended). The library reports after 30
+%%      seconds, then every minute, later every five minutes; Consumed and
+%%      Transactions count the private copy the library reads, which holds
+%%      a one-byte marker per record.</li>
 %%  <li>`{checkpoint, N}': -2 records the first checkpoint record and stops
 %%      at the next, N >= 0 accepts only the checkpoint at N, other
 %%      negative values (the default, -1) stop at the first one.</li>
@@ -324,8 +327,18 @@ load(Tree, Path) -> load(Tree, Path, []).
 %% Info}' (also when the file ends in a truncation mark or
 %% stops at a checkpoint: `truncated_at' says where), `{error, {invalid_file,
 %% {Reason, Offset}}}' when verification fails (nothing is loaded), `{error,
-%% {Reason, 0}}' when the file cannot be read, or `{error, Atom}' for a
-%% loader error met after some records were applied (the tree keeps them).
+%% {Reason, 0}}' when the file cannot be read (`not_regular', `changed' or
+%% a posix error, see {@link verify/1}), `{error, flags_table_full}' when
+%% the file holds more distinct wide flag values than the VM's table has
+%% room for (see {@link arbo_tree:set_flags/3}; nothing is loaded), `{error,
+%% {stopped_at, Offset, Why}}' when the library ended the load early at the
+%% record at Offset without an error of its own (Why: `above_root',
+%% `value_at_root', `child_refused' (the tree holds a node of another kind
+%% there, or the node takes no such child), `list_key_form', `list_mode',
+%% `namespace_key_form', `move_target_missing'), or `{error, Atom}' for a
+%% loader error; in the last two cases the records before are applied and
+%% the tree keeps them. Info's `transactions', `truncated_at' and
+%% `checkpoint' are the file's own.
 -spec load(arbo_tree:tree(), file:filename_all(), [load_option()]) ->
           {ok, load_info()} | {error, term()}.
 load(Tree, Path, Opts) ->
@@ -576,11 +589,16 @@ progress_map({Count, Consumed, Path, FileSize, Trans, ElapsedMs, _Now}) ->
     #{count => Count, consumed => Consumed, path => Path, file_size => FileSize,
       transactions => Trans, elapsed_ms => ElapsedMs}.
 
-%% Everything the load sent is in the forwarder's mailbox before `stop'.
+%% Everything the load sent is in the forwarder's mailbox before `stop'. A
+%% progress fun that blocks is given five seconds, then ended.
 stop_forwarder(undefined) -> ok;
 stop_forwarder({Pid, MRef}) ->
     Pid ! stop,
-    receive {'DOWN', MRef, process, Pid, _} -> ok end.
+    receive {'DOWN', MRef, process, Pid, _} -> ok
+    after 5000 ->
+        exit(Pid, kill),
+        receive {'DOWN', MRef, process, Pid, _} -> ok end
+    end.
 
 %% Options: a list of pairs with the names given.
 options(Opts, Names) when is_list(Opts) ->
