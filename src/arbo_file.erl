@@ -462,72 +462,109 @@ outcome(20, Bin, At) ->
     end;
 outcome(_, _, _) -> child_refused.
 
-%% Write the marked copy in slices (memory stays bounded by a slice), count
-%% the marks, the file's own transaction starts and its distinct wide flag
-%% values, and turn a checkpoint given as a position of the file into one
-%% of the copy.
+%% Write the marked copy in slices of about a megabyte (memory stays
+%% bounded), count the marks, the file's own transaction starts and its
+%% distinct wide flag values, and turn a checkpoint given as a position of
+%% the file into one of the copy.
 write_marked(Copy, Bin, Checkpoint) ->
+    <<_:4/binary, Records/binary>> = Bin,
+    M0 = #marks{checkpoint = case Checkpoint >= 0 of true -> -1; false -> Checkpoint end},
+    {Out, M} = copy_marked(Records, 4, none, 0, 0, <<>>, {Bin, Checkpoint, M0}),
     case file:open(Copy, [write, exclusive, raw, binary]) of
         {ok, Fd} ->
-            try
-                {done, Last, {Tail, Parts, Marks}} =
-                    fold_marked(Bin, fun(O, Op, I, Acc) -> {cont, mark(Fd, Bin, Checkpoint, O, Op, I, Acc)} end,
-                                {4, [<<?MAGIC:32>>], #marks{checkpoint = ckpt_arg(Checkpoint)}}),
-                ok = file:write(Fd, lists:reverse(Parts, [binary:part(Bin, Tail, byte_size(Bin) - Tail), <<2>>])),
-                {ok, Marks#marks{count = Last + 1}}
-            catch error:{badmatch, {error, _} = E} -> E
+            try file:write(Fd, Out) of
+                ok -> {ok, M};
+                {error, _} = E -> E
             after
                 ok = file:close(Fd)
             end;
         {error, _} = E -> E
     end.
 
-ckpt_arg(N) when N >= 0 -> -1;   % until the checkpoint's record is met
-ckpt_arg(N) -> N.
+%% The copy, built in one binary: O is the offset of the record at hand,
+%% From where the bytes still to be copied start, I the markers so far. A
+%% marker goes before a marked record (see follows/2); the records a saved
+%% tree is mostly made of are matched in place.
+-define(MARKED(O), <<Out/binary, (binary:part(element(1, St), From, (O) - From))/binary, 2>>).
 
-mark(Fd, Bin, Checkpoint, O, Op, I, {Tail, Parts, M}) ->
-    M1 = case Op of
+copy_marked(<<16#46, _:32, R/binary>>, O, _, From, I, Out, St) ->
+    copy_marked(R, O + 5, cd, O, I + 1, ?MARKED(O), St);
+copy_marked(<<6, _:32, R/binary>>, O, _, From, I, Out, St) ->
+    copy_marked(R, O + 5, cd, O, I + 1, ?MARKED(O), St);
+copy_marked(<<7, R/binary>>, O, Prev, From, I, Out, St) when Prev =/= none ->
+    copy_marked(R, O + 1, none, From, I, Out, St);
+copy_marked(<<9, R/binary>>, O, Prev, From, I, Out, St) ->
+    {ok, N} = arbo_val:frame(R),
+    <<_:N/binary, Next/binary>> = R,
+    case Prev of
+        cd -> copy_marked(Next, O + 1 + N, cd_value, From, I, Out, St);
+        _ -> copy_marked(Next, O + 1 + N, none, O, I + 1, ?MARKED(O), St)
+    end;
+copy_marked(<<Byte, R/binary>>, O, Prev, From, I, Out, {Bin, Ckpt, M} = St) ->
+    {ok, Next} = record(Byte band 31, Byte bsr 5, R),
+    Len = 1 + byte_size(R) - byte_size(Next),
+    M1 = case Byte band 31 of
              2 -> M#marks{trans = M#marks.trans + 1};
-             4 when O =:= Checkpoint + 1 -> M#marks{checkpoint = Checkpoint + I + 1};
-             22 -> wide(M, binary:decode_unsigned(binary:part(Bin, O + 1, 4)));
-             23 -> wide(M, binary:decode_unsigned(binary:part(Bin, O + 1, 8)));
+             4 when O =:= Ckpt + 1 -> M#marks{checkpoint = Ckpt + I + 1};
+             22 -> <<V:32, _/binary>> = R, wide(M, V);
+             23 -> <<V:64, _/binary>> = R, wide(M, V);
              _ -> M
          end,
-    Parts1 = [<<2>>, binary:part(Bin, Tail, O - Tail) | Parts],
-    case I band 4095 of
-        4095 -> ok = file:write(Fd, lists:reverse(Parts1)), {O, [], M1};
-        _ -> {O, Parts1, M1}
-    end.
+    case follows(Byte, Prev) of
+        cd_value -> copy_marked(Next, O + Len, cd_value, From, I, Out, St);
+        end_of_cd -> copy_marked(Next, O + Len, none, From, I, Out, St);
+        Prev1 -> copy_marked(Next, O + Len, Prev1, O, I + 1, ?MARKED(O), {Bin, Ckpt, M1})
+    end;
+copy_marked(<<>>, O, _, From, I, Out, {_, _, M} = St) ->
+    {?MARKED(O), M#marks{count = I + 1}}.
 
 wide(M, V) when V =< 16#3fffff -> M;
 wide(#marks{wide = W} = M, _) when map_size(W) > 30000 -> M;   % enough to refuse
 wide(#marks{wide = W} = M, V) -> M#marks{wide = W#{V => []}}.
 
-%% Fun(Offset, Op, Index, Acc) for every record of a verified file that has
-%% a marker before it in the copy (Index counts them from 0): all but a
-%% value and an end record that follow a cd, which the loader replays with
-%% the cd. Returns {done, Count, Acc} or {stopped, Acc}.
-fold_marked(Bin, Fun, Acc) -> fold_marked(Bin, 4, none, 0, Fun, Acc).
+%% What a record follows for the next one, and whether it has a marker
+%% before it: all have but a value (09) and an end (07) that follow a cd,
+%% which the loader replays with the cd and which cannot end a load
+%% (cd_value and end_of_cd: no marker).
+follows(9, cd) -> cd_value;
+follows(7, cd) -> end_of_cd;
+follows(7, cd_value) -> end_of_cd;
+follows(Byte, _) when Byte band 31 =:= 6 -> cd;
+follows(_, _) -> none.
 
-fold_marked(Bin, O, _, I, _, Acc) when O >= byte_size(Bin) -> {done, I, Acc};
-fold_marked(Bin, O, Prev, I, Fun, Acc) ->
-    <<_:O/binary, Byte, Rest/binary>> = Bin,
-    {ok, Next} = record(Byte band 31, Byte bsr 5, Rest),
-    NextO = byte_size(Bin) - byte_size(Next),
-    Op = Byte band 31,
-    Follows = case {Byte, Prev} of
-                  {9, cd} -> cd_value;
-                  {7, cd} -> end_of_cd;
-                  {7, cd_value} -> end_of_cd;
-                  {_, _} when Op =:= 6 -> cd;
-                  _ -> none
-              end,
-    case Follows of
-        cd_value -> fold_marked(Bin, NextO, cd_value, I, Fun, Acc);
-        end_of_cd -> fold_marked(Bin, NextO, none, I, Fun, Acc);
-        _ ->
-            case Fun(O, Op, I, Acc) of
-                {cont, Acc1} -> fold_marked(Bin, NextO, Follows, I + 1, Fun, Acc1);
+%% What follows the record a verified file has here: the records a saved
+%% tree is mostly made of are matched in place.
+skip_record(<<7, R/binary>>) -> R;
+skip_record(<<16#46, _:32, R/binary>>) -> R;
+skip_record(<<6, _:32, R/binary>>) -> R;
+skip_record(<<16#0F, _:32, R/binary>>) -> R;
+skip_record(<<16#14, _:32, _, R/binary>>) -> R;
+skip_record(<<13, N, _:N/binary, R/binary>>) -> R;
+skip_record(<<11, _, R/binary>>) -> R;
+skip_record(<<9, R/binary>>) ->
+    {ok, N} = arbo_val:frame(R),
+    <<_:N/binary, Next/binary>> = R,
+    Next;
+skip_record(<<Byte, R/binary>>) ->
+    {ok, Next} = record(Byte band 31, Byte bsr 5, R),
+    Next.
+
+%% Fun(Offset, Op, Index, Acc) for every record of a verified file that has
+%% a marker before it in the copy (Index counts them from 0). Returns
+%% {done, Count, Acc} or {stopped, Acc}.
+fold_marked(Bin, Fun, Acc) ->
+    <<_:4/binary, Records/binary>> = Bin,
+    fold_marked(Records, byte_size(Bin), none, 0, Fun, Acc).
+
+fold_marked(<<>>, _, _, I, _, Acc) -> {done, I, Acc};
+fold_marked(<<Byte, _/binary>> = Rest, Size, Prev, I, Fun, Acc) ->
+    Next = skip_record(Rest),
+    case follows(Byte, Prev) of
+        cd_value -> fold_marked(Next, Size, cd_value, I, Fun, Acc);
+        end_of_cd -> fold_marked(Next, Size, none, I, Fun, Acc);
+        Prev1 ->
+            case Fun(Size - byte_size(Rest), Byte band 31, I, Acc) of
+                {cont, Acc1} -> fold_marked(Next, Size, Prev1, I + 1, Fun, Acc1);
                 {stop, Acc1} -> {stopped, Acc1}
             end
     end.
