@@ -4,6 +4,8 @@
 %% A tree is created with {@link new/0} and belongs to the process that
 %% created it: it is closed when that process exits or when {@link close/1}
 %% is called, like an ETS table. Any process may read and change it.
+%% Each tree has a keeper process under the `arbo' application, which
+%% {@link new/1} starts when it is not running (see {@link arbo_app}).
 %%
 %% Nodes are of four kinds: containers (children addressed by integer tags),
 %% leaves (carry a value, may have children of their own), lists (children
@@ -81,6 +83,8 @@
 -import(arbo_tree_keys, [htag/1, add_arg/1, find_arg/1, del_arg/2, key_term/2, key_form/1, key_form/2,
                          one_form/4, exact/4, same_key/3]).
 
+-include("arbo_error.hrl").
+
 -record(arbo_node, {table, stamp, addr, parent}).
 
 -type tree() :: {arbo, reference(), non_neg_integer(),
@@ -96,15 +100,20 @@
 -type order() :: sorted | sorted_length_first | sorted_length_first_but_last | user_order.
 -type node_type() :: root | container | leaf | {list, order()} | instance.
 -type value() :: binary() | arbo_val:value().
+-type filter() :: all | tuple().
 %% A filter: `all' (every child), or
 %% <ul>
-%%  <li>`{'and', F, F}', `{'or', F, F}', `{'not', F}'</li>
+%%  <li>``{'and', F, F}'', ``{'or', F, F}'', ``{'not', F}''</li>
 %%  <li>`{exists, Path}': a node exists at Path below the child</li>
 %%  <li>`{value, Op, Path, Pattern}': the value of the node at Path, as
 %%      text, against Pattern (a binary, or an integer); Op is one of `eq',
-%%      `ne' (text equality), `gt', `ge', `lt', `le' (numbers)</li>
+%%      `ne' (text equality), `gt', `ge', `lt', `le' (numbers). A plain
+%%      binary value is read as an encoded one: it has a text form only
+%%      when its bytes are an encoded string, number, address, date or
+%%      boolean</li>
 %%  <li>`{key, Op, Index, Pattern}': element Index (from 0) of the child's
-%%      own key, as text</li>
+%%      own key, as text (an opaque key is one element, read like a plain
+%%      binary value)</li>
 %%  <li>`{has_value, Path}', `{flags_all, Path, Mask}', `{flags_none, Path,
 %%      Mask}', `{flags_masked, Path, Mask, Value}'</li>
 %%  <li>the library's own numeric forms (`{0, F, F}', `{3, CmpOp, Path,
@@ -113,9 +122,9 @@
 %% A Path is a list of tags or `{Ns, Tag}' pairs; below a list, a tag names
 %% an integer instance, and a path that ends inside a list matches when any
 %% instance matches. As the library decides it, a comparison it cannot make
-%% (`gt' on text that is not a number, a value too long for its text
-%% buffer) counts as a match in a select, like a full one.
--type filter() :: all | tuple().
+%% (`gt' on text that is not a number, a value without a text form, a text
+%% longer than both 64 bytes and Pattern whose head matches) counts as a
+%% match in a select, like a full one.
 
 -define(ORDERS, [{sorted, 0}, {sorted_length_first, 1}, {sorted_length_first_but_last, 2},
                  {user_order, 3}]).
@@ -1032,6 +1041,7 @@ exclusive(T, Fun) ->
 %% library's lock keeps every native call out while it closes, and every
 %% later one answers arbo_closed, so a reader between its check and its
 %% call meets a closed tree, never freed memory.
+-spec keeper_gone(tree()) -> no_return().
 keeper_gone(T) ->
     _ = (catch arbo:close(plain_view(T))),
     error({arbo_closed, T}).
