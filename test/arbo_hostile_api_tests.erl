@@ -357,6 +357,12 @@ hide_inactive_test() ->
                                       {child_index, [arbo_tree:child_index(T, I) || I <- [I2, I4, I5]], [2, 4, 5]}],
                 not same(Got, Want)],
     ?assertEqual([], Wrong),
+    %% every instance inactive: nothing to step to from either end
+    L = arbo_tree:add_list(T, arbo_tree:root(T), 3, sorted),
+    Is = [arbo_tree:add(T, L, {int, N}) || N <- [1, 2, 3]],
+    [ok = arbo_tree:set_active(T, I, false) || I <- Is],
+    ?assertEqual({none, none, none, 0}, {arbo_tree:last_child(T, L), arbo_tree:prev_sibling(T, lists:last(Is)),
+                                         arbo_tree:first_child(T, L), arbo_tree:num_children(T, L)}),
     ok = arbo_tree:close(T).
 
 %% Instances 1..5 under the root's list tagged by its order; 1, 3 and 5
