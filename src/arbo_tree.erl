@@ -1165,10 +1165,20 @@ enter(T, Word, Tries) ->
             S band 2 =:= 0 orelse error({arbo_closed, T}),
             if
                 Tries < 50 -> erlang:yield();
-                true -> receive after 1 -> ok end
+                true -> keeper_alive(T), receive after 1 -> ok end
             end,
             enter(T, Word, Tries + 1)
     end.
+
+%% A keeper killed in the middle of a write leaves its bit in every word:
+%% a reader that waits for it looks whether it is still there.
+keeper_alive({arbo, _, _, {arbo_gate, K, _, _}} = T) ->
+    Keeper = case K of
+                 {read_only, K0} -> K0;
+                 K0 -> K0
+             end,
+    is_process_alive(Keeper) orelse keeper_gone(T).
+
 
 %% On the writer side: the node is as new as the epoch.
 fresh(S, #arbo_node{stamp = S}) -> ok;

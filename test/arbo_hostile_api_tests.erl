@@ -456,6 +456,33 @@ killed_keeper_test() ->
     ?assertError({arbo_closed, _}, arbo_tree:delete(T, N)),
     ?assertEqual([], [A || A <- calls(T, N), A =/= closed]).
 
+%% A keeper killed in the middle of a write (here a load it runs) leaves
+%% no reader waiting for ever: they answer arbo_closed.
+keeper_killed_inside_write_test_() ->
+    {timeout, 60, fun() ->
+        T = arbo_tree:new(),
+        L = arbo_tree:add_list(T, arbo_tree:root(T), 1, sorted),
+        [arbo_tree:add(T, L, {int, N}) || N <- lists:seq(1, 200000)],
+        F = scratch_file("keeper_write"),
+        ok = arbo_tree:save(T, F),
+        R = arbo_tree:root(T),
+        {arbo, _, _, {arbo_gate, Keeper, _, _}} = T,
+        Self = self(),
+        %% a reader with its word registered, which the writer bit reaches
+        Reader = spawn(fun() -> A = arbo_tree:attach(T), arbo_tree:root(A),
+                                receive go -> Self ! {self(), catch arbo_tree:num_children(A, R)} end end),
+        spawn(fun() -> catch arbo_tree:load(T, F) end),
+        %% the keeper is inside the load once the writer bit shows
+        {arbo, _, _, {arbo_gate, _, _, Word}} = T,
+        Inside = fun Wait() -> atomics:get(Word, 1) band (1 bsl 22) =/= 0 orelse (erlang:yield() =:= true andalso Wait()) end,
+        Inside(),
+        exit(Keeper, kill),
+        Reader ! go,
+        Got = receive {Reader, G} -> G after 20000 -> stuck end,
+        file:delete(F),
+        ?assertMatch({'EXIT', {{arbo_closed, _}, _}}, Got)
+    end}.
+
 %% Options that are not a list, and unknown or misspelled ones, are badarg.
 options_test() ->
     T = arbo_tree:new(),
