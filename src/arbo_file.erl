@@ -471,7 +471,7 @@ outcome(_, _, _) -> child_refused.
 write_marked(Copy, Bin, Checkpoint) ->
     <<_:4/binary, Records/binary>> = Bin,
     M0 = #marks{checkpoint = case Checkpoint >= 0 of true -> -1; false -> Checkpoint end},
-    {Out, M} = copy_marked(Records, 4, none, 0, 0, <<>>, {Bin, Checkpoint, M0}),
+    {Out, M} = copy_marked(Records, 4, none, 0, <<?MAGIC:32>>, {Checkpoint, M0}),
     case file:open(Copy, [write, exclusive, raw, binary]) of
         {ok, Fd} ->
             try file:write(Fd, Out) of
@@ -483,42 +483,44 @@ write_marked(Copy, Bin, Checkpoint) ->
         {error, _} = E -> E
     end.
 
-%% The copy, built in one binary: O is the offset of the record at hand,
-%% From where the bytes still to be copied start, I the markers so far. A
-%% marker goes before a marked record (see follows/2); the records a saved
-%% tree is mostly made of are matched in place.
--define(MARKED(O), <<Out/binary, (binary:part(element(1, St), From, (O) - From))/binary, 2>>).
-
-copy_marked(<<16#46, _:32, R/binary>>, O, _, From, I, Out, St) ->
-    copy_marked(R, O + 5, cd, O, I + 1, ?MARKED(O), St);
-copy_marked(<<6, _:32, R/binary>>, O, _, From, I, Out, St) ->
-    copy_marked(R, O + 5, cd, O, I + 1, ?MARKED(O), St);
-copy_marked(<<7, R/binary>>, O, Prev, From, I, Out, St) when Prev =/= none ->
-    copy_marked(R, O + 1, none, From, I, Out, St);
-copy_marked(<<9, R/binary>>, O, Prev, From, I, Out, St) ->
+%% The copy, built in one binary: O is the offset of the record at hand in
+%% the file, I the markers so far. A marker (02) goes before a marked
+%% record (see follows/2); the records a saved tree is mostly made of are
+%% matched in place.
+copy_marked(<<16#46, K:32, R/binary>>, O, _, I, Out, St) ->
+    copy_marked(R, O + 5, cd, I + 1, <<Out/binary, 2, 16#46, K:32>>, St);
+copy_marked(<<6, K:32, R/binary>>, O, _, I, Out, St) ->
+    copy_marked(R, O + 5, cd, I + 1, <<Out/binary, 2, 6, K:32>>, St);
+copy_marked(<<7, R/binary>>, O, none, I, Out, St) ->
+    copy_marked(R, O + 1, none, I + 1, <<Out/binary, 2, 7>>, St);
+copy_marked(<<7, R/binary>>, O, _, I, Out, St) ->
+    copy_marked(R, O + 1, none, I, <<Out/binary, 7>>, St);
+copy_marked(<<9, R/binary>>, O, Prev, I, Out, St) ->
     {ok, N} = arbo_val:frame(R),
-    <<_:N/binary, Next/binary>> = R,
+    <<V:N/binary, Next/binary>> = R,
     case Prev of
-        cd -> copy_marked(Next, O + 1 + N, cd_value, From, I, Out, St);
-        _ -> copy_marked(Next, O + 1 + N, none, O, I + 1, ?MARKED(O), St)
+        cd -> copy_marked(Next, O + 1 + N, cd_value, I, <<Out/binary, 9, V/binary>>, St);
+        _ -> copy_marked(Next, O + 1 + N, none, I + 1, <<Out/binary, 2, 9, V/binary>>, St)
     end;
-copy_marked(<<Byte, R/binary>>, O, Prev, From, I, Out, {Bin, Ckpt, M} = St) ->
+copy_marked(<<Byte, R/binary>>, O, Prev, I, Out, {Ckpt, M} = St) ->
     {ok, Next} = record(Byte band 31, Byte bsr 5, R),
-    Len = 1 + byte_size(R) - byte_size(Next),
-    M1 = case Byte band 31 of
-             2 -> M#marks{trans = M#marks.trans + 1};
-             4 when O =:= Ckpt + 1 -> M#marks{checkpoint = Ckpt + I + 1};
-             22 -> <<V:32, _/binary>> = R, wide(M, V);
-             23 -> <<V:64, _/binary>> = R, wide(M, V);
-             _ -> M
-         end,
+    Len = byte_size(R) - byte_size(Next),
+    <<Body:Len/binary, _/binary>> = R,
     case follows(Byte, Prev) of
-        cd_value -> copy_marked(Next, O + Len, cd_value, From, I, Out, St);
-        end_of_cd -> copy_marked(Next, O + Len, none, From, I, Out, St);
-        Prev1 -> copy_marked(Next, O + Len, Prev1, O, I + 1, ?MARKED(O), {Bin, Ckpt, M1})
+        cd_value -> copy_marked(Next, O + 1 + Len, cd_value, I, <<Out/binary, Byte, Body/binary>>, St);
+        end_of_cd -> copy_marked(Next, O + 1 + Len, none, I, <<Out/binary, Byte, Body/binary>>, St);
+        Prev1 ->
+            M1 = case Byte band 31 of
+                     2 -> M#marks{trans = M#marks.trans + 1};
+                     4 when O =:= Ckpt + 1 -> M#marks{checkpoint = Ckpt + I + 1};
+                     22 -> <<V:32, _/binary>> = Body, wide(M, V);
+                     23 -> <<V:64, _/binary>> = Body, wide(M, V);
+                     _ -> M
+                 end,
+            copy_marked(Next, O + 1 + Len, Prev1, I + 1, <<Out/binary, 2, Byte, Body/binary>>, {Ckpt, M1})
     end;
-copy_marked(<<>>, O, _, From, I, Out, {_, _, M} = St) ->
-    {?MARKED(O), M#marks{count = I + 1}}.
+copy_marked(<<>>, _, _, I, Out, {_, M}) ->
+    {<<Out/binary, 2>>, M#marks{count = I + 1}}.
 
 wide(M, V) when V =< 16#3fffff -> M;
 wide(#marks{wide = W} = M, _) when map_size(W) > 30000 -> M;   % enough to refuse
