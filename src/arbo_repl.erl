@@ -153,12 +153,14 @@ init({Name, Db, Opts, Role}) ->
 
 handle_call(promote, _, #r{role = leader} = R) -> {reply, {ok, epoch(R)}, R};
 handle_call(promote, _, R) ->
-    R1 = pull(R),
-    N = lists:max([0 | [E || {{E, _}, _} <- R1#r.epochs]]) + 1,
-    Epoch = {N, node()},
-    R2 = save(R1#r{epochs = R1#r.epochs ++ [{Epoch, R1#r.seq + 1}]}),
-    R3 = lead(R2),
-    {reply, {ok, Epoch}, R3};
+    case pull(R) of
+        {ok, R1} ->
+            N = lists:max([0 | [E || {{E, _}, _} <- R1#r.epochs]]) + 1,
+            Epoch = {N, node()},
+            R2 = save(R1#r{epochs = R1#r.epochs ++ [{Epoch, R1#r.seq + 1}]}),
+            {reply, {ok, Epoch}, lead(R2)};
+        {behind, Node} -> {reply, {error, {behind, Node}}, R}
+    end;
 handle_call(status, _, R) -> {reply, {R#r.epochs, R#r.seq}, R};
 handle_call(_, _, R) -> {reply, {error, badarg}, R}.
 
@@ -311,26 +313,41 @@ retry(#r{tried = T} = R) ->
 %% aside, so that a node that does not answer never holds this process.
 send(Dest = {_, Node}, Msg) ->
     case erlang:send(Dest, Msg, [noconnect]) of
-        noconnect -> spawn(fun() -> net_kernel:connect_node(Node) end), ok;
+        noconnect ->
+            spawn(fun() -> case net_kernel:connect_node(Node) of
+                               true -> erlang:send(Dest, Msg);
+                               _ -> ok
+                           end
+                  end),
+            ok;
         _ -> ok
     end.
 
 %% Pull from the most advanced member of the same history the frames this
 %% node lacks, so that a promotion keeps every commit a majority holds.
+%% The members it asks are those it knows and the nodes it is connected
+%% to (a follower that had not joined yet knows none). A member that is
+%% ahead but compacted past this node makes the promotion fail: promote
+%% that one.
 pull(#r{name = Name, members = Ms, epochs = Es, seq = Seq} = R) ->
-    Peers = [{S, N} || N <- Ms, N =/= node(),
-                       {Es1, S} <- [catch erpc:call(N, ?MODULE, status, [Name], 2000)],
-                       is_integer(S), S > Seq, same_history(Es1, Es)],
-    case lists:reverse(lists:sort(Peers)) of
-        [{_, N} | _] ->
+    Status = [{S, N, Es1} || N <- lists:usort(Ms ++ nodes()), N =/= node(),
+                             {Es1, S} <- [catch erpc:call(N, ?MODULE, status, [Name], 2000)],
+                             is_integer(S), same_history(Es1, Es)],
+    R1 = R#r{members = lists:usort([node() | Ms] ++ [N || {_, N, _} <- Status])},
+    case lists:reverse(lists:sort([P || {S, _, _} = P <- Status, S > Seq])) of
+        [{_, N, Es1} | _] ->
             case catch erpc:call(N, ?MODULE, frames_after, [Name, Seq], 30000) of
                 {ok, Run} ->
                     {ok, _, Last} = arbo_repl_io:payloads(Run, Seq),
-                    append(Run, Last, R);
-                _ -> R
+                    R2 = append(Run, Last, R1),
+                    {ok, R2#r{epochs = longer(Es1, Es)}};
+                _ -> {behind, N}
             end;
-        [] -> R
+        [] -> {ok, R1}
     end.
+
+longer(A, B) when length(A) > length(B) -> A;
+longer(_, B) -> B.
 
 same_history(Es1, Es) -> lists:prefix(Es, Es1) orelse lists:prefix(Es1, Es).
 
