@@ -46,10 +46,17 @@ start(Name, Opts, Db) ->
         {undefined, undefined} -> none;
         {_, L} ->
             Role = case L of undefined -> leader; _ -> follower end,
+            gone(whereis(repl_name(Name))),
             {ok, Pid} = gen_server:start_link({local, repl_name(Name)}, ?MODULE,
                                               {Name, Db, Opts, Role}, []),
             #{pid => Pid, role => Role, leader => L}
     end.
+
+%% The process of a store that was just closed may still be on its way out.
+gone(undefined) -> ok;
+gone(Pid) ->
+    Ref = erlang:monitor(process, Pid),
+    receive {'DOWN', Ref, _, _, _} -> ok after 5000 -> ok end.
 
 %% A run of frames the store wrote (and synced as its policy says).
 -spec shipped(map() | none, non_neg_integer(), iodata()) -> ok.
