@@ -160,6 +160,13 @@ equal_after_batches() ->
               || K <- [1, 2, 3, 4]],
         Acked = lists:append([receive {acked, W, L} -> L end || W <- Ws]),
         ?assertEqual(100, length(Acked)),
+        %% C stops taking frames for a while: the leader stops sending when
+        %% too many are in flight and feeds it from its journal afterwards.
+        {_, NC} = C,
+        Repl = erpc:call(NC, erlang, whereis, [list_to_atom("arbo_repl " ++ atom_to_list(?NAME))]),
+        ok = erpc:call(NC, sys, suspend, [Repl]),
+        [{ok, _} = commit(A, batch(I)) || I <- lists:seq(2000, 2300)],
+        ok = erpc:call(NC, sys, resume, [Repl]),
         Seq = seq(A),
         same(A, B, Seq),
         same(A, C, Seq),
@@ -167,6 +174,7 @@ equal_after_batches() ->
         {_, NA} = A,
         ?assertEqual({error, {not_leader, NA}}, commit(B, base())),
         ?assertMatch(#{seq := Seq, replication := #{role := follower, leader := NA}}, info(C)),
+        ?assertEqual({error, timeout}, erpc:call(NC, arbo_db, wait_for, [?NAME, Seq + 1, 50])),
         ?assertEqual(leader, role(A)),
         %% A commit that is refused reaches no follower.
         ?assertMatch({error, {2, _, _}}, commit(A, [{container, [7]}, {delete, [8]}])),
@@ -191,14 +199,20 @@ follower_catches_up() ->
         %% takes several chunks.
         kill(B1),
         Big = binary:copy(<<"x">>, 200),
-        [{ok, _} = commit(A, [{instance, [1, 2], 200000 + J} || J <- lists:seq(K, K + 999)]
-                              ++ [{set, [1, 2, 200000 + K], Big}])
+        [{ok, _} = commit(A, lists:append([[{instance, [1, 2], 200000 + J}, {leaf, [1, 2, 200000 + J, 1]},
+                                            {set, [1, 2, 200000 + J, 1], Big}]
+                                           || J <- lists:seq(K, K + 999)]))
          || K <- lists:seq(1, 8000, 1000)],
         [{ok, _} = commit(A, batch(I)) || I <- lists:seq(61, 70)],
         ok = erpc:call(element(2, A), arbo_db, snapshot, [?NAME]),
         [{ok, _} = commit(A, batch(I)) || I <- lists:seq(71, 80)],
         #{snapshot_seq := SnapSeq} = info(A),
         ?assert(SnapSeq > 60),
+        %% With no follower at all, ack => one cannot be met.
+        {_, NC} = C,
+        ok = erpc:call(NC, arbo_db, close, [?NAME]),
+        ?assertEqual({error, no_quorum}, commit(A, batch(81))),
+        follower(Root, C, A),
         B2 = restart(B1),
         follower(Root, B2, A),
         same(A, B2, seq(A)),
@@ -265,7 +279,21 @@ split_and_heal() ->
         {ok, S1} = retry_commit(A, batch(2), 20),
         same(A, B, S1),
         same(A, C, S1),
-        ?assert(has(C, 1))
+        ?assert(has(C, 1)),
+        %% Split again; this time B is promoted on the far side. A's
+        %% unacknowledged batch is dropped when it learns of B's epoch.
+        Cut(blocked),
+        ?assertEqual({error, no_quorum}, commit(A, batch(3))),
+        {_, NB} = B,
+        {ok, _} = erpc:call(NB, arbo_db, promote, [?NAME]),
+        {ok, S2} = retry_commit(B, batch(4), 20),
+        Cut(erlang:get_cookie()),
+        {ok, S3} = retry_commit(B, batch(5), 20),
+        ?assert(S3 > S2),
+        same(B, A, S3),
+        same(B, C, S3),
+        ?assertNot(has(A, 3)),
+        ?assertEqual({error, {not_leader, NB}}, commit(A, batch(6)))
     end).
 
 retry_commit(_, _, 0) -> {error, no_quorum};
