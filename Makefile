@@ -38,7 +38,7 @@ ebin/.stamp: $(ERL_SRC) $(wildcard src/*.hrl include/*.hrl)
 	erlc $(ERLC_FLAGS) -I src -I include -o ebin $(ERL_SRC)
 	@touch $@
 
-test/ebin/.stamp: $(TEST_SRC) $(BENCH_SRC) ebin/.stamp
+test/ebin/.stamp: $(TEST_SRC) $(BENCH_SRC) $(wildcard test/*.hrl bench/*.hrl) ebin/.stamp
 	@mkdir -p test/ebin
 	erlc $(ERLC_FLAGS) -pa ebin -o test/ebin $(TEST_SRC) $(BENCH_SRC)
 	@touch $@
@@ -63,7 +63,7 @@ demo: build
 	$(ERL) -noshell -pa ebin -eval 'arbo_demo:main(), halt().'
 
 bench: build
-	$(BUILD)/arbo_micro_bench --benchmark_min_time=0.2 || true
+	$(BUILD)/arbo_micro_bench --benchmark_min_time=0.2
 	$(ERL) -noshell -pa ebin -pa test/ebin -eval 'arbo_bench:main(), halt().'
 
 # The reliability scenarios at full scale, with the figures the README quotes.

@@ -45,6 +45,7 @@
 -behaviour(gen_server).
 
 -export([open/2, commit/2, tree/1, sync/1, snapshot/1, info/1, close/1]).
+-export([subscribe/1, frames_since/2, append/2]).
 -export([start_link/2, init_it/3]).
 -export([init/1, handle_call/3, handle_cast/2, handle_info/2, terminate/2]).
 -export_type([db/0, op/0]).
@@ -59,8 +60,9 @@
                      atom() => term()}.
 
 -record(s, {name, dir, tree, fd, jpath, jsize, seq, snap_seq, snap_id, snap_size,
-            sync, compact, last_sync, pending = [], buf = [], timer, failed,
-            scratch, crash_at, repl = none}).
+            sync, compact, last_sync, pending = [], buf = [], timer, failed, subs = [],
+            scratch, crash_at, direct,
+            repl = none}).
 
 %% ---------------------------------------------------------------------------
 %% API
@@ -155,6 +157,30 @@ info(Db) -> gen_server:call(Db, info, infinity).
 -spec close(db()) -> ok.
 close(Db) -> gen_server:call(Db, close, infinity).
 
+%% @doc Frames as they reach the journal, for followers: the calling
+%% process receives `{arbo_db_frames, Name, [{Seq, Payload}]}' after each
+%% write of the journal (after its sync with `sync => always'), the frames
+%% in sequence order, until it exits.
+-spec subscribe(db()) -> ok.
+subscribe(Db) -> gen_server:call(Db, {subscribe, self()}, infinity).
+
+%% @doc The journal's frames after sequence number Seq, `{ok, [{Seq,
+%% Payload}]}', or `{error, {compacted, SnapshotSeq}}' when the snapshot
+%% already holds frames after Seq.
+-spec frames_since(db(), non_neg_integer()) ->
+          {ok, [{pos_integer(), binary()}]} | {error, term()}.
+frames_since(Db, Seq) when is_integer(Seq), Seq >= 0 -> gen_server:call(Db, {since, Seq}, infinity).
+
+%% @doc Apply frames of another store (as {@link subscribe/1} or {@link
+%% frames_since/2} give them) and write them to this store's journal under
+%% the same sequence numbers: `{ok, LastSeq}' once durable as the `sync'
+%% policy says. The first frame must carry the next sequence number of
+%% this store and the others follow on (`{error, {out_of_order, Expected,
+%% Seq}}' otherwise, nothing applied); a payload that is not well formed is
+%% refused (`{error, {bad_frame, Seq}}') with the frames before it applied.
+-spec append(db(), [{pos_integer(), binary()}]) -> {ok, non_neg_integer()} | {error, term()}.
+append(Db, Frames) when is_list(Frames) -> gen_server:call(Db, {append, Frames}, infinity).
+
 %% ---------------------------------------------------------------------------
 %% Server
 
@@ -173,7 +199,8 @@ init({Name, Opts}) ->
     S0 = #s{name = Name, dir = Dir, tree = T, sync = Sync,
             compact = maps:get(compact_bytes, Opts, 8 bsl 20),
             scratch = filename:join(Dir, ".apply"),
-            crash_at = maps:get(crash_at, Opts, undefined)},
+            crash_at = maps:get(crash_at, Opts, undefined),
+            direct = maps:get(direct_max, Opts, 64)},
     case recover(S0, maps:get(recover, Opts, false)) of
         {ok, S} -> {ok, S#s{repl = arbo_repl:start(Name, Opts, self())}};
         {error, R} -> arbo_tree:close(T), {stop, R}
@@ -188,13 +215,13 @@ handle_call({repl, Req}, _, S) -> repl_call(Req, flush(S));
 handle_call({commit, []}, From, #s{seq = Seq} = S) ->
     noreply(S#s{pending = [{From, Seq} | S#s.pending]});
 handle_call({commit, Ops}, From, #s{tree = T, seq = Seq} = S) ->
-    case catch_prepare(T, Ops) of
+    case catch_prepare(T, Ops, short(Ops, S#s.direct)) of
         {error, _} = E -> noreply_with(E, S);
-        {ok, Parts} ->
-            case catch_apply(T, S#s.scratch, Parts) of
+        {ok, Parts, Acts} ->
+            case catch_apply(T, S, Parts, Acts) of
                 ok ->
-                    Frame = arbo_db_journal:frame(Seq + 1, arbo_db_journal:payload(Parts)),
-                    noreply(S#s{seq = Seq + 1, buf = [Frame | S#s.buf],
+                    Payload = iolist_to_binary(arbo_db_journal:payload(Parts)),
+                    noreply(S#s{seq = Seq + 1, buf = [{Seq + 1, Payload} | S#s.buf],
                                 pending = [{From, Seq + 1} | S#s.pending]});
                 {error, R} ->
                     %% The tree may hold part of the batch: back to the disk.
@@ -202,7 +229,31 @@ handle_call({commit, Ops}, From, #s{tree = T, seq = Seq} = S) ->
                     {reply, {error, {apply_failed, R}}, rebuild(S1)}
             end
     end;
-handle_call(tree, _, S) -> {reply, read_handle(S#s.tree), S};
+handle_call({subscribe, Pid}, _, S) ->
+    Ref = erlang:monitor(process, Pid),
+    {reply, ok, S#s{subs = [{Pid, Ref} | S#s.subs]}};
+handle_call({since, From}, _, #s{snap_seq = Snap} = S) when From < Snap ->
+    noreply_with({error, {compacted, Snap}}, S);
+handle_call({since, From}, _, S) ->
+    S1 = flush(S),
+    Reply = case file:read_file(S1#s.jpath) of
+                {ok, Bin} ->
+                    {ok, #{frames := Frames}} =
+                        arbo_db_journal:scan(binary:part(Bin, 0, S1#s.jsize), S1#s.snap_seq),
+                    {ok, [F || {Seq, _} = F <- Frames, Seq > From]};
+                {error, _} = E -> E
+            end,
+    {reply, Reply, S1};
+handle_call({append, _}, _, #s{failed = F} = S) when F =/= undefined ->
+    {reply, {error, {store_failed, F}}, S};
+handle_call({append, Frames}, From, #s{seq = Seq} = S) ->
+    Expected = lists:seq(Seq + 1, Seq + length(Frames)),
+    case [Sq || {Sq, P} <- Frames, is_integer(Sq), is_binary(P)] of
+        Expected -> append(Frames, From, S);
+        [First | _] -> noreply_with({error, {out_of_order, Seq + 1, First}}, S);
+        _ -> noreply_with({error, {out_of_order, Seq + 1, none}}, S)
+    end;
+handle_call(tree, _, S) -> {reply, arbo_tree:read_only(S#s.tree), S};
 handle_call(sync, _, S) ->
     S1 = flush(S),
     case S1#s.failed of
@@ -235,6 +286,8 @@ handle_info(timeout, S) ->
 handle_info(sync_tick, S) ->
     {_, S1} = datasync(S#s{timer = undefined}),
     noreply(S1);
+handle_info({'DOWN', Ref, process, _, _}, S) ->
+    noreply(S#s{subs = lists:keydelete(Ref, 2, S#s.subs)});
 handle_info({'EXIT', _, Reason}, S) when Reason =/= normal -> {stop, Reason, S};
 handle_info(_, S) -> noreply(S).
 
@@ -254,19 +307,39 @@ noreply_with(Reply, S) ->
         _ -> {reply, Reply, S, 0}
     end.
 
-read_handle(T) ->
-    case erlang:function_exported(arbo_tree, read_only, 1) of
-        true -> apply(arbo_tree, read_only, [T]);
-        false -> T
-    end.
-
-catch_prepare(T, Ops) ->
-    try arbo_db_batch:prepare(T, Ops)
+catch_prepare(T, Ops, Direct) ->
+    try arbo_db_batch:prepare(T, Ops, Direct)
     catch C:R -> {error, {0, batch, {C, R}}}
     end.
 
-catch_apply(T, Scratch, Parts) ->
-    try arbo_db_journal:apply_parts(T, Scratch, Parts)
+%% Frames of another store, each applied and buffered as a commit is.
+append([], From, #s{seq = Seq} = S) -> noreply(S#s{pending = [{From, Seq} | S#s.pending]});
+append([{Seq, Payload} | More], From, #s{tree = T} = S) ->
+    case arbo_db_journal:parts(Payload) of
+        {ok, Parts} ->
+            case catch_apply(T, S, Parts, []) of
+                ok -> append(More, From, S#s{seq = Seq, buf = [{Seq, Payload} | S#s.buf]});
+                {error, R} ->
+                    S1 = flush(S),
+                    {reply, {error, {apply_failed, Seq, R}}, rebuild(S1)}
+            end;
+        error ->
+            S1 = flush(S),
+            {reply, {error, {bad_frame, Seq}}, S1}
+    end.
+
+short([_ | More], N) when N > 0 -> short(More, N - 1);
+short([], _) -> true;
+short(_, _) -> false.
+
+%% A small batch is applied call by call; a large one in one pass of the
+%% library's loader, from the very records of its frame.
+catch_apply(T, #s{scratch = Scratch}, Parts, Acts) ->
+    try
+        case Acts of
+            [] -> arbo_db_journal:apply_parts(T, Scratch, Parts);
+            _ -> arbo_db_batch:apply_direct(T, Acts)
+        end
     catch C:R -> {error, {C, R}}
     end.
 
@@ -277,7 +350,8 @@ catch_apply(T, Scratch, Parts) ->
 %% write, sync as the policy says, and answer their commits.
 flush(#s{buf = []} = S) -> reply_all(S);
 flush(#s{fd = Fd, buf = Buf, sync = Sync} = S) ->
-    Bytes = lists:reverse(Buf),
+    Frames = lists:reverse(Buf),
+    Bytes = [arbo_db_journal:frame(Seq, P) || {Seq, P} <- Frames],
     Size = iolist_size(Bytes),
     R = case file:write(Fd, Bytes) of
             ok when Sync =:= always -> file:datasync(Fd);
@@ -286,13 +360,13 @@ flush(#s{fd = Fd, buf = Buf, sync = Sync} = S) ->
     case R of
         ok ->
             S1 = S#s{buf = [], jsize = S#s.jsize + Size},
-            arbo_repl:shipped(S#s.repl, S#s.seq, Bytes),
             S2 = case Sync of
                      always -> S1#s{last_sync = now_ms()};
                      {interval, Ms} when S1#s.timer =:= undefined ->
                          S1#s{timer = erlang:send_after(Ms, self(), sync_tick)};
                      _ -> S1
                  end,
+            [Pid ! {arbo_db_frames, S#s.name, Frames} || {Pid, _} <- S#s.subs],
             reply_all(S2);
         {error, Reason} ->
             [gen_server:reply(From, {error, Reason}) || {From, _} <- S#s.pending],
@@ -539,23 +613,7 @@ promote(Db) -> arbo_repl:promote(Db).
 -spec wait_for(db(), non_neg_integer(), timeout()) -> ok | {error, timeout}.
 wait_for(Db, Seq, Timeout) -> arbo_repl:wait_for(Db, Seq, Timeout).
 
-repl_call(source, S) ->
-    {reply, {S#s.seq, S#s.snap_seq, filename:join(S#s.dir, snap_name(S#s.snap_seq, S#s.snap_id)),
-             S#s.jpath}, S};
 repl_call({set, Repl}, S) -> {reply, ok, S#s{repl = Repl}};
-%% A follower's run of frames from its leader: applied, written as it came.
-repl_call({append, Run}, #s{seq = Seq} = S) ->
-    case arbo_repl_io:payloads(Run, Seq) of
-        {ok, [], _} -> {reply, {ok, Seq}, S};
-        {ok, Payloads, Last} ->
-            case arbo_db_journal:replay(S#s.tree, S#s.scratch, Payloads) of
-                ok ->
-                    S1 = flush(S#s{buf = [Run], seq = Last}),
-                    {reply, {ok, S1#s.seq}, S1, 0};
-                {error, R} -> {reply, {error, R}, rebuild(S)}
-            end;
-        {error, _} = E -> {reply, E, S}
-    end;
 %% A follower takes its leader's snapshot in place of all it holds.
 repl_call({install, Tmp, SnapSeq}, #s{dir = Dir, tree = T} = S) ->
     _ = file:close(S#s.fd),

@@ -12,8 +12,8 @@
 %% in one list costs a few bytes each.
 -module(arbo_db_batch).
 
--export([prepare/2, apply_own/2]).
--export_type([op/0, part/0]).
+-export([prepare/3, apply_own/2, apply_direct/2]).
+-export_type([op/0, part/0, action/0]).
 
 -type path() :: [arbo_tree:key()].
 -type op() :: {container, path()} | {leaf, path()} | {list, path(), arbo_tree:order()}
@@ -28,6 +28,9 @@
                              | {'after', arbo_tree:instance_key()} | {position, non_neg_integer()}}
             | clear.
 -type part() :: {records, binary()} | {own, term()}.
+%% An operation with its paths and keys in one form each, as the plain API
+%% applies it.
+-type action() :: term().
 
 -define(U32(X), (is_integer(X) andalso X >= 0 andalso X =< 16#ffffffff)).
 -define(I32(X), (is_integer(X) andalso X >= -16#80000000 andalso X =< 16#7fffffff)).
@@ -36,24 +39,28 @@
 
 %% nodes: Id => {Kind, Key, tree node or undefined (made in this batch), namespaces emptied}
 %% links: {ParentId, Key} => Id | deleted (an entry overrides the tree)
--record(v, {t, nodes, links = #{}, stack = [root], run = none, parts = [], next = 1}).
+-record(v, {t, nodes, links = #{}, stack = [root], run = none, parts = [], next = 1,
+            acts = [], want = true}).
 
 %% ---------------------------------------------------------------------------
 
-%% Check a batch and make its frame's parts: `{ok, Parts}', or `{error,
-%% {Index, Op, Reason}}' for the first operation (counting from 1) that
-%% names a missing node, misuses a node's kind or is malformed.
--spec prepare(arbo_tree:tree(), [op()]) -> {ok, [part()]} | {error, {pos_integer(), term(), term()}}.
-prepare(T, Ops) ->
+%% Check a batch and make its frame's parts and (when Actions is true) its
+%% actions: `{ok, Parts, Actions}', or `{error, {Index, Op, Reason}}' for
+%% the first operation (counting from 1) that names a missing node, misuses
+%% a node's kind or is malformed.
+-spec prepare(arbo_tree:tree(), [op()], boolean()) ->
+          {ok, [part()], [action()]} | {error, {pos_integer(), term(), term()}}.
+prepare(T, Ops, Actions) ->
     arbo_tree:reading(T, fun(R) ->
-        V = #v{t = R, nodes = #{root => {root, 0, arbo_tree:root(R), []}}},
+        V = #v{t = R, nodes = #{root => {root, 0, arbo_tree:root(R), []}}, want = Actions},
         ops(Ops, 1, V)
     end).
 
-ops([], _, V) -> {ok, lists:reverse((close_run(V))#v.parts)};
+ops([], _, V) -> {ok, lists:reverse((close_run(V))#v.parts), lists:reverse(V#v.acts)};
 ops([Op | More], I, V) ->
     try op(Op, V) of
-        V1 -> ops(More, I + 1, V1)
+        {_, #v{want = false} = V1} -> ops(More, I + 1, V1);
+        {Act, V1} -> ops(More, I + 1, V1#v{acts = [Act | V1#v.acts]})
     catch throw:{refuse, Reason} -> {error, {I, Op, Reason}}
     end;
 ops(_, I, _) -> {error, {I, tail, not_a_list}}.
@@ -67,38 +74,41 @@ op({instance, LP, Key}, V) when is_list(LP) -> create(LP ++ [Key], instance, V);
 op({set, P, Val}, V) ->
     {Chain, V1} = resolve(P, V),
     holds_value(Chain, V1),
-    emit(value_record(Val), navigate(Chain, V1));
+    {{set, keys(Chain, V1), Val}, emit(value_record(Val), navigate(Chain, V1))};
 op({clear_value, P}, V) ->
     {Chain, V1} = resolve(P, V),
     holds_value(Chain, V1),
-    own({clear_value, keys(Chain, V1)}, V1);
+    Act = {clear_value, own_keys(Chain, V1)},
+    {Act, own(Act, V1)};
 op({set_flags, P, F}, V) ->
     {Chain, V1} = resolve(P, V),
     not_root(Chain),
-    flags_record(F),
-    emit(flags_record(F), navigate(Chain, V1));
+    Rec = flags_record(F),
+    {{set_flags, keys(Chain, V1), F}, emit(Rec, navigate(Chain, V1))};
 op({set_attr, P, Id, Val}, V) ->
     {Chain, V1} = resolve(P, V),
     not_root(Chain),
     attr_id(Id),
     Val =/= empty orelse refuse({bad_value, Val}),
-    emit([<<18, Id:32>>, encode(Val)], navigate(Chain, V1));
+    {{set_attr, keys(Chain, V1), Id, Val}, emit([<<18, Id:32>>, encode(Val)], navigate(Chain, V1))};
 op({delete_attr, P, Id}, V) ->
     {Chain, V1} = resolve(P, V),
     not_root(Chain),
     attr_id(Id),
-    emit(<<18, Id:32, 0>>, navigate(Chain, V1));
+    {{delete_attr, keys(Chain, V1), Id}, emit(<<18, Id:32, 0>>, navigate(Chain, V1))};
 op({set_active, P, B}, V) when is_boolean(B) ->
     {Chain, V1} = resolve(P, V),
     kind(lists:last(Chain), V1) =:= instance orelse refuse(wrong_node_type),
-    own({set_active, keys(Chain, V1), B}, V1);
+    Act = {set_active, own_keys(Chain, V1), B},
+    {Act, own(Act, V1)};
 op({delete, P}, V) ->
     {Chain, V1} = resolve(P, V),
     not_root(Chain),
     {Parent, [Id]} = lists:split(length(Chain) - 1, Chain),
     Key = key(Id, V1),
     V2 = emit(key_record(10, Key), navigate(Parent, V1)),
-    V2#v{links = (V2#v.links)#{{lists:last(Parent), Key} => deleted}};
+    {{delete, keys(Chain, V1)},
+     V2#v{links = (V2#v.links)#{{lists:last(Parent), Key} => deleted}}};
 op({delete_ns, P, Ns}, V) when ?U32(Ns) ->
     {Chain, V1} = resolve(P, V),
     Id = lists:last(Chain),
@@ -112,7 +122,8 @@ op({delete_ns, P, Ns}, V) when ?U32(Ns) ->
                               end;
                          (_, Child) -> Child
                       end, Links),
-    V2#v{nodes = Nodes#{Id := {Kind, Key, Ref, [Ns | Gone]}}, links = Links1};
+    {{delete_ns, keys(Chain, V1), Ns},
+     V2#v{nodes = Nodes#{Id := {Kind, Key, Ref, [Ns | Gone]}}, links = Links1}};
 op({rename, P, NewKey}, V) ->
     {Chain, V1} = resolve(P, V),
     {Parent, [Id]} = lists:split(length(Chain) - 1, Chain),
@@ -127,8 +138,9 @@ op({rename, P, NewKey}, V) ->
                     {F, B} = key_bytes(New),
                     V3 = emit([key_record(27, Old), F, B], navigate(Parent, V2)),
                     #v{nodes = Nodes, links = Links} = V3,
-                    V3#v{nodes = Nodes#{Id := {instance, New, Ref, Gone}},
-                         links = Links#{{ListId, Old} => deleted, {ListId, New} => Id}};
+                    {{rename, keys(Chain, V1), New},
+                     V3#v{nodes = Nodes#{Id := {instance, New, Ref, Gone}},
+                          links = Links#{{ListId, Old} => deleted, {ListId, New} => Id}}};
                 {_, _} -> refuse(key_taken)
             end
     end;
@@ -138,25 +150,26 @@ op({move, P, Where}, V) ->
     ListId = lists:last(Parent),
     kind(ListId, V1) =:= {list, user_order} orelse refuse(not_user_ordered),
     Key = key(Id, V1),
-    Rec = case Where of
-              first -> [key_record(19, Key), <<0:32>>];
-              last -> [key_record(19, Key), <<16#ffffffff:32>>];
-              {position, N} when ?I32(N), N >= 0 -> [key_record(19, Key), <<N:32>>];
-              {Rel, RefKey} when Rel =:= before; Rel =:= 'after' ->
-                  RK = instance_key(RefKey),
-                  RK =/= Key orelse refuse(same_node),
-                  case child(ListId, RK, V1) of
-                      {none, _} -> refuse({no_node, RefKey});
-                      _ -> ok
-                  end,
-                  {F, B} = key_bytes(RK),
-                  [key_record(26, Key), if Rel =:= before -> 1; true -> 0 end, F, B];
-              _ -> refuse({bad_position, Where})
-          end,
-    emit(Rec, navigate(Parent, V1));
+    {To, Rec} =
+        case Where of
+            first -> {{position, 0}, [key_record(19, Key), <<0:32>>]};
+            last -> {{position, -1}, [key_record(19, Key), <<16#ffffffff:32>>]};
+            {position, N} when ?I32(N), N >= 0 -> {Where, [key_record(19, Key), <<N:32>>]};
+            {Rel, RefKey} when Rel =:= before; Rel =:= 'after' ->
+                RK = instance_key(RefKey),
+                RK =/= Key orelse refuse(same_node),
+                case child(ListId, RK, V1) of
+                    {none, _} -> refuse({no_node, RefKey});
+                    _ -> ok
+                end,
+                {F, B} = key_bytes(RK),
+                {{Rel, RK}, [key_record(26, Key), if Rel =:= before -> 1; true -> 0 end, F, B]};
+            _ -> refuse({bad_position, Where})
+        end,
+    {{move, keys(Chain, V1), To}, emit(Rec, navigate(Parent, V1))};
 op(clear, V) ->
     V1 = own(clear, V),
-    V1#v{nodes = #{root => {root, 0, undefined, []}}, links = #{}};
+    {clear, V1#v{nodes = #{root => {root, 0, undefined, []}}, links = #{}}};
 op(_, _) -> refuse(bad_op).
 
 refuse(Reason) -> throw({refuse, Reason}).
@@ -177,15 +190,16 @@ create(P, Kind, V) when is_list(P), P =/= [] ->
     end,
     Key = canon(Last, PKind),
     Kind =/= container orelse is_integer(Key) orelse refuse({bad_key, Last}),
+    Act = {create, keys(Chain, V1), Kind, Key},
     case child(PId, Key, V1) of
         {none, V2} ->
             #v{nodes = Nodes, links = Links, next = Id} = V2,
             V3 = V2#v{nodes = Nodes#{Id => {Kind, Key, undefined, []}},
                       links = Links#{{PId, Key} => Id}, next = Id + 1},
-            navigate(Chain ++ [Id], V3);
+            {Act, navigate(Chain ++ [Id], V3)};
         {Id, V2} ->
             kind(Id, V2) =:= Kind orelse refuse({name_taken, kind(Id, V2)}),
-            navigate(Chain ++ [Id], V2)
+            {Act, navigate(Chain ++ [Id], V2)}
     end;
 create(_, _, _) -> refuse(bad_path).
 
@@ -213,7 +227,10 @@ child(PId, Key, #v{t = T, nodes = Nodes, links = Links, next = Next} = V) ->
                 false -> {none, V};
                 none -> {none, V};
                 C ->
-                    Kind = arbo_tree:type(T, C),
+                    Kind = case element(1, maps:get(PId, Nodes)) of
+                               {list, _} -> instance;
+                               _ -> arbo_tree:type(T, C)
+                           end,
                     {Next, V#v{nodes = Nodes#{Next => {Kind, Key, C, []}},
                                links = Links#{{PId, Key} => Next}, next = Next + 1}}
             end
@@ -221,7 +238,11 @@ child(PId, Key, #v{t = T, nodes = Nodes, links = Links, next = Next} = V) ->
 
 kind(Id, #v{nodes = Nodes}) -> element(1, maps:get(Id, Nodes)).
 key(Id, #v{nodes = Nodes}) -> element(2, maps:get(Id, Nodes)).
+keys(_, #v{want = false}) -> [];
 keys([root | Chain], V) -> [key(Id, V) || Id <- Chain].
+
+%% Paths the frame itself carries.
+own_keys([root | Chain], V) -> [key(Id, V) || Id <- Chain].
 
 not_root([root]) -> refuse(root);
 not_root(_) -> ok.
@@ -328,6 +349,83 @@ flags_record(F) when is_integer(F), F >= 0, F < 16#10000 -> <<17, F:16>>;
 flags_record(F) when is_integer(F), F >= 0, F < 16#100000000 -> <<22, F:32>>;
 flags_record(F) when is_integer(F), F >= 0, F < 16#10000000000000000 -> <<23, F:64>>;
 flags_record(F) -> refuse({bad_flags, F}).
+
+%% ---------------------------------------------------------------------------
+%% Applying a checked batch through the plain API
+
+%% Apply the actions of a checked batch, in order, through `arbo_tree'.
+%% Nodes found are kept while no deletion moved the tree's epoch.
+-spec apply_direct(arbo_tree:tree(), [action()]) -> ok | {error, term()}.
+apply_direct(T, Acts) ->
+    try lists:foldl(fun(A, C) -> act(T, A, C) end, #{}, Acts) of
+        _ -> ok
+    catch
+        throw:{failed, A} -> {error, {failed, A}};
+        error:R -> {error, R}
+    end.
+
+act(T, {create, PP, Kind, Key} = A, C) ->
+    {P, C1} = node(T, PP, C, A),
+    N = case Kind of
+            container -> arbo_tree:add_container(T, P, Key);
+            leaf -> arbo_tree:add_leaf(T, P, Key);
+            {list, Order} -> arbo_tree:add_list(T, P, Key, Order);
+            instance -> arbo_tree:add(T, P, Key)
+        end,
+    C1#{PP ++ [Key] => N};
+act(T, {set, Path, V} = A, C) -> on(T, Path, C, A, fun(N) -> arbo_tree:set_value(T, N, V) end);
+act(T, {set_flags, Path, F} = A, C) ->
+    on(T, Path, C, A, fun(N) -> arbo_tree:set_flags(T, N, F) end);
+act(T, {set_attr, Path, Id, V} = A, C) ->
+    on(T, Path, C, A, fun(N) -> arbo_tree:set_attr(T, N, Id, V) end);
+act(T, {delete_attr, Path, Id} = A, C) ->
+    on(T, Path, C, A, fun(N) -> arbo_tree:delete_attr(T, N, Id) end);
+act(T, {move, Path, To} = A, C) ->
+    on(T, Path, C, A,
+       fun(N) ->
+               _ = case To of
+                       {position, Pos} -> arbo_tree:move_to(T, N, Pos);
+                       {Rel, K} ->
+                           {O, _} = node(T, lists:droplast(Path) ++ [K], C, A),
+                           case Rel of
+                               before -> arbo_tree:move_before(T, N, O);
+                               'after' -> arbo_tree:move_after(T, N, O)
+                           end
+                   end,
+               ok
+       end);
+act(T, {delete, Path} = A, C) ->
+    _ = on(T, Path, C, A, fun(N) -> arbo_tree:delete(T, N) end),
+    #{};
+act(T, {delete_ns, Path, Ns} = A, C) ->
+    _ = on(T, Path, C, A, fun(N) -> _ = arbo_tree:delete_ns(T, N, Ns), ok end),
+    #{};
+act(T, {rename, Path, Key} = A, C) ->
+    _ = on(T, Path, C, A, fun(N) -> arbo_tree:rename(T, N, Key) end),
+    #{};
+act(T, A, _) ->
+    case apply_own(T, A) of
+        ok -> #{};
+        {error, _} -> throw({failed, A})
+    end.
+
+on(T, Path, C, A, Fun) ->
+    {N, C1} = node(T, Path, C, A),
+    case Fun(N) of
+        ok -> C1;
+        true -> C1;
+        _ -> throw({failed, A})
+    end.
+
+node(T, Path, C, A) ->
+    case C of
+        #{Path := N} -> {N, C};
+        _ ->
+            case arbo_tree:lookup(T, Path) of
+                none -> throw({failed, A});
+                N -> {N, C#{Path => N}}
+            end
+    end.
 
 %% ---------------------------------------------------------------------------
 %% The store's own operations

@@ -20,7 +20,7 @@
 -module(arbo_repl).
 -behaviour(gen_server).
 
--export([start/3, shipped/3, committed/2, info/1, promote/1, wait_for/3, status/1, frames_after/2]).
+-export([start/3, committed/2, info/1, promote/1, wait_for/3, status/1]).
 -export([init/1, handle_call/3, handle_cast/2, handle_info/2, terminate/2]).
 
 -define(TICK, 100).            % ms between checks of deadlines and lost peers
@@ -33,7 +33,8 @@
 -record(f, {node, mref, acked = 0, sent = 0, mode = live, infl = [], runs = [],
             snap}).
 -record(r, {name, db, dir, role, epochs = [], members = [], ack = none, timeout = 5000,
-            leader, lpid, seq = 0, fs = #{}, pending = [], snap, tried = 0}).
+            leader, lpid, seq = 0, fs = #{}, pending = [], snap, tried = 0,
+            subscribed = false}).
 
 %% ---------------------------------------------------------------------------
 %% Called by the store
@@ -57,11 +58,6 @@ gone(undefined) -> ok;
 gone(Pid) ->
     Ref = erlang:monitor(process, Pid),
     receive {'DOWN', Ref, _, _, _} -> ok after 5000 -> ok end.
-
-%% A run of frames the store wrote (and synced as its policy says).
--spec shipped(map() | none, non_neg_integer(), iodata()) -> ok.
-shipped(#{role := leader, pid := P}, Last, Frames) -> P ! {shipped, Last, Frames}, ok;
-shipped(_, _, _) -> ok.
 
 %% Commits that are durable on the leader; answered once `ack' is met.
 %% `false' when the store answers them itself.
@@ -106,20 +102,6 @@ wait(Db, Seq, Deadline, Pause) ->
 %% promoted).
 -spec status(atom()) -> {list(), non_neg_integer()}.
 status(Name) -> gen_server:call(repl_name(Name), status, 5000).
-
-%% The frames of this node's journal after Seq, for a node being promoted
-%% that is behind it: `{ok, Run}' or `none'.
--spec frames_after(atom(), non_neg_integer()) -> {ok, binary()} | none.
-frames_after(Name, Seq) ->
-    {Last, SnapSeq, _, JPath} = gen_server:call(Name, {repl, source}, infinity),
-    case Seq >= SnapSeq andalso file:read_file(JPath) of
-        {ok, J} ->
-            case (arbo_repl_io:run_after(J, Seq, Last))(1 bsl 40) of
-                [{_, _, Run}] -> {ok, Run};
-                _ -> none
-            end;
-        _ -> none
-    end.
 
 repl_name(Name) -> list_to_atom("arbo_repl " ++ atom_to_list(Name)).
 
@@ -174,8 +156,7 @@ handle_call(_, _, R) -> {reply, {error, badarg}, R}.
 handle_cast(_, R) -> {noreply, R}.
 
 handle_info(start, R) ->
-    {Seq, _, _, _} = source(R),
-    R1 = R#r{seq = Seq},
+    R1 = R#r{seq = maps:get(seq, arbo_db:info(R#r.db))},
     case R1#r.role of
         leader -> {noreply, lead(R1)};
         follower -> {noreply, become_follower(R1, R1#r.leader)}
@@ -186,10 +167,10 @@ handle_info(tick, R) ->
 handle_info({'EXIT', Db, Reason}, #r{db = Db} = R) -> {stop, Reason, R};
 handle_info({'EXIT', _, _}, R) -> {noreply, R};
 %% leader side
-handle_info({shipped, Last, Frames}, #r{role = leader} = R) ->
-    Run = iolist_to_binary(Frames),
+handle_info({arbo_db_frames, _, Frames}, #r{role = leader} = R) ->
+    {Last, _} = lists:last(Frames),
     R1 = R#r{seq = Last},
-    Fs = maps:map(fun(Pid, F) -> live(Pid, F, Run, Last, R1) end, R1#r.fs),
+    Fs = maps:map(fun(Pid, F) -> live(Pid, F, Frames, Last, R1) end, R1#r.fs),
     {noreply, settle(R1#r{fs = Fs})};
 handle_info({committed, P}, #r{role = leader} = R) ->
     Deadline = erlang:monotonic_time(millisecond) + R#r.timeout,
@@ -228,9 +209,9 @@ handle_info({welcome, Pid, Epochs, Members, Ack, Timeout}, #r{role = follower} =
                                timeout = Timeout})};
         false -> {noreply, R}
     end;
-handle_info({frames, Pid, Last, Run}, #r{role = follower, lpid = Pid} = R) ->
-    {Run1, Last1} = more_frames(Pid, Run, Last),
-    {noreply, append(Run1, Last1, R)};
+handle_info({frames, Pid, Last, Frames}, #r{role = follower, lpid = Pid} = R) ->
+    {Frames1, Last1} = more_frames(Pid, [Frames], Last),
+    {noreply, append(Frames1, Last1, R)};
 handle_info({frames, Pid, _, _}, R) ->
     %% Not from this node's leader: an older epoch's, told of the newer.
     Pid ! {newer_epoch, epoch(R)},
@@ -275,6 +256,9 @@ terminate(_, R) ->
 %% ---------------------------------------------------------------------------
 %% Roles
 
+lead(#r{subscribed = false} = R) ->
+    ok = arbo_db:subscribe(R#r.db),
+    lead(R#r{subscribed = true});
 lead(R) ->
     ok = gen_server:call(R#r.db, {repl, {set, #{pid => self(), role => leader, leader => node(),
                                                  epoch => epoch(R), members => R#r.members}}},
@@ -343,10 +327,10 @@ pull(#r{name = Name, members = Ms, epochs = Es, seq = Seq} = R) ->
     R1 = R#r{members = lists:usort([node() | Ms] ++ [N || {_, N, _} <- Status])},
     case lists:reverse(lists:sort([P || {S, _, _} = P <- Status, S > Seq])) of
         [{_, N, Es1} | _] ->
-            case catch erpc:call(N, ?MODULE, frames_after, [Name, Seq], 30000) of
-                {ok, Run} ->
-                    {ok, _, Last} = arbo_repl_io:payloads(Run, Seq),
-                    R2 = append(Run, Last, R1),
+            case catch erpc:call(N, arbo_db, frames_since, [Name, Seq], 30000) of
+                {ok, [_ | _] = Frames} ->
+                    {Last, _} = lists:last(Frames),
+                    R2 = append(Frames, Last, R1),
                     {ok, R2#r{epochs = longer(Es1, Es)}};
                 _ -> {behind, N}
             end;
@@ -367,7 +351,7 @@ join(Pid, Epochs, Seq, #r{role = leader, fs = Fs} = R) ->
         newer ->
             become_follower(step_down(R), element(2, last_epoch(Epochs)));
         _ ->
-            {Last, SnapSeq, _, _} = source(R),
+            #{seq := Last, snapshot_seq := SnapSeq} = arbo_db:info(R#r.db),
             Old = [P || {P, F} <- maps:to_list(Fs), F#f.node =:= node(Pid)],
             Fs1 = lists:foldl(fun(P, A) ->
                                       #f{mref = M} = F = maps:get(P, A),
@@ -407,12 +391,12 @@ consistent(FEpochs, Seq, Epochs, Last) ->
 
 %% Live frames: sent as they come while the follower keeps up, else left to
 %% the journal.
-live(Pid, #f{mode = live, sent = Sent, infl = Infl} = F, Run, Last, R) ->
-    First = arbo_repl_io:first_seq(Run),
+live(Pid, #f{mode = live, sent = Sent, infl = Infl} = F, Frames, Last, R) ->
+    [{First, _} | _] = Frames,
     if
         Last =< Sent -> F;
         First =:= Sent + 1, length(Infl) < ?LAG ->
-            Pid ! {frames, self(), Last, Run},
+            Pid ! {frames, self(), Last, Frames},
             F#f{sent = Last, infl = Infl ++ [Last]};
         true -> feed(Pid, F#f{mode = catchup, runs = []}, R)
     end;
@@ -426,28 +410,23 @@ feed(Pid, #f{mode = catchup, infl = Infl, runs = [{_, Last, Run} | More]} = F, R
     feed(Pid, F#f{sent = Last, infl = Infl ++ [Last], runs = More}, R);
 feed(Pid, #f{mode = catchup, infl = Infl, runs = [], sent = Sent} = F, R)
   when length(Infl) < ?WINDOW ->
-    {Last, SnapSeq, _, JPath} = source(R),
+    #{seq := Last} = arbo_db:info(R#r.db),
     case Sent >= Last of
         true -> F#f{mode = live};
-        false when Sent < SnapSeq -> feed(Pid, F#f{mode = snapshot}, R);
         false ->
-            case file:read_file(JPath) of
-                {ok, J} ->
-                    case (arbo_repl_io:run_after(J, Sent, Last))(?RUN) of
-                        [_ | _] = Runs -> feed(Pid, F#f{runs = Runs}, R);
-                        _ -> F#f{mode = snapshot, infl = [], snap = undefined}
-                    end;
-                {error, enoent} -> feed(Pid, F, R);  % compacted meanwhile
-                {error, Reason} -> error({journal, JPath, Reason})
+            case arbo_db:frames_since(R#r.db, Sent) of
+                {ok, [_ | _] = Frames} -> feed(Pid, F#f{runs = runs(Frames, 0, [], [])}, R);
+                {ok, []} -> F#f{mode = live};
+                {error, {compacted, _}} -> feed(Pid, F#f{mode = snapshot, infl = []}, R)
             end
     end;
 feed(Pid, #f{mode = snapshot, snap = undefined} = F, R) ->
-    {_, SnapSeq, SnapPath, _} = source(R),
-    case file:open(SnapPath, [read, raw, binary]) of
+    {SnapSeq, Path} = snapshot_file(R),
+    case file:open(Path, [read, raw, binary]) of
         {ok, Fd} ->
             Pid ! {snap_begin, self(), SnapSeq},
             feed(Pid, F#f{snap = {Fd, SnapSeq}, infl = []}, R);
-        {error, enoent} -> feed(Pid, F, R)
+        {error, enoent} -> feed(Pid, F, R)  % replaced by a compaction meanwhile
     end;
 feed(Pid, #f{mode = snapshot, snap = {Fd, SnapSeq}, infl = Infl} = F, R)
   when length(Infl) < ?WINDOW ->
@@ -463,6 +442,25 @@ feed(Pid, #f{mode = snapshot, snap = {Fd, SnapSeq}, infl = Infl} = F, R)
                 infl = [SnapSeq]}
     end;
 feed(_, F, _) -> F.
+
+%% Frames cut into runs of about ?RUN bytes: [{First, Last, Frames}].
+runs([], _, [], Acc) -> lists:reverse(Acc);
+runs([], _, Run, Acc) -> lists:reverse([run(Run) | Acc]);
+runs([{_, P} = Fr | More], Size, Run, Acc) when Size + byte_size(P) > ?RUN, Run =/= [] ->
+    runs(More, byte_size(P), [Fr], [run(Run) | Acc]);
+runs([{_, P} = Fr | More], Size, Run, Acc) -> runs(More, Size + byte_size(P), [Fr | Run], Acc).
+
+run(Rev) ->
+    [{Last, _} | _] = Rev,
+    Frames = lists:reverse(Rev),
+    [{First, _} | _] = Frames,
+    {First, Last, Frames}.
+
+%% The store's latest snapshot and the sequence number it holds.
+snapshot_file(#r{dir = Dir}) ->
+    [Path | _] = lists:reverse(lists:sort(filelib:wildcard(filename:join(Dir, "snap-*.arbo")))),
+    ["snap", Hex | _] = string:split(filename:basename(Path), "-", all),
+    {list_to_integer(Hex, 16), Path}.
 
 close_snap(#f{snap = {Fd, _}}) -> _ = file:close(Fd), ok;
 close_snap(_) -> ok.
@@ -498,31 +496,32 @@ expire(#r{pending = P} = R) ->
 %% Follower: applying
 
 %% Runs that are already waiting join this one: one write, one sync.
-more_frames(Pid, Run, Last) ->
+more_frames(Pid, Acc, Last) ->
     receive
-        {frames, Pid, Last2, Run2} when Last2 > Last -> more_frames(Pid, [Run, Run2], Last2)
-    after 0 -> {iolist_to_binary(Run), Last}
+        {frames, Pid, Last2, Frames} when Last2 > Last -> more_frames(Pid, [Frames | Acc], Last2)
+    after 0 -> {lists:append(lists:reverse(Acc)), Last}
     end.
 
 append(_, Last, #r{seq = Seq} = R) when Last =< Seq -> ack(R), R;
-append(Run, _, #r{seq = Seq} = R) ->
-    case trim(Run, Seq) of
-        {ok, Run1} ->
-            {ok, Seq1} = gen_server:call(R#r.db, {repl, {append, Run1}}, infinity),
-            ack(R#r{seq = Seq1}),
-            R#r{seq = Seq1};
-        gap ->
-            %% Frames missing in between: ask again from where we are.
-            send_join(R#r{lpid = undefined}, R#r.leader)
+append(Frames, _, #r{seq = Seq} = R) ->
+    case lists:dropwhile(fun({S, _}) -> S =< Seq end, Frames) of
+        [{First, _} | _] = New when First =:= Seq + 1 ->
+            case arbo_db:append(R#r.db, New) of
+                {ok, Seq1} ->
+                    ack(R#r{seq = Seq1}),
+                    R#r{seq = Seq1};
+                {error, Reason} ->
+                    logger:warning("arbo_repl ~p: frames from the leader refused: ~p",
+                                   [R#r.name, Reason]),
+                    rejoin(R)
+            end;
+        _ -> rejoin(R)
     end.
 
-%% Drop the frames of a run that are already applied.
-trim(Run, Seq) ->
-    case (arbo_repl_io:run_after(<<0:288, Run/binary>>, Seq, 1 bsl 62))(1 bsl 40) of
-        [{_, _, Run1}] -> {ok, Run1};
-        [] -> {ok, <<>>};
-        gap -> gap
-    end.
+%% Frames missing in between, or refused: ask again from where we are.
+rejoin(R) ->
+    #{seq := Seq} = arbo_db:info(R#r.db),
+    send_join(R#r{lpid = undefined, seq = Seq}, R#r.leader).
 
 ack(#r{lpid = Pid, seq = Seq}) when is_pid(Pid) -> Pid ! {ack, self(), Seq};
 ack(_) -> ok.
@@ -549,4 +548,3 @@ save(#r{dir = Dir} = R) ->
                                          ack => R#r.ack, timeout => R#r.timeout}),
     R.
 
-source(#r{db = Db}) -> gen_server:call(Db, {repl, source}, infinity).

@@ -4,7 +4,7 @@
 -module(arbo_db_tests).
 -include_lib("eunit/include/eunit.hrl").
 
--export([commit_and_compact/3, commit_forever/3, full_disk/1]).
+-export([commit_and_compact/3, log/2]).
 
 %% ---- helpers ------------------------------------------------------------------------
 
@@ -154,44 +154,50 @@ random_batch() ->
 
 %% Every batch is answered as the plain API would take it: committed whole
 %% (the store's tree then equals the reference) or refused at the operation
-%% the plain API refuses (nothing changed). The reopened store, from the
-%% journal alone and after a snapshot, equals the reference too.
+%% the plain API refuses (nothing changed). Two stores take the same
+%% batches: one applies them call by call, the other through the loader
+%% from the frame's records. Reopened, from the journal alone and after a
+%% snapshot, each equals the reference too.
 random_batches_test_() ->
     {timeout, 120, fun() ->
         rand:seed(exsss, {18, 19, 20}),
-        Dir = scratch("model"),
-        {ok, Db0} = open(db_model, Dir),
+        Stores = [{db_model, scratch("model"), #{}}, {db_model_native, scratch("model_n"),
+                                                       #{direct_max => 0}}],
+        Dbs0 = [begin {ok, D} = open(N, Dir, O), D end || {N, Dir, O} <- Stores],
         put(committed, 0),
-        Ref0 = arbo_tree:new(),
-        {Db, Ref} =
+        {Dbs, Ref} =
             lists:foldl(
-              fun(I, {Db, Ref}) ->
+              fun(I, {Dbs, Ref}) ->
                       Ops = random_batch(),
-                      Before = dump(arbo_db:tree(Db)),
+                      Befores = [dump(arbo_db:tree(Db)) || Db <- Dbs],
+                      Answers = [arbo_db:commit(Db, Ops) || Db <- Dbs],
                       Ref1 =
-                          case {arbo_db:commit(Db, Ops), reference(Ref, Ops)} of
-                              {{ok, _}, {ok, R}} ->
+                          case {lists:usort([A || {A, _} <- Answers]), reference(Ref, Ops)} of
+                              {[ok], {ok, R}} ->
                                   arbo_tree:close(Ref),
                                   put(committed, get(committed) + 1),
                                   R;
-                              {{error, {At, _, _}}, {fail, At}} ->
-                                  ?assertEqual(Before, dump(arbo_db:tree(Db))),
+                              {[error], {fail, At}} ->
+                                  [?assertMatch({error, {At, _, _}}, A) || A <- Answers],
+                                  ?assertEqual(Befores, [dump(arbo_db:tree(Db)) || Db <- Dbs]),
                                   Ref;
-                              Other -> error({mismatch, Ops, Other})
+                              Other -> error({mismatch, Ops, Answers, Other})
                           end,
-                      ?assertEqual(dump(Ref1), dump(arbo_db:tree(Db))),
-                      Db1 = case I rem 100 of
-                                0 -> reopen(Db, db_model, Dir);
-                                50 -> ok = arbo_db:snapshot(Db), Db;
-                                _ -> Db
-                            end,
-                      {Db1, Ref1}
-              end, {Db0, Ref0}, lists:seq(1, 600)),
-        Db2 = reopen(Db, db_model, Dir),
-        ?assertEqual(dump(Ref), dump(arbo_db:tree(Db2))),
+                      [?assertEqual(dump(Ref1), dump(arbo_db:tree(Db))) || Db <- Dbs],
+                      Dbs1 = case I rem 100 of
+                                 0 -> [reopen(Db, N, Dir) || {Db, {N, Dir, _}} <- lists:zip(Dbs, Stores)];
+                                 50 -> [ok = arbo_db:snapshot(Db) || Db <- Dbs], Dbs;
+                                 _ -> Dbs
+                             end,
+                      {Dbs1, Ref1}
+              end, {Dbs0, arbo_tree:new()}, lists:seq(1, 600)),
+        [begin
+             Db2 = reopen(Db, N, Dir),
+             ?assertEqual(dump(Ref), dump(arbo_db:tree(Db2))),
+             ok = arbo_db:close(Db2)
+         end || {Db, {N, Dir, _}} <- lists:zip(Dbs, Stores)],
         %% both answers are common
-        ?assert(get(committed) > 100),
-        ok = arbo_db:close(Db2)
+        ?assert(get(committed) > 100)
     end}.
 
 %% Every kind of operation, committed and compared with the plain API, in
@@ -297,7 +303,17 @@ refusal_test() ->
     ?assertEqual(Before, dump(arbo_db:tree(Db2))),
     ?assertMatch(#{seq := 1}, arbo_db:info(Db2)),
     ?assertMatch({error, {already_open, _}}, open(db_refusal, Dir)),
-    ok = arbo_db:close(Db2).
+    %% the read handle refuses every change; closing the store closes it
+    T = arbo_db:tree(Db2),
+    Root = arbo_tree:root(T),
+    [?assertError({read_only, _}, F())
+     || F <- [fun() -> arbo_tree:add_leaf(T, Root, 99) end,
+              fun() -> arbo_tree:delete(T, arbo_tree:lookup(T, [1])) end,
+              fun() -> arbo_tree:set_value(T, arbo_tree:lookup(T, [1, 2]), <<"x">>) end,
+              fun() -> arbo_tree:clear(T) end]],
+    ?assertEqual(Before, dump(T)),
+    ok = arbo_db:close(Db2),
+    ?assertError({arbo_closed, _}, arbo_tree:root(T)).
 
 %% ---- journals cut and corrupted ------------------------------------------------------
 
@@ -326,6 +342,8 @@ torn_tail_test_() ->
         Dir = scratch("torn"),
         {J, Bin, Dumps, Starts} = four_frames(db_torn, Dir),
         Last = lists:last(Starts),
+        ok = logger:add_handler(arbo_db_tests, ?MODULE, #{config => #{to => self()},
+                                                           level => warning}),
         Third = lists:nth(3, Dumps),
         Zeroed = <<(binary:part(Bin, 0, Last))/binary, 0:((byte_size(Bin) - Last) * 8)>>,
         Tails = [binary:part(Bin, 0, Cut) || Cut <- lists:seq(Last, byte_size(Bin) - 1)]
@@ -336,8 +354,15 @@ torn_tail_test_() ->
              ?assertEqual({byte_size(Torn), Third, 3},
                           {byte_size(Torn), dump(arbo_db:tree(Db)), maps:get(seq, arbo_db:info(Db))}),
              ?assertEqual(Last, filelib:file_size(J)),
+             %% a warning says how many bytes went, from where
+             Dropped = byte_size(Torn) - Last,
+             ?assertEqual(if Dropped > 0 -> {Dropped, Last}; true -> no_warning end,
+                          receive {warning, [db_torn, _, D, At]} -> {D, At}
+                          after 100 -> no_warning
+                          end),
              ok = arbo_db:close(Db)
          end || Torn <- Tails],
+        ok = logger:remove_handler(arbo_db_tests),
         %% after a cut, new frames follow on and replay
         {ok, Db} = open(db_torn, Dir),
         ?assertEqual({ok, 4}, arbo_db:commit(Db, [{instance, [1], 9}])),
@@ -346,6 +371,10 @@ torn_tail_test_() ->
         ?assertEqual(Expect, dump(arbo_db:tree(Db2))),
         ok = arbo_db:close(Db2)
     end}.
+
+%% A logger handler that passes warnings on to a test process.
+log(#{level := warning, msg := {_, Args}}, #{config := #{to := Pid}}) -> Pid ! {warning, Args};
+log(_, _) -> ok.
 
 %% A flipped bit in a middle frame (header or payload) refuses the open
 %% with the frame's offset; recover => true opens to the frame before it.
@@ -481,32 +510,36 @@ policies_test() ->
      end || Policy <- [always, {interval, 50}, none]],
     ?assertError({badarg, _}, arbo_db:commit(db_policy, not_a_list)).
 
-%% ---- kept for the reliability scenarios ----------------------------------------------
+%% ---- frames for followers -------------------------------------------------------------
 
-%% In a child VM: committers that each record what was acknowledged.
-commit_forever(Dir, Workers, Log) ->
-    {ok, Db} = arbo_db:open(db_kill, #{dir => Dir}),
-    [spawn(fun() -> worker(Db, W, 1, Log) end) || W <- lists:seq(1, Workers)],
-    ok.
+%% A second store fed with the first one's frames, as a subscriber gets
+%% them and as frames_since/2 reads them back, holds the same tree; frames
+%% out of order or malformed are refused.
+follower_test() ->
+    {ok, A} = open(db_leader, scratch("leader")),
+    {ok, B} = open(db_follower, scratch("follower")),
+    ok = arbo_db:subscribe(A),
+    Batches = [[{list, [1], user_order}, {instance, [1], 1}, {instance, [1], 2}],
+               [{set, [1, 1], <<"a">>}, {move, [1, 2], first}, {set_active, [1, 1], false}],
+               [{leaf, [2]}, {set, [2], {int32, 7}}, {clear_value, [2]}, clear, {leaf, [3]}]],
+    [{ok, _} = arbo_db:commit(A, Ops) || Ops <- Batches],
+    Frames = lists:append([receive {arbo_db_frames, db_leader, F} -> F end || _ <- Batches]),
+    ?assertEqual([1, 2, 3], [Seq || {Seq, _} <- Frames]),
+    ?assertEqual({ok, Frames}, arbo_db:frames_since(A, 0)),
+    ?assertEqual({ok, tl(Frames)}, arbo_db:frames_since(A, 1)),
+    ?assertEqual({error, {out_of_order, 1, 2}}, arbo_db:append(B, tl(Frames))),
+    ?assertEqual({ok, 1}, arbo_db:append(B, [hd(Frames)])),
+    ?assertEqual({error, {out_of_order, 2, 1}}, arbo_db:append(B, Frames)),
+    [{2, P2}, {3, _}] = tl(Frames),
+    ?assertEqual({error, {bad_frame, 2}}, arbo_db:append(B, [{2, <<"R", P2/binary>>}])),
+    ?assertEqual({ok, 3}, arbo_db:append(B, tl(Frames))),
+    ?assertEqual(dump(arbo_db:tree(A)), dump(arbo_db:tree(B))),
+    ?assertMatch(#{seq := 3}, arbo_db:info(B)),
+    %% a compacted leader sends its snapshot instead
+    ok = arbo_db:snapshot(A),
+    ?assertEqual({error, {compacted, 3}}, arbo_db:frames_since(A, 2)),
+    ?assertEqual({ok, []}, arbo_db:frames_since(A, 3)),
+    B2 = reopen(B, db_follower, maps:get(dir, arbo_db:info(B))),
+    ?assertEqual(dump(arbo_db:tree(A)), dump(arbo_db:tree(B2))),
+    [ok = arbo_db:close(D) || D <- [A, B2]].
 
-worker(Db, W, I, Log) ->
-    Key = W * 1000000 + I,
-    {ok, _} = arbo_db:commit(Db, [{instance, [1], Key}, {set, [1, Key], <<I:32>>},
-                                  {instance, [2], Key}]),
-    ok = file:write_file(Log ++ "." ++ integer_to_list(W), <<Key:64>>, [append, raw]),
-    worker(Db, W, I + 1, Log).
-
-%% In a child VM under a file size limit: commits until one is refused.
-full_disk(Dir) ->
-    {ok, Db} = arbo_db:open(db_full, #{dir => Dir, compact_bytes => 1 bsl 40}),
-    {ok, _} = arbo_db:commit(Db, [{list, [1], sorted}]),
-    Big = binary:copy(<<"x">>, 4000),
-    R = fill(Db, 1, Big),
-    Dump = dump(arbo_db:tree(Db)),
-    {R, Dump, maps:get(seq, arbo_db:info(Db))}.
-
-fill(Db, I, Big) ->
-    case arbo_db:commit(Db, [{instance, [1], I}, {set, [1, I], Big}]) of
-        {ok, _} -> fill(Db, I + 1, Big);
-        {error, _} = E -> {E, I}
-    end.
