@@ -17,7 +17,7 @@
 %%   a follower with an empty directory taking the leader's snapshot of
 %%   those 1M instances (MB/s, the same span).
 -module(arbo_bench_repl).
--export([rows/0, commits/4]).
+-export([rows/0, commits/4, catch_up/3]).
 
 -define(DB, arbo_bench_repl_db).
 

@@ -25,7 +25,7 @@
 
 -define(TICK, 100).            % ms between checks of deadlines and lost peers
 -define(RETRY, 500).           % ms between attempts to reach a missing peer
--define(RUN, (1 bsl 20)).      % bytes of frames per message when catching up
+-define(RUN, (4 bsl 20)).      % bytes of frames per message when catching up
 -define(CHUNK, (1 bsl 20)).    % bytes of snapshot per message
 -define(WINDOW, 4).            % catch-up or snapshot messages in flight
 -define(LAG, 256).             % live messages in flight before a follower is fed from the journal
@@ -34,7 +34,7 @@
             snap}).
 -record(r, {name, db, dir, role, epochs = [], members = [], ack = none, timeout = 5000,
             leader, lpid, seq = 0, fs = #{}, pending = [], snap, tried = 0,
-            subscribed = false}).
+            subscribed = false, synced = false}).
 
 %% ---------------------------------------------------------------------------
 %% Called by the store
@@ -86,7 +86,8 @@ wait_for(Db, Seq, Timeout) ->
     wait(Db, Seq, Deadline, 1).
 
 wait(Db, Seq, Deadline, Pause) ->
-    case maps:get(seq, arbo_db:info(Db)) >= Seq of
+    Info = arbo_db:info(Db),
+    case maps:get(seq, Info) >= Seq andalso maps:get(synced, maps:get(replication, Info), true) of
         true -> ok;
         false ->
             Now = erlang:monotonic_time(millisecond),
@@ -156,7 +157,7 @@ handle_call(_, _, R) -> {reply, {error, badarg}, R}.
 handle_cast(_, R) -> {noreply, R}.
 
 handle_info(start, R) ->
-    R1 = R#r{seq = maps:get(seq, arbo_db:info(R#r.db))},
+    R1 = R#r{seq = maps:get(seq, db(fun() -> arbo_db:info(R#r.db) end))},
     case R1#r.role of
         leader -> {noreply, lead(R1)};
         follower -> {noreply, become_follower(R1, R1#r.leader)}
@@ -201,12 +202,12 @@ handle_info({'DOWN', Ref, process, Pid, _}, #r{fs = Fs} = R) ->
         _ -> {noreply, R}
     end;
 %% follower side
-handle_info({welcome, Pid, Epochs, Members, Ack, Timeout}, #r{role = follower} = R) ->
+handle_info({welcome, Pid, Epochs, Members, Ack, Timeout, Same}, #r{role = follower} = R) ->
     case newer_or_same(last_epoch(Epochs), epoch(R)) of
         true ->
             erlang:monitor(process, Pid),
-            {noreply, save(R#r{lpid = Pid, epochs = Epochs, members = Members, ack = Ack,
-                               timeout = Timeout})};
+            {noreply, publish(save(R#r{lpid = Pid, epochs = Epochs, members = Members, ack = Ack,
+                                       timeout = Timeout, synced = Same}))};
         false -> {noreply, R}
     end;
 handle_info({frames, Pid, Last, Frames}, #r{role = follower, lpid = Pid} = R) ->
@@ -230,7 +231,7 @@ handle_info({snap_end, Pid}, #r{role = follower, lpid = Pid, snap = {Fd, Tmp, Sn
     ok = file:close(Fd),
     {ok, Seq} = gen_server:call(R#r.db, {repl, {install, Tmp, SnapSeq}}, infinity),
     Pid ! {ack, self(), Seq},
-    {noreply, R#r{snap = undefined, seq = Seq}};
+    {noreply, publish(R#r{snap = undefined, seq = Seq, synced = true})};
 %% either side: a peer's epoch
 handle_info({hello, Pid, Epoch}, R) ->
     case compare(Epoch, epoch(R)) of
@@ -260,17 +261,22 @@ lead(#r{subscribed = false} = R) ->
     ok = arbo_db:subscribe(R#r.db),
     lead(R#r{subscribed = true});
 lead(R) ->
-    ok = gen_server:call(R#r.db, {repl, {set, #{pid => self(), role => leader, leader => node(),
-                                                 epoch => epoch(R), members => R#r.members}}},
-                         infinity),
-    hello(R#r{role = leader, lpid = undefined, leader = node(), tried = erlang:monotonic_time(millisecond)}).
+    R1 = publish(R#r{role = leader, lpid = undefined, leader = node(), synced = true}),
+    hello(R1#r{tried = erlang:monotonic_time(millisecond)}).
 
 become_follower(R, Leader) ->
-    ok = gen_server:call(R#r.db, {repl, {set, #{pid => self(), role => follower,
-                                                 leader => Leader, epoch => epoch(R),
-                                                 members => R#r.members}}}, infinity),
-    R1 = R#r{role = follower, lpid = undefined, leader = Leader},
+    R1 = publish(R#r{role = follower, lpid = undefined, leader = Leader, synced = false}),
     send_join(R1, Leader).
+
+%% What the store shows of replication in its info, and refuses commits by.
+%% `synced' is false on a follower until its leader has found its frames
+%% to be a prefix of its own (or it has taken the leader's snapshot): until
+%% then its sequence number may count frames it will drop.
+publish(R) ->
+    Info = #{pid => self(), role => R#r.role, leader => R#r.leader, epoch => epoch(R),
+             members => R#r.members, synced => R#r.synced},
+    ok = db(fun() -> gen_server:call(R#r.db, {repl, {set, Info}}, infinity) end),
+    R.
 
 %% A leader that learns of a newer epoch: its waiting commits are refused,
 %% its followers let go.
@@ -351,7 +357,7 @@ join(Pid, Epochs, Seq, #r{role = leader, fs = Fs} = R) ->
         newer ->
             become_follower(step_down(R), element(2, last_epoch(Epochs)));
         _ ->
-            #{seq := Last, snapshot_seq := SnapSeq} = arbo_db:info(R#r.db),
+            #{seq := Last, snapshot_seq := SnapSeq} = db(fun() -> arbo_db:info(R#r.db) end),
             Old = [P || {P, F} <- maps:to_list(Fs), F#f.node =:= node(Pid)],
             Fs1 = lists:foldl(fun(P, A) ->
                                       #f{mref = M} = F = maps:get(P, A),
@@ -359,8 +365,8 @@ join(Pid, Epochs, Seq, #r{role = leader, fs = Fs} = R) ->
                                       close_snap(F),
                                       maps:remove(P, A)
                               end, Fs, Old),
-            Pid ! {welcome, self(), R#r.epochs, R#r.members, R#r.ack, R#r.timeout},
             Same = consistent(Epochs, Seq, R#r.epochs, Last),
+            Pid ! {welcome, self(), R#r.epochs, R#r.members, R#r.ack, R#r.timeout, Same},
             Mode = case Same of
                        true when Seq >= SnapSeq -> catchup;
                        _ -> snapshot
@@ -410,11 +416,11 @@ feed(Pid, #f{mode = catchup, infl = Infl, runs = [{_, Last, Run} | More]} = F, R
     feed(Pid, F#f{sent = Last, infl = Infl ++ [Last], runs = More}, R);
 feed(Pid, #f{mode = catchup, infl = Infl, runs = [], sent = Sent} = F, R)
   when length(Infl) < ?WINDOW ->
-    #{seq := Last} = arbo_db:info(R#r.db),
+    #{seq := Last} = db(fun() -> arbo_db:info(R#r.db) end),
     case Sent >= Last of
         true -> F#f{mode = live};
         false ->
-            case arbo_db:frames_since(R#r.db, Sent) of
+            case db(fun() -> arbo_db:frames_since(R#r.db, Sent) end) of
                 {ok, [_ | _] = Frames} -> feed(Pid, F#f{runs = runs(Frames, 0, [], [])}, R);
                 {ok, []} -> F#f{mode = live};
                 {error, {compacted, _}} -> feed(Pid, F#f{mode = snapshot, infl = []}, R)
@@ -506,7 +512,7 @@ append(_, Last, #r{seq = Seq} = R) when Last =< Seq -> ack(R), R;
 append(Frames, _, #r{seq = Seq} = R) ->
     case lists:dropwhile(fun({S, _}) -> S =< Seq end, Frames) of
         [{First, _} | _] = New when First =:= Seq + 1 ->
-            case arbo_db:append(R#r.db, New) of
+            case db(fun() -> arbo_db:append(R#r.db, New) end) of
                 {ok, Seq1} ->
                     ack(R#r{seq = Seq1}),
                     R#r{seq = Seq1};
@@ -520,7 +526,7 @@ append(Frames, _, #r{seq = Seq} = R) ->
 
 %% Frames missing in between, or refused: ask again from where we are.
 rejoin(R) ->
-    #{seq := Seq} = arbo_db:info(R#r.db),
+    #{seq := Seq} = db(fun() -> arbo_db:info(R#r.db) end),
     send_join(R#r{lpid = undefined, seq = Seq}, R#r.leader).
 
 ack(#r{lpid = Pid, seq = Seq}) when is_pid(Pid) -> Pid ! {ack, self(), Seq};
@@ -548,3 +554,11 @@ save(#r{dir = Dir} = R) ->
                                          ack => R#r.ack, timeout => R#r.timeout}),
     R.
 
+
+%% A call to the store, which may be closing: this process then stops with it.
+db(Fun) ->
+    try Fun()
+    catch exit:{Reason, {gen_server, call, _}} when Reason =:= normal; Reason =:= noproc;
+                                                    Reason =:= shutdown ->
+        exit(normal)
+    end.

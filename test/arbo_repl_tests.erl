@@ -139,13 +139,14 @@ has(X, I) ->
 %% ---- tests --------------------------------------------------------------------------
 
 repl_test_() ->
-    {timeout, 300,
-     [{"followers equal the leader after random batches", fun equal_after_batches/0},
-      {"a killed follower catches up from the journal, then from a snapshot",
-       fun follower_catches_up/0},
-      {"a promoted follower holds every majority commit; the old leader converges",
-       fun promote_after_leader_killed/0},
-      {"a split fails majority commits with no_quorum and heals", fun split_and_heal/0}]}.
+    [{Title, {timeout, 120, Fun}}
+     || {Title, Fun} <- [{"followers equal the leader after random batches", fun equal_after_batches/0},
+                         {"a killed follower catches up from the journal, then from a snapshot",
+                          fun follower_catches_up/0},
+                         {"a promoted follower holds every majority commit; the old leader converges",
+                          fun promote_after_leader_killed/0},
+                         {"a split fails majority commits with no_quorum and heals",
+                          fun split_and_heal/0}]].
 
 equal_after_batches() ->
     with_nodes(fun(Root, [A, B, C]) ->
@@ -185,7 +186,8 @@ equal_after_batches() ->
 
 follower_catches_up() ->
     with_nodes(fun(Root, [A, B, C]) ->
-        leader(Root, A, [B, C], one),
+        %% The default ack_timeout: 5 s.
+        open(Root, A, #{replicas => [element(2, B), element(2, C)], ack => one}),
         follower(Root, B, A),
         follower(Root, C, A),
         {ok, _} = commit(A, base()),
@@ -211,7 +213,10 @@ follower_catches_up() ->
         %% With no follower at all, ack => one cannot be met.
         {_, NC} = C,
         ok = erpc:call(NC, arbo_db, close, [?NAME]),
+        T0 = erlang:monotonic_time(millisecond),
         ?assertEqual({error, no_quorum}, commit(A, batch(81))),
+        Waited = erlang:monotonic_time(millisecond) - T0,
+        ?assert(Waited >= 5000 andalso Waited < 7000),
         follower(Root, C, A),
         B2 = restart(B1),
         follower(Root, B2, A),
@@ -240,6 +245,7 @@ promote_after_leader_killed() ->
         A1 = restart(A),
         leader(Root, A1, [B, C], majority),
         {ok, S2} = commit(P, batch(501)),
+        stepped_down(A1, 100),
         same(P, A1, S2),
         ?assertEqual(follower, role(A1)),
         ?assertMatch({error, {not_leader, PN}}, commit(A1, batch(502)))
@@ -290,11 +296,20 @@ split_and_heal() ->
         Cut(erlang:get_cookie()),
         {ok, S3} = retry_commit(B, batch(5), 20),
         ?assert(S3 > S2),
+        stepped_down(A, 100),
         same(B, A, S3),
         same(B, C, S3),
         ?assertNot(has(A, 3)),
         ?assertEqual({error, {not_leader, NB}}, commit(A, batch(6)))
     end).
+
+%% A former leader learns of the newer epoch when it reaches a member.
+stepped_down(X, 0) -> ?assertEqual(follower, role(X));
+stepped_down(X, N) ->
+    case role(X) of
+        follower -> ok;
+        _ -> timer:sleep(100), stepped_down(X, N - 1)
+    end.
 
 retry_commit(_, _, 0) -> {error, no_quorum};
 retry_commit(X, Ops, N) ->
@@ -341,7 +356,7 @@ one_round() ->
         {ok, S} = retry_commit(Y, batch(1), 20),
         A1 = restart(A),
         leader(Root, A1, [B, C], majority),
-        Converged = try same(Y, X1, S), same(Y, A1, S), 1
+        Converged = try same(Y, X1, S), stepped_down(A1, 100), same(Y, A1, S), 1
                     catch _:_ -> 0
                     end,
         #{acked => length(Acked), lost => Lost, converged => Converged}
