@@ -167,6 +167,8 @@ equal_after_batches() ->
         Repl = erpc:call(NC, erlang, whereis, [list_to_atom("arbo_repl " ++ atom_to_list(?NAME))]),
         ok = erpc:call(NC, sys, suspend, [Repl]),
         [{ok, _} = commit(A, batch(I)) || I <- lists:seq(2000, 2300)],
+        {message_queue_len, Queued} = erpc:call(NC, erlang, process_info, [Repl, message_queue_len]),
+        ?assert(Queued =< 256 + 8),
         ok = erpc:call(NC, sys, resume, [Repl]),
         Seq = seq(A),
         same(A, B, Seq),
@@ -174,7 +176,9 @@ equal_after_batches() ->
         %% Followers are read-only, say whom they follow and what they applied.
         {_, NA} = A,
         ?assertEqual({error, {not_leader, NA}}, commit(B, base())),
-        ?assertMatch(#{seq := Seq, replication := #{role := follower, leader := NA}}, info(C)),
+        Members = lists:sort([N || {_, N} <- [A, B, C]]),
+        ?assertMatch(#{seq := Seq, replication := #{role := follower, leader := NA, synced := true,
+                                                    members := Members}}, info(C)),
         ?assertEqual({error, timeout}, erpc:call(NC, arbo_db, wait_for, [?NAME, Seq + 1, 50])),
         ?assertEqual(leader, role(A)),
         %% A commit that is refused reaches no follower.
@@ -235,8 +239,11 @@ promote_after_leader_killed() ->
         %% what it lacks from the other first.
         {P, F} = case rand:uniform(2) of 1 -> {B, C}; 2 -> {C, B} end,
         {_, PN} = P,
-        {ok, _} = erpc:call(PN, arbo_db, promote, [?NAME]),
+        {ok, Epoch} = erpc:call(PN, arbo_db, promote, [?NAME]),
         ?assertEqual([], [I || I <- Acked, not has(P, I)]),
+        ?assertMatch(#{replication := #{epoch := Epoch}}, info(P)),
+        ?assertMatch(#{epochs := [_, {Epoch, _}]},
+                     erpc:call(PN, arbo_repl_io, read_state, [dir(Root, P)])),
         {ok, S1} = commit(P, batch(500)),
         same(P, F, S1),
         ?assertEqual(leader, role(P)),
@@ -247,6 +254,7 @@ promote_after_leader_killed() ->
         {ok, S2} = commit(P, batch(501)),
         stepped_down(A1, 100),
         same(P, A1, S2),
+        ?assertMatch(#{replication := #{epoch := Epoch}}, info(A1)),
         ?assertEqual(follower, role(A1)),
         ?assertMatch({error, {not_leader, PN}}, commit(A1, batch(502)))
     end).
