@@ -78,6 +78,14 @@ leader(Root, X, Followers, Ack) ->
 
 follower(Root, X, {_, L}) -> open(Root, X, #{follow => L}).
 
+%% A leads B and C under ack => majority, with the list the batches write.
+majority_group(Root, A, B, C) ->
+    leader(Root, A, [B, C], majority),
+    follower(Root, B, A),
+    follower(Root, C, A),
+    {ok, S} = commit(A, base()),
+    S.
+
 commit({_, N}, Ops) -> erpc:call(N, arbo_db, commit, [?NAME, Ops], 30000).
 info({_, N}) -> erpc:call(N, arbo_db, info, [?NAME]).
 seq(X) -> maps:get(seq, info(X)).
@@ -230,10 +238,7 @@ follower_catches_up() ->
 
 promote_after_leader_killed() ->
     with_nodes(fun(Root, [A, B, C]) ->
-        leader(Root, A, [B, C], majority),
-        follower(Root, B, A),
-        follower(Root, C, A),
-        {ok, _} = commit(A, base()),
+        majority_group(Root, A, B, C),
         Acked = kill_during_commits(A, 5 + rand:uniform(60)),
         %% Either follower may be behind the other; the one promoted takes
         %% what it lacks from the other first.
@@ -269,10 +274,7 @@ kill_during_commits(A, Ms) ->
 
 split_and_heal() ->
     with_nodes(fun(Root, [A, B, C]) ->
-        leader(Root, A, [B, C], majority),
-        follower(Root, B, A),
-        follower(Root, C, A),
-        {ok, S0} = commit(A, base()),
+        S0 = majority_group(Root, A, B, C),
         same(A, B, S0),
         {_, NA} = A,
         Cut = fun(Cookie) ->
@@ -344,10 +346,7 @@ figures(Scale) ->
 
 one_round() ->
     with_nodes(fun(Root, [A, B, C]) ->
-        leader(Root, A, [B, C], majority),
-        follower(Root, B, A),
-        follower(Root, C, A),
-        {ok, _} = commit(A, base()),
+        majority_group(Root, A, B, C),
         {X, Y} = case rand:uniform(2) of 1 -> {B, C}; 2 -> {C, B} end,
         Self = self(),
         Ws = [spawn(fun() -> committer(Self, element(2, A), 1000000 * K, 1000000) end)
