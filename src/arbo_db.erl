@@ -59,10 +59,10 @@
                      compact_bytes => non_neg_integer(), recover => boolean(),
                      atom() => term()}.
 
--record(s, {name, dir, tree, fd, jpath, jsize, seq, snap_seq, snap_id, snap_size,
+-record(s, {repl = none,
+            name, dir, tree, fd, jpath, jsize, seq, snap_seq, snap_id, snap_size,
             sync, compact, last_sync, pending = [], buf = [], timer, failed, subs = [],
-            scratch, crash_at, direct,
-            repl = none}).
+            scratch, crash_at, direct, retry_at = 0}).
 
 %% ---------------------------------------------------------------------------
 %% API
@@ -114,7 +114,7 @@ start_link(Name, Opts) -> proc_lib:start_link(?MODULE, init_it, [self(), Name, O
 init_it(Parent, Name, Opts) ->
     case catch register(Name, self()) of
         true ->
-            case init({Name, Opts}) of
+            case catch_init(Name, Opts) of
                 {ok, S} ->
                     proc_lib:init_ack(Parent, {ok, self()}),
                     gen_server:enter_loop(?MODULE, [], S, {local, Name});
@@ -133,7 +133,7 @@ commit(Db, Ops) when is_list(Ops) -> gen_server:call(Db, {commit, Ops}, infinity
 commit(_, Ops) -> error({badarg, {ops, Ops}}).
 
 %% @doc The tree for reads. It refuses writes: every change goes through
-%% {@link commit/2}. Node references go stale on commits.
+%% {@link commit/2}.
 -spec tree(db()) -> arbo_tree:tree().
 tree(Db) -> gen_server:call(Db, tree, infinity).
 
@@ -160,7 +160,7 @@ close(Db) -> gen_server:call(Db, close, infinity).
 %% @doc Frames as they reach the journal, for followers: the calling
 %% process receives `{arbo_db_frames, Name, [{Seq, Payload}]}' after each
 %% write of the journal (after its sync with `sync => always'), the frames
-%% in sequence order, until it exits.
+%% in sequence order.
 -spec subscribe(db()) -> ok.
 subscribe(Db) -> gen_server:call(Db, {subscribe, self()}, infinity).
 
@@ -184,6 +184,14 @@ append(Db, Frames) when is_list(Frames) -> gen_server:call(Db, {append, Frames},
 %% ---------------------------------------------------------------------------
 %% Server
 
+catch_init(Name, Opts) ->
+    try init({Name, Opts})
+    catch
+        error:{badarg, _} = E -> {stop, E};
+        error:{badmatch, {error, R}} -> {stop, R};
+        C:R -> {stop, {C, R}}
+    end.
+
 %% @private
 init({Name, Opts}) ->
     process_flag(trap_exit, true),
@@ -199,7 +207,11 @@ init({Name, Opts}) ->
     S0 = #s{name = Name, dir = Dir, tree = T, sync = Sync,
             compact = maps:get(compact_bytes, Opts, 8 bsl 20),
             scratch = filename:join(Dir, ".apply"),
-            crash_at = maps:get(crash_at, Opts, undefined),
+            crash_at = case Opts of
+                           #{crash_at := Step} -> {halt, Step};
+                           #{fail_at := Step} -> {fail, Step};
+                           _ -> undefined
+                       end,
             direct = maps:get(direct_max, Opts, 64)},
     case recover(S0, maps:get(recover, Opts, false)) of
         {ok, S} -> {ok, S#s{repl = arbo_repl:start(Name, Opts, self())}};
@@ -279,7 +291,8 @@ handle_cast(_, S) -> {noreply, S}.
 %% @private
 handle_info(timeout, S) ->
     S1 = flush(S),
-    case S1#s.jsize > max(S1#s.compact, S1#s.snap_size) andalso S1#s.failed =:= undefined of
+    case S1#s.jsize > lists:max([S1#s.compact, S1#s.snap_size, S1#s.retry_at])
+        andalso S1#s.failed =:= undefined of
         true -> {_, S2} = compact(S1), {noreply, S2};
         false -> {noreply, S1}
     end;
@@ -418,7 +431,22 @@ rebuild(#s{tree = T} = S) ->
 
 compact(#s{seq = Seq, snap_seq = Seq} = S) -> {ok, S};
 compact(#s{failed = F} = S) when F =/= undefined -> {{error, {store_failed, F}}, S};
-compact(#s{dir = Dir, tree = T, seq = Seq} = S) ->
+compact(S) ->
+    try compact_steps(S) of
+        {ok, _} = Done -> Done;
+        {{error, R}, S1} -> compact_failed(R, S1)
+    catch
+        error:{badmatch, {error, R}} -> compact_failed(R, S);
+        error:R -> compact_failed(R, S)
+    end.
+
+%% A compaction that failed (a full disk) is tried again once the journal
+%% has grown by the threshold again; the store goes on with its journal.
+compact_failed(R, S) ->
+    logger:error("arbo_db ~p: compaction failed: ~p", [S#s.name, R]),
+    {{error, R}, S#s{retry_at = S#s.jsize + S#s.compact}}.
+
+compact_steps(#s{dir = Dir, tree = T, seq = Seq} = S) ->
     Id = rand:bytes(16),
     Snap = filename:join(Dir, snap_name(Seq, Id)),
     Journal = filename:join(Dir, journal_name(Seq, Id)),
@@ -426,26 +454,38 @@ compact(#s{dir = Dir, tree = T, seq = Seq} = S) ->
     case arbo_tree:save(T, Snap) of
         ok ->
             step(S, snapshot_renamed),
-            ok = sync_dir(Dir),
-            case new_journal(Dir, Journal, Seq, Id) of
+            try
+                ok = sync_dir(Dir),
+                ok = step(S, journal_write),
+                {ok, _} = new_journal(Dir, Journal, Seq, Id)
+            of
                 {ok, Fd} ->
                     step(S, journal_started),
                     _ = file:close(S#s.fd),
                     Old = [filename:join(Dir, snap_name(S#s.snap_seq, S#s.snap_id)), S#s.jpath],
                     [file:delete(F) || F <- Old],
                     step(S, old_removed),
-                    ok = sync_dir(Dir),
+                    %% leftovers are removed at the next open if this is lost
+                    _ = sync_dir(Dir),
                     {ok, S#s{fd = Fd, jpath = Journal, jsize = 36, snap_seq = Seq, snap_id = Id,
-                             snap_size = filelib:file_size(Snap)}};
-                {error, _} = E ->
-                    _ = file:delete(Snap),
-                    {E, S}
+                             snap_size = filelib:file_size(Snap)}}
+            catch
+                error:{badmatch, {error, R}} -> {{error, R}, undo(S, [Journal, Snap])}
             end;
         {error, _} = E -> {E, S}
     end.
 
-%% A test may stop the VM at a step, as a crash would.
-step(#s{crash_at = Step}, Step) -> erlang:halt(137, [{flush, false}]);
+%% The new snapshot must not outlive a compaction that did not finish: the
+%% old journal goes on taking frames that an open would not look at.
+undo(S, Files) ->
+    case [F || F <- Files, file:delete(F) =/= ok, filelib:is_file(F)] of
+        [] -> _ = sync_dir(S#s.dir), S;
+        Left -> S#s{failed = {compaction_left, Left}}
+    end.
+
+%% A test may stop the VM at a step, as a crash would, or fail the step.
+step(#s{crash_at = {halt, Step}}, Step) -> erlang:halt(137, [{flush, false}]);
+step(#s{crash_at = {fail, Step}}, Step) -> {error, injected};
 step(_, _) -> ok.
 
 new_journal(Dir, Path, Seq, Id) ->
@@ -608,8 +648,9 @@ opened(S, Fd, JPath, Size, Last, Seq, Id, Snap) ->
 promote(Db) -> arbo_repl:promote(Db).
 
 %% @doc Wait until the store has applied sequence number `Seq' (on a
-%% follower: the leader's commit that answered `{ok, Seq}'): `ok', or
-%% `{error, timeout}' after `Timeout' milliseconds.
+%% follower: the leader's commit that answered `{ok, Seq}', and its leader
+%% has accepted its journal as a prefix of its own): `ok', or `{error,
+%% timeout}' after `Timeout' milliseconds.
 -spec wait_for(db(), non_neg_integer(), timeout()) -> ok | {error, timeout}.
 wait_for(Db, Seq, Timeout) -> arbo_repl:wait_for(Db, Seq, Timeout).
 

@@ -40,7 +40,7 @@
 %% nodes: Id => {Kind, Key, tree node or undefined (made in this batch), namespaces emptied}
 %% links: {ParentId, Key} => Id | deleted (an entry overrides the tree)
 -record(v, {t, nodes, links = #{}, stack = [root], run = none, parts = [], next = 1,
-            acts = [], want = true}).
+            acts = [], want = true, moved = false}).
 
 %% ---------------------------------------------------------------------------
 
@@ -74,7 +74,7 @@ op({instance, LP, Key}, V) when is_list(LP) -> create(LP ++ [Key], instance, V);
 op({set, P, Val}, V) ->
     {Chain, V1} = resolve(P, V),
     holds_value(Chain, V1),
-    {{set, keys(Chain, V1), Val}, emit(value_record(Val), navigate(Chain, V1))};
+    {{set, target(Chain, V1), Val}, emit(value_record(Val), navigate(Chain, V1))};
 op({clear_value, P}, V) ->
     {Chain, V1} = resolve(P, V),
     holds_value(Chain, V1),
@@ -84,18 +84,18 @@ op({set_flags, P, F}, V) ->
     {Chain, V1} = resolve(P, V),
     not_root(Chain),
     Rec = flags_record(F),
-    {{set_flags, keys(Chain, V1), F}, emit(Rec, navigate(Chain, V1))};
+    {{set_flags, target(Chain, V1), F}, emit(Rec, navigate(Chain, V1))};
 op({set_attr, P, Id, Val}, V) ->
     {Chain, V1} = resolve(P, V),
     not_root(Chain),
     attr_id(Id),
     Val =/= empty orelse refuse({bad_value, Val}),
-    {{set_attr, keys(Chain, V1), Id, Val}, emit([<<18, Id:32>>, encode(Val)], navigate(Chain, V1))};
+    {{set_attr, target(Chain, V1), Id, Val}, emit([<<18, Id:32>>, encode(Val)], navigate(Chain, V1))};
 op({delete_attr, P, Id}, V) ->
     {Chain, V1} = resolve(P, V),
     not_root(Chain),
     attr_id(Id),
-    {{delete_attr, keys(Chain, V1), Id}, emit(<<18, Id:32, 0>>, navigate(Chain, V1))};
+    {{delete_attr, target(Chain, V1), Id}, emit(<<18, Id:32, 0>>, navigate(Chain, V1))};
 op({set_active, P, B}, V) when is_boolean(B) ->
     {Chain, V1} = resolve(P, V),
     kind(lists:last(Chain), V1) =:= instance orelse refuse(wrong_node_type),
@@ -107,8 +107,8 @@ op({delete, P}, V) ->
     {Parent, [Id]} = lists:split(length(Chain) - 1, Chain),
     Key = key(Id, V1),
     V2 = emit(key_record(10, Key), navigate(Parent, V1)),
-    {{delete, keys(Chain, V1)},
-     V2#v{links = (V2#v.links)#{{lists:last(Parent), Key} => deleted}}};
+    {{delete, target(Chain, V1)},
+     V2#v{links = (V2#v.links)#{{lists:last(Parent), Key} => deleted}, moved = true}};
 op({delete_ns, P, Ns}, V) when ?U32(Ns) ->
     {Chain, V1} = resolve(P, V),
     Id = lists:last(Chain),
@@ -122,8 +122,8 @@ op({delete_ns, P, Ns}, V) when ?U32(Ns) ->
                               end;
                          (_, Child) -> Child
                       end, Links),
-    {{delete_ns, keys(Chain, V1), Ns},
-     V2#v{nodes = Nodes#{Id := {Kind, Key, Ref, [Ns | Gone]}}, links = Links1}};
+    {{delete_ns, target(Chain, V1), Ns},
+     V2#v{nodes = Nodes#{Id := {Kind, Key, Ref, [Ns | Gone]}}, links = Links1, moved = true}};
 op({rename, P, NewKey}, V) ->
     {Chain, V1} = resolve(P, V),
     {Parent, [Id]} = lists:split(length(Chain) - 1, Chain),
@@ -138,7 +138,7 @@ op({rename, P, NewKey}, V) ->
                     {F, B} = key_bytes(New),
                     V3 = emit([key_record(27, Old), F, B], navigate(Parent, V2)),
                     #v{nodes = Nodes, links = Links} = V3,
-                    {{rename, keys(Chain, V1), New},
+                    {{rename, target(Chain, V1), New},
                      V3#v{nodes = Nodes#{Id := {instance, New, Ref, Gone}},
                           links = Links#{{ListId, Old} => deleted, {ListId, New} => Id}}};
                 {_, _} -> refuse(key_taken)
@@ -169,7 +169,7 @@ op({move, P, Where}, V) ->
     {{move, keys(Chain, V1), To}, emit(Rec, navigate(Parent, V1))};
 op(clear, V) ->
     V1 = own(clear, V),
-    {clear, V1#v{nodes = #{root => {root, 0, undefined, []}}, links = #{}}};
+    {clear, V1#v{nodes = #{root => {root, 0, undefined, []}}, links = #{}, moved = true}};
 op(_, _) -> refuse(bad_op).
 
 refuse(Reason) -> throw({refuse, Reason}).
@@ -190,7 +190,7 @@ create(P, Kind, V) when is_list(P), P =/= [] ->
     end,
     Key = canon(Last, PKind),
     Kind =/= container orelse is_integer(Key) orelse refuse({bad_key, Last}),
-    Act = {create, keys(Chain, V1), Kind, Key},
+    Act = {create, target(Chain, V1), Kind, Key},
     case child(PId, Key, V1) of
         {none, V2} ->
             #v{nodes = Nodes, links = Links, next = Id} = V2,
@@ -240,6 +240,17 @@ kind(Id, #v{nodes = Nodes}) -> element(1, maps:get(Id, Nodes)).
 key(Id, #v{nodes = Nodes}) -> element(2, maps:get(Id, Nodes)).
 keys(_, #v{want = false}) -> [];
 keys([root | Chain], V) -> [key(Id, V) || Id <- Chain].
+
+%% How an action names its node: the node itself when it was in the tree
+%% before the batch and nothing in the batch has moved the tree's epoch
+%% since (the reference is still good), else its path.
+target(_, #v{want = false}) -> [];
+target(Chain, #v{moved = false, nodes = Nodes} = V) ->
+    case maps:get(lists:last(Chain), Nodes) of
+        {_, _, undefined, _} -> keys(Chain, V);
+        {_, _, Ref, _} -> {ref, Ref}
+    end;
+target(Chain, V) -> keys(Chain, V).
 
 %% Paths the frame itself carries.
 own_keys([root | Chain], V) -> [key(Id, V) || Id <- Chain].
@@ -372,7 +383,10 @@ act(T, {create, PP, Kind, Key} = A, C) ->
             {list, Order} -> arbo_tree:add_list(T, P, Key, Order);
             instance -> arbo_tree:add(T, P, Key)
         end,
-    C1#{PP ++ [Key] => N};
+    case PP of
+        {ref, _} -> C1;
+        _ -> C1#{PP ++ [Key] => N}
+    end;
 act(T, {set, Path, V} = A, C) -> on(T, Path, C, A, fun(N) -> arbo_tree:set_value(T, N, V) end);
 act(T, {set_flags, Path, F} = A, C) ->
     on(T, Path, C, A, fun(N) -> arbo_tree:set_flags(T, N, F) end);
@@ -417,6 +431,7 @@ on(T, Path, C, A, Fun) ->
         _ -> throw({failed, A})
     end.
 
+node(_, {ref, N}, C, _) -> {N, C};
 node(T, Path, C, A) ->
     case C of
         #{Path := N} -> {N, C};

@@ -20,7 +20,7 @@ figures(full) ->
      {"of them present", integer_to_list(Present)},
      {"lost", integer_to_list(Lost)},
      {"batches found half applied", integer_to_list(Half)},
-     {"compactions during the rounds", integer_to_list(Compactions)},
+     {"snapshot moved on between reopens (compactions)", integer_to_list(Compactions)},
      {"full disk: commit answered", io_lib:format("~p", [Answer])},
      {"full disk: reopened at the last acknowledged seq", integer_to_list(Seq)}].
 

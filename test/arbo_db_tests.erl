@@ -289,6 +289,7 @@ refusal_test() ->
              {[{set, [1, 2], {nonsense, 1}}], 1, {bad_value, {nonsense, 1}}},
              {[{list, [5], shuffled}], 1, {bad_order, shuffled}},
              {[{instance, [3], {pair, 12, 1}}], 1, {bad_key, {pair, 12, 1}}},
+             {[{instance, [3], {pair, 256, 1}}], 1, {bad_key, {pair, 256, 1}}},
              {[{instance, [3], {encoded, <<255, 1>>}}], 1, {bad_key, {encoded, <<255, 1>>}}},
              {[{leaf, [1, -1]}], 1, {bad_key, -1}},
              {[{container, [{1, 2}]}], 1, {bad_key, {1, 2}}},
@@ -462,6 +463,30 @@ compaction_killed_test_() ->
          end || Step <- [snapshot_write, snapshot_renamed, journal_started, old_removed]]
     end}.
 
+%% A compaction that fails after its snapshot was written leaves no new
+%% snapshot behind: the commits after it, in the old journal, are there at
+%% the next open. Temporary files are removed at open.
+compaction_failed_test() ->
+    Dir = scratch("compact_fail"),
+    {ok, Db} = open(db_compact_fail, Dir, #{fail_at => journal_write}),
+    {ok, 1} = arbo_db:commit(Db, [{leaf, [1]}, {set, [1], <<"before">>}]),
+    ?assertEqual({error, injected}, arbo_db:snapshot(Db)),
+    {ok, 2} = arbo_db:commit(Db, [{set, [1], <<"after">>}]),
+    ?assertMatch(#{snapshot_seq := 0}, arbo_db:info(Db)),
+    ok = arbo_db:close(Db),
+    ok = file:write_file(filename:join(Dir, ".left.tmp"), <<"x">>),
+    {ok, Db2} = open(db_compact_fail, Dir),
+    T = arbo_db:tree(Db2),
+    ?assertEqual({2, <<"after">>}, {maps:get(seq, arbo_db:info(Db2)),
+                                    arbo_tree:value(T, arbo_tree:lookup(T, [1]))}),
+    {ok, Names} = file:list_dir(Dir),
+    ?assertEqual(["journal", "snap"], lists:sort([hd(string:split(N, "-")) || N <- Names])),
+    %% an empty batch answers the last seq and writes nothing
+    #{journal_bytes := JB} = arbo_db:info(Db2),
+    ?assertEqual({ok, 2}, arbo_db:commit(Db2, [])),
+    ?assertMatch(#{seq := 2, journal_bytes := JB}, arbo_db:info(Db2)),
+    ok = arbo_db:close(Db2).
+
 %% ---- writers --------------------------------------------------------------------------
 
 %% Concurrent committers get distinct, gapless sequence numbers, in the
@@ -498,9 +523,15 @@ policies_test() ->
          {ok, Db} = open(db_policy, Dir, #{sync => Policy, compact_bytes => 4096}),
          [{ok, _} = arbo_db:commit(Db, [{leaf, [I]}, {set, [I], binary:copy(<<I>>, 100)}])
           || I <- lists:seq(1, 60)],
+         %% always syncs each write, interval within its period, none only on sync/1
+         T0 = erlang:monotonic_time(millisecond),
+         {ok, _} = arbo_db:commit(Db, [{set, [1], <<"again">>}]),
+         timer:sleep(200),
+         #{last_sync := LS0} = arbo_db:info(Db),
+         ?assertEqual({Policy, Policy =/= none}, {Policy, is_integer(LS0) andalso LS0 >= T0}),
          ok = arbo_db:sync(Db),
-         #{seq := 60, snapshot_seq := Snap, journal_bytes := JB, last_sync := LS} = arbo_db:info(Db),
-         ?assert(is_integer(LS)),
+         #{seq := 61, snapshot_seq := Snap, journal_bytes := JB, last_sync := LS} = arbo_db:info(Db),
+         ?assert(LS >= T0),
          ?assert(Snap > 0),              % compacted on the way
          ?assert(JB < 4096 + 200),
          Expect = dump(arbo_db:tree(Db)),
