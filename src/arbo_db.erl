@@ -149,7 +149,9 @@ snapshot(Db) -> gen_server:call(Db, snapshot, infinity).
 
 %% @doc `seq' (last committed), `snapshot_seq', `journal_bytes',
 %% `last_sync' (monotonic milliseconds of the last sync, or `undefined'),
-%% `dir', `sync'.
+%% `dir', `sync', and `replication': `#{role => none}', or for a replicated
+%% store its `role' (`leader' or `follower'), `leader', `epoch', `members'
+%% and `synced' (see {@link wait_for/3}).
 -spec info(db()) -> map().
 info(Db) -> gen_server:call(Db, info, infinity).
 

@@ -189,6 +189,12 @@ equal_after_batches() ->
                                                     members := Members}}, info(C)),
         ?assertEqual({error, timeout}, erpc:call(NC, arbo_db, wait_for, [?NAME, Seq + 1, 50])),
         ?assertEqual(leader, role(A)),
+        %% A store opened without replication says so, and wait_for serves it too.
+        {ok, _} = erpc:call(NA, arbo_db, open, [plain, #{dir => filename:join(Root, "plain")}]),
+        {ok, PS} = erpc:call(NA, arbo_db, commit, [plain, base()]),
+        ?assertMatch(#{replication := #{role := none}}, erpc:call(NA, arbo_db, info, [plain])),
+        ?assertEqual(ok, erpc:call(NA, arbo_db, wait_for, [plain, PS, 1000])),
+        ?assertEqual({error, timeout}, erpc:call(NA, arbo_db, wait_for, [plain, PS + 1, 50])),
         %% A commit that is refused reaches no follower.
         ?assertMatch({error, {2, _, _}}, commit(A, [{container, [7]}, {delete, [8]}])),
         {ok, Seq2} = commit(A, [{container, [9]}]),
