@@ -199,7 +199,21 @@ equal_after_batches() ->
         ?assertMatch({error, {2, _, _}}, commit(A, [{container, [7]}, {delete, [8]}])),
         {ok, Seq2} = commit(A, [{container, [9]}]),
         ?assertEqual(Seq + 1, Seq2),
-        same(A, B, Seq2)
+        same(A, B, Seq2),
+        %% Frames a follower has are dropped; frames past a gap are not
+        %% applied (it asks its leader again).
+        {_, NB} = B,
+        ReplName = list_to_atom("arbo_repl " ++ atom_to_list(?NAME)),
+        [LRepl, BRepl] = [erpc:call(N, erlang, whereis, [ReplName]) || N <- [NA, NB]],
+        {ok, [{_, P1}, {_, P2}]} = erpc:call(NA, arbo_db, frames_since, [?NAME, Seq2 - 2]),
+        Before = dump_of(B),
+        erpc:call(NB, erlang, send, [BRepl, {frames, LRepl, Seq2, [{Seq2 - 1, P1}, {Seq2, P2}]}]),
+        erpc:call(NB, erlang, send, [BRepl, {frames, LRepl, Seq2 + 2, [{Seq2 + 2, P2}]}]),
+        timer:sleep(300),
+        ?assertEqual(Seq2, seq(B)),
+        ?assertEqual(Before, dump_of(B)),
+        {ok, Seq3} = commit(A, [{container, [10]}]),
+        same(A, B, Seq3)
     end).
 
 follower_catches_up() ->
