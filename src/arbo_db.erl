@@ -68,7 +68,8 @@
 %% API
 
 %% @doc Open the store in `Dir' (made when missing) under a registered name
-%% (an atom): its latest snapshot, then every committed frame of its
+%% (an atom; `{error, {already_open, Pid}}' when taken, `{error, {dir_in_use,
+%% Pid}}' when another store of this VM has the directory): its latest snapshot, then every committed frame of its
 %% journal. A torn last frame (short, zeroed or with a bad checksum, and no
 %% committed frame after it) is cut off, and a warning logs the bytes
 %% dropped. A bad frame followed by a good one is corruption: the open
@@ -114,13 +115,55 @@ start_link(Name, Opts) -> proc_lib:start_link(?MODULE, init_it, [self(), Name, O
 init_it(Parent, Name, Opts) ->
     case catch register(Name, self()) of
         true ->
-            case catch_init(Name, Opts) of
-                {ok, S} ->
-                    proc_lib:init_ack(Parent, {ok, self()}),
-                    gen_server:enter_loop(?MODULE, [], S, {local, Name});
-                {stop, R} -> proc_lib:init_ack(Parent, {error, R})
+            case claim(maps:get(dir, Opts)) of
+                ok ->
+                    case catch_init(Name, Opts) of
+                        {ok, S} ->
+                            proc_lib:init_ack(Parent, {ok, self()}),
+                            gen_server:enter_loop(?MODULE, [], S, {local, Name});
+                        {stop, R} -> proc_lib:init_ack(Parent, {error, R})
+                    end;
+                {error, _} = E -> proc_lib:init_ack(Parent, E)
             end;
         _ -> proc_lib:init_ack(Parent, {error, {already_started, whereis(Name)}})
+    end.
+
+%% A directory's absolute name without `.' and `..' parts.
+dir_key(Dir) ->
+    [Root | Parts] = filename:split(filename:absname(Dir)),
+    Up = fun(P) -> P =:= ".." orelse P =:= <<"..">> end,
+    Here = fun(P) -> P =:= "." orelse P =:= <<".">> end,
+    Kept = lists:foldl(fun(P, Acc) ->
+                               case {Here(P), Up(P), Acc} of
+                                   {true, _, _} -> Acc;
+                                   {_, true, []} -> [];
+                                   {_, true, [_ | Above]} -> Above;
+                                   _ -> [P | Acc]
+                               end
+                       end, [], Parts),
+    filename:join([Root | lists:reverse(Kept)]).
+
+%% One server per directory in this VM (the table belongs to arbo_db_sup;
+%% a claim of a server that died without letting go is taken over).
+claim(Dir) ->
+    Key = dir_key(Dir),
+    Self = self(),
+    case ets:insert_new(arbo_db_dirs, {Key, Self}) of
+        true -> ok;
+        false ->
+            case ets:lookup(arbo_db_dirs, Key) of
+                [{_, Pid}] when Pid =/= Self ->
+                    case is_process_alive(Pid) of
+                        true -> {error, {dir_in_use, Pid}};
+                        false ->
+                            Swap = [{{Key, Pid}, [], [{{Key, Self}}]}],
+                            case ets:select_replace(arbo_db_dirs, Swap) of
+                                1 -> ok;
+                                _ -> claim(Dir)
+                            end
+                    end;
+                _ -> claim(Dir)
+            end
     end.
 
 %% @doc Apply a batch atomically and make it durable as the store's `sync'
@@ -307,10 +350,11 @@ handle_info({'EXIT', _, Reason}, S) when Reason =/= normal -> {stop, Reason, S};
 handle_info(_, S) -> noreply(S).
 
 %% @private
-terminate(_, #s{fd = Fd, tree = T} = S) ->
+terminate(_, #s{fd = Fd, tree = T, dir = Dir} = S) ->
     _ = flush(S),
     Fd =/= undefined andalso file:close(Fd),
     catch arbo_tree:close(T),
+    ets:delete_object(arbo_db_dirs, {dir_key(Dir), self()}),
     ok.
 
 noreply(#s{pending = []} = S) -> {noreply, S};

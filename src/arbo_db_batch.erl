@@ -90,7 +90,8 @@ op({set_attr, P, Id, Val}, V) ->
     not_root(Chain),
     attr_id(Id),
     Val =/= empty orelse refuse({bad_value, Val}),
-    {{set_attr, target(Chain, V1), Id, Val}, emit([<<18, Id:32>>, encode(Val)], navigate(Chain, V1))};
+    {{set_attr, target(Chain, V1), Id, Val},
+     emit([<<18, Id:32>>, encode(Val)], navigate(Chain, V1))};
 op({delete_attr, P, Id}, V) ->
     {Chain, V1} = resolve(P, V),
     not_root(Chain),

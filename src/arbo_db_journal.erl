@@ -181,10 +181,10 @@ load_records(T, Scratch, Runs) ->
             case file:write_file(Scratch, Bin, [raw]) of
                 ok ->
                     Native = unicode:characters_to_binary(Scratch, file:native_name_encoding()),
-                    R = arbo_tree:exclusive(
-                          T, fun(H, _) ->
-                                     {arbo:load_nif(H, <<Native/binary, 0>>, -1, 0, undefined), true}
-                             end),
+                    Load = fun(H, _) ->
+                                   {arbo:load_nif(H, <<Native/binary, 0>>, -1, 0, undefined), true}
+                           end,
+                    R = arbo_tree:exclusive(T, Load),
                     case R of
                         {true, _} -> ok;
                         {error, _} = E -> E

@@ -11,7 +11,10 @@
 start_link() -> supervisor:start_link({local, ?MODULE}, ?MODULE, []).
 
 %% @private
+%% The table of directories in use by open stores lives as long as this
+%% supervisor.
 init([]) ->
+    arbo_db_dirs = ets:new(arbo_db_dirs, [named_table, public]),
     {ok, {#{strategy => simple_one_for_one, intensity => 10, period => 10},
           [#{id => arbo_db, start => {arbo_db, start_link, []}, restart => temporary,
              shutdown => 30000, type => worker, modules => [arbo_db]}]}}.
