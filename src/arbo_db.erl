@@ -701,6 +701,19 @@ promote(Db) -> arbo_repl:promote(Db).
 wait_for(Db, Seq, Timeout) -> arbo_repl:wait_for(Db, Seq, Timeout).
 
 repl_call({set, Repl}, S) -> {reply, ok, S#s{repl = Repl}};
+%% A follower's frames (the next ones, in order): applied in one pass of
+%% the loader, written in one write.
+repl_call({append, Frames}, #s{seq = Seq} = S) ->
+    case [Sq || {Sq, _} <- Frames] =:= lists:seq(Seq + 1, Seq + length(Frames)) of
+        false -> {reply, {error, {out_of_order, Seq + 1}}, S};
+        true ->
+            case arbo_db_journal:replay(S#s.tree, S#s.scratch, [P || {_, P} <- Frames]) of
+                ok ->
+                    S1 = flush(S#s{seq = Seq + length(Frames), buf = lists:reverse(Frames)}),
+                    {reply, {ok, S1#s.seq}, S1, 0};
+                {error, R} -> {reply, {error, R}, rebuild(S)}
+            end
+    end;
 %% A follower takes its leader's snapshot in place of all it holds.
 repl_call({install, Tmp, SnapSeq}, #s{dir = Dir, tree = T} = S) ->
     _ = file:close(S#s.fd),

@@ -512,7 +512,7 @@ append(_, Last, #r{seq = Seq} = R) when Last =< Seq -> ack(R), R;
 append(Frames, _, #r{seq = Seq} = R) ->
     case lists:dropwhile(fun({S, _}) -> S =< Seq end, Frames) of
         [{First, _} | _] = New when First =:= Seq + 1 ->
-            case db(fun() -> arbo_db:append(R#r.db, New) end) of
+            case db(fun() -> gen_server:call(R#r.db, {repl, {append, New}}, infinity) end) of
                 {ok, Seq1} ->
                     ack(R#r{seq = Seq1}),
                     R#r{seq = Seq1};
