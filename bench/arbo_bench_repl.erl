@@ -17,7 +17,7 @@
 %%   a follower with an empty directory taking the leader's snapshot of
 %%   those 1M instances (MB/s, the same span).
 -module(arbo_bench_repl).
--export([rows/0, commits/4, catch_up/3]).
+-export([rows/0, commits/4, catch_up/3, count/0]).
 
 -define(DB, arbo_bench_repl_db).
 
@@ -154,6 +154,8 @@ catch_up(Root, [N1, N2, N3], Ops) ->
                     end, []], infinity),
     {ok, Last} = erpc:call(N1, arbo_db, commit, [?DB, []]),
     Journal = timed(fun() -> follow(N3, D(N3), N1, Last) end),
+    Count = erpc:call(N1, ?MODULE, count, []),
+    Count = erpc:call(N3, ?MODULE, count, []),
     %% The leader compacts; a follower with nothing takes the snapshot.
     ok = erpc:call(N3, arbo_db, close, [?DB]),
     ok = erpc:call(N1, arbo_db, snapshot, [?DB]),
@@ -162,6 +164,7 @@ catch_up(Root, [N1, N2, N3], Ops) ->
     MB = erpc:call(N1, filelib, file_size, [Snap]) / 1.0e6,
     _ = erpc:call(N3, os, cmd, ["rm -rf '" ++ D(N3) ++ "'"]),
     Snapshot = timed(fun() -> follow(N3, D(N3), N1, Last) end),
+    Count = erpc:call(N3, ?MODULE, count, []),
     [ok = erpc:call(N, arbo_db, close, [?DB]) || N <- [N1, N2, N3]],
     Label = integer_to_list(Ops div 1000) ++ "k",
     [#{row => "follower " ++ Label ++ " operations behind catches up from the journal",
@@ -173,6 +176,13 @@ catch_up(Root, [N1, N2, N3], Ops) ->
 follow(N, Dir, Leader, Last) ->
     {ok, _} = erpc:call(N, arbo_db, open, [?DB, #{dir => Dir, follow => Leader}]),
     ok = erpc:call(N, arbo_db, wait_for, [?DB, Last, 600000]).
+
+%% The instances of the list the batches fill (a check that the follower
+%% holds them all, not a measurement).
+-spec count() -> non_neg_integer().
+count() ->
+    T = arbo_db:tree(?DB),
+    arbo_tree:num_children(T, arbo_tree:lookup(T, [1, 2])).
 
 timed(Fun) ->
     T0 = erlang:monotonic_time(microsecond),
