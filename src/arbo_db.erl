@@ -80,8 +80,7 @@
 %% documentation), `compact_bytes', `recover'.
 -spec open(atom(), options()) -> {ok, pid()} | {error, term()}.
 open(Name, #{dir := _} = Opts) when is_atom(Name) ->
-    ensure_sup(),
-    case supervisor:start_child(arbo_db_sup, [Name, Opts]) of
+    case start_child(Name, Opts, 1) of
         {ok, Pid} -> {ok, Pid};
         {error, {already_started, Pid}} -> {error, {already_open, Pid}};
         {error, {{already_started, Pid}, _}} -> {error, {already_open, Pid}};
@@ -89,22 +88,28 @@ open(Name, #{dir := _} = Opts) when is_atom(Name) ->
     end;
 open(Name, Opts) -> error({badarg, {Name, Opts}}).
 
-%% The application's supervisor starts arbo_db_sup; outside the
-%% application it is started here, on its own.
-ensure_sup() ->
-    case whereis(arbo_db_sup) of
-        undefined ->
-            Self = self(),
-            {Pid, Ref} = spawn_monitor(fun() ->
-                R = arbo_db_sup:start_link(),
-                case R of {ok, P} -> unlink(P); _ -> ok end,
-                Self ! {arbo_db_sup, self(), R}
-            end),
-            receive {arbo_db_sup, Pid, _} -> ok end,
-            erlang:demonitor(Ref, [flush]),
-            ok;
-        _ -> ok
+%% Stores live under arbo_db_sup, a child of the arbo application's
+%% supervisor: the application is started when it is not running. Where
+%% the application does not (yet) start arbo_db_sup, it is started here,
+%% on its own.
+start_child(Name, Opts, Tries) ->
+    try supervisor:start_child(arbo_db_sup, [Name, Opts])
+    catch exit:{noproc, _} when Tries > 0 ->
+            _ = application:ensure_all_started(arbo),
+            whereis(arbo_db_sup) =:= undefined andalso start_sup(),
+            start_child(Name, Opts, Tries - 1)
     end.
+
+start_sup() ->
+    Self = self(),
+    {Pid, Ref} = spawn_monitor(fun() ->
+        R = arbo_db_sup:start_link(),
+        case R of {ok, P} -> unlink(P); _ -> ok end,
+        Self ! {arbo_db_sup, self(), R}
+    end),
+    receive {arbo_db_sup, Pid, _} -> ok end,
+    erlang:demonitor(Ref, [flush]),
+    ok.
 
 %% @private
 start_link(Name, Opts) -> proc_lib:start_link(?MODULE, init_it, [self(), Name, Opts]).
@@ -328,7 +333,8 @@ handle_call(info, _, S) ->
 handle_call(close, _, S) ->
     S1 = flush(S),
     {_, S2} = datasync(S1),
-    {stop, normal, ok, S2}.
+    {stop, normal, ok, S2};
+handle_call(Other, _, S) -> noreply_with({error, {badarg, Other}}, S).
 
 %% @private
 handle_cast(_, S) -> {noreply, S}.
@@ -433,6 +439,9 @@ flush(#s{fd = Fd, buf = Buf, sync = Sync} = S) ->
             rebuild(cut(S1, Reason))
     end.
 
+%% The one place where commits are answered, after their frames are
+%% written (and synced as the policy says): a commit that must also wait
+%% for other stores to hold its frame would be held back here.
 reply_all(#s{pending = []} = S) -> S;
 reply_all(#s{pending = P} = S) ->
     case arbo_repl:committed(S#s.repl, lists:reverse(P)) of
@@ -455,6 +464,7 @@ cut(#s{fd = Fd, jsize = Good} = S, Reason) ->
             S#s{failed = Reason}
     end.
 
+datasync(#s{fd = undefined} = S) -> {{error, closed}, S};
 datasync(#s{fd = Fd} = S) ->
     case file:datasync(Fd) of
         ok -> {ok, S#s{last_sync = now_ms()}};

@@ -4,6 +4,8 @@
 %% A tree is created with {@link new/0} and belongs to the process that
 %% created it: it is closed when that process exits or when {@link close/1}
 %% is called, like an ETS table. Any process may read and change it.
+%% Each tree has a keeper process under the `arbo' application, which
+%% {@link new/1} starts when it is not running (see {@link arbo_app}).
 %%
 %% Nodes are of four kinds: containers (children addressed by integer tags),
 %% leaves (carry a value, may have children of their own), lists (children
@@ -77,6 +79,8 @@
 
 -import(arbo_tree_keys, [htag/1, add_arg/1, find_arg/1, del_arg/2, key_term/2]).
 
+-include("arbo_error.hrl").
+
 -record(arbo_node, {table, stamp, addr, parent}).
 
 -type tree() :: {arbo, reference(), non_neg_integer(),
@@ -92,9 +96,10 @@
 -type order() :: sorted | sorted_length_first | sorted_length_first_but_last | user_order.
 -type node_type() :: root | container | leaf | {list, order()} | instance.
 -type value() :: binary() | arbo_val:value().
+-type filter() :: all | tuple().
 %% A filter: `all' (every child), or
 %% <ul>
-%%  <li>`{'and', F, F}', `{'or', F, F}', `{'not', F}'</li>
+%%  <li>``{'and', F, F}'', ``{'or', F, F}'', ``{'not', F}''</li>
 %%  <li>`{exists, Path}': a node exists at Path below the child</li>
 %%  <li>`{value, Op, Path, Pattern}': the value of the node at Path, as
 %%      text, against Pattern (a binary, or an integer); Op is one of `eq',
@@ -116,7 +121,6 @@
 %% (`gt' on text that is not a number, a value without a text form, a text
 %% longer than both 64 bytes and Pattern whose head matches) counts as a
 %% match in a select, like a full one.
--type filter() :: all | tuple().
 
 -define(ORDERS, [{sorted, 0}, {sorted_length_first, 1}, {sorted_length_first_but_last, 2},
                  {user_order, 3}]).

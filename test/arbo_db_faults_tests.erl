@@ -15,7 +15,8 @@ full_disk_test_() -> {timeout, 60, fun() -> full_disk_run() end}.
 figures(full) ->
     {Rounds, Acked, Present, Lost, Half, Compactions} = kills(60, 6),
     {Answer, Seq} = full_disk_run(),
-    [{"kill rounds (SIGKILL while 6 processes commit, sync => always)", integer_to_list(Rounds)},
+    [{"kill rounds (SIGKILL while 6 processes commit; sync => always, {interval, 1000} in turn)",
+      integer_to_list(Rounds)},
      {"acknowledged commits checked after the reopens", integer_to_list(Acked)},
      {"of them present", integer_to_list(Present)},
      {"lost", integer_to_list(Lost)},
@@ -87,7 +88,11 @@ get_put(K, V) ->
 committers(Dir, Workers, Log, R) ->
     Self = self(),
     spawn(fun() ->
-              {ok, Db} = arbo_db:open(db_faults, #{dir => Dir, compact_bytes => 64 * 1024}),
+              %% {interval, _} acknowledges once the frame is written: a VM
+              %% killed before the sync loses nothing either
+              Sync = case R rem 2 of 1 -> always; 0 -> {interval, 1000} end,
+              {ok, Db} = arbo_db:open(db_faults, #{dir => Dir, compact_bytes => 64 * 1024,
+                                                   sync => Sync}),
               [spawn(fun() -> worker(Db, Log, R, W) end) || W <- lists:seq(1, Workers)],
               Self ! started,
               receive after infinity -> ok end
