@@ -28,17 +28,17 @@ rows() ->
     arbo_repl_tests:distributed(),
     Root = filename:join("/tmp", "arbo_bench_repl_" ++ os:getpid()),
     os:cmd("rm -rf '" ++ Root ++ "'"),
-    Nodes = [start(Root, X) || X <- ["a", "b", "c"]],
-    [N1 | _] = Ns = [N || {_, N} <- Nodes],
+    put(arbo_bench_repl_nodes, []),
     try
+        Nodes = [start(Root, X) || X <- ["a", "b", "c"]],
+        Ns = [N || {_, N} <- Nodes],
         Mnesia = mnesia_runs(Ns, Seq, Par),
         Arbo = [{{Ack, Sync}, arbo_runs(Root, Ns, Ack, Sync, Seq, Par)}
                 || Sync <- [always, {interval, 1000}], Ack <- [one, majority]],
         CatchUp = catch_up(Root, Ns, Behind),
-        _ = N1,
         commit_rows(Arbo, Mnesia) ++ CatchUp
     after
-        [catch peer:stop(P) || {P, _} <- Nodes],
+        [catch peer:stop(P) || P <- get(arbo_bench_repl_nodes)],
         os:cmd("rm -rf '" ++ Root ++ "'")
     end.
 
@@ -53,6 +53,7 @@ start(Root, X) ->
                                        "-setcookie", atom_to_list(erlang:get_cookie()),
                                        "+sbwt", "none", "+sbwtdcpu", "none", "+sbwtdio", "none",
                                        "-mnesia", "dir", lists:flatten(io_lib:format("~p", [Dir ++ "/mnesia"]))]}),
+    put(arbo_bench_repl_nodes, [P | get(arbo_bench_repl_nodes)]),
     {P, N}.
 
 %% ---- commits ------------------------------------------------------------------------
