@@ -51,6 +51,7 @@
 -export_type([db/0, op/0]).
 
 -include_lib("kernel/include/file.hrl").
+-export([promote/1, wait_for/3]).
 
 -type db() :: pid() | atom().
 -type op() :: arbo_db_batch:op().
@@ -58,7 +59,8 @@
                      compact_bytes => non_neg_integer(), recover => boolean(),
                      atom() => term()}.
 
--record(s, {name, dir, tree, fd, jpath, jsize, seq, snap_seq, snap_id, snap_size,
+-record(s, {repl = none,
+            name, dir, tree, fd, jpath, jsize, seq, snap_seq, snap_id, snap_size,
             sync, compact, last_sync, pending = [], buf = [], timer, failed, subs = [],
             scratch, crash_at, direct, retry_at = 0}).
 
@@ -87,27 +89,15 @@ open(Name, #{dir := _} = Opts) when is_atom(Name) ->
 open(Name, Opts) -> error({badarg, {Name, Opts}}).
 
 %% Stores live under arbo_db_sup, a child of the arbo application's
-%% supervisor: the application is started when it is not running. Where
-%% the application does not (yet) start arbo_db_sup, it is started here,
-%% on its own.
+%% supervisor: the application is started when it is not running.
 start_child(Name, Opts, Tries) ->
     try supervisor:start_child(arbo_db_sup, [Name, Opts])
     catch exit:{noproc, _} when Tries > 0 ->
-            _ = application:ensure_all_started(arbo),
-            whereis(arbo_db_sup) =:= undefined andalso start_sup(),
-            start_child(Name, Opts, Tries - 1)
+            case application:ensure_all_started(arbo) of
+                {ok, _} -> start_child(Name, Opts, Tries - 1);
+                {error, Reason} -> {error, {arbo_not_started, Reason}}
+            end
     end.
-
-start_sup() ->
-    Self = self(),
-    {Pid, Ref} = spawn_monitor(fun() ->
-        R = arbo_db_sup:start_link(),
-        case R of {ok, P} -> unlink(P); _ -> ok end,
-        Self ! {arbo_db_sup, self(), R}
-    end),
-    receive {arbo_db_sup, Pid, _} -> ok end,
-    erlang:demonitor(Ref, [flush]),
-    ok.
 
 %% @private
 start_link(Name, Opts) -> proc_lib:start_link(?MODULE, init_it, [self(), Name, Opts]).
@@ -195,7 +185,9 @@ snapshot(Db) -> gen_server:call(Db, snapshot, infinity).
 
 %% @doc `seq' (last committed), `snapshot_seq', `journal_bytes',
 %% `last_sync' (monotonic milliseconds of the last sync, or `undefined'),
-%% `dir', `sync'.
+%% `dir', `sync', and `replication': `#{role => none}', or for a replicated
+%% store its `role' (`leader' or `follower'), `leader', `epoch', `members'
+%% and `synced' (see {@link wait_for/3}).
 -spec info(db()) -> map().
 info(Db) -> gen_server:call(Db, info, infinity).
 
@@ -260,13 +252,16 @@ init({Name, Opts}) ->
                        end,
             direct = maps:get(direct_max, Opts, 64)},
     case recover(S0, maps:get(recover, Opts, false)) of
-        {ok, S} -> {ok, S};
+        {ok, S} -> {ok, S#s{repl = arbo_repl:start(Name, Opts, self())}};
         {error, R} -> arbo_tree:close(T), {stop, R}
     end.
 
 %% @private
 handle_call({commit, _}, _, #s{failed = F} = S) when F =/= undefined ->
     {reply, {error, {store_failed, F}}, S};
+handle_call({commit, _}, _, #s{repl = #{role := follower, leader := L}} = S) ->
+    {reply, {error, {not_leader, L}}, S};
+handle_call({repl, Req}, _, S) -> repl_call(Req, flush(S));
 handle_call({commit, []}, From, #s{seq = Seq} = S) ->
     noreply(S#s{pending = [{From, Seq} | S#s.pending]});
 handle_call({commit, Ops}, From, #s{tree = T, seq = Seq} = S) ->
@@ -321,7 +316,8 @@ handle_call(snapshot, _, S) ->
 handle_call(info, _, S) ->
     S1 = flush(S),
     {reply, #{seq => S1#s.seq, snapshot_seq => S1#s.snap_seq, journal_bytes => S1#s.jsize,
-              last_sync => S1#s.last_sync, dir => S1#s.dir, sync => S1#s.sync}, S1};
+              last_sync => S1#s.last_sync, dir => S1#s.dir, sync => S1#s.sync,
+              replication => maps:without([pid], arbo_repl:info(S1#s.repl))}, S1};
 handle_call(close, _, S) ->
     S1 = flush(S),
     {_, S2} = datasync(S1),
@@ -436,7 +432,10 @@ flush(#s{fd = Fd, buf = Buf, sync = Sync} = S) ->
 %% for other stores to hold its frame would be held back here.
 reply_all(#s{pending = []} = S) -> S;
 reply_all(#s{pending = P} = S) ->
-    [gen_server:reply(From, {ok, Seq}) || {From, Seq} <- lists:reverse(P)],
+    case arbo_repl:committed(S#s.repl, lists:reverse(P)) of
+        true -> ok;
+        false -> [gen_server:reply(From, {ok, Seq}) || {From, Seq} <- lists:reverse(P)]
+    end,
     S#s{pending = []}.
 
 %% Take a failed write back out of the journal.
@@ -683,3 +682,45 @@ opened(S, Fd, JPath, Size, Last, Seq, Id, Snap) ->
     _ = file:delete(S#s.scratch),
     S#s{fd = Fd, jpath = JPath, jsize = Size, seq = Last, snap_seq = Seq, snap_id = Id,
         snap_size = filelib:file_size(Snap), failed = undefined}.
+
+%% ---------------------------------------------------------------------------
+%% Replication (arbo_repl): where a store's files meet its replicas
+
+%% @doc Make this follower the leader of its replicas under a new, higher
+%% epoch (see the README's Replication section).
+-spec promote(db()) -> {ok, term()} | {error, term()}.
+promote(Db) -> arbo_repl:promote(Db).
+
+%% @doc Wait until the store has applied sequence number `Seq' (on a
+%% follower: the leader's commit that answered `{ok, Seq}', and its leader
+%% has accepted its journal as a prefix of its own): `ok', or `{error,
+%% timeout}' after `Timeout' milliseconds.
+-spec wait_for(db(), non_neg_integer(), timeout()) -> ok | {error, timeout}.
+wait_for(Db, Seq, Timeout) -> arbo_repl:wait_for(Db, Seq, Timeout).
+
+repl_call({set, Repl}, S) -> {reply, ok, S#s{repl = Repl}};
+%% A follower's frames (the next ones, in order): applied in one pass of
+%% the loader, written in one write.
+repl_call({append, Frames}, #s{seq = Seq} = S) ->
+    case [Sq || {Sq, _} <- Frames] =:= lists:seq(Seq + 1, Seq + length(Frames)) of
+        false -> {reply, {error, {out_of_order, Seq + 1}}, S};
+        true ->
+            case arbo_db_journal:replay(S#s.tree, S#s.scratch, [P || {_, P} <- Frames]) of
+                ok ->
+                    S1 = flush(S#s{seq = Seq + length(Frames), buf = lists:reverse(Frames)}),
+                    {reply, {ok, S1#s.seq}, S1, 0};
+                {error, R} -> {reply, {error, R}, rebuild(S)}
+            end
+    end;
+%% A follower takes its leader's snapshot in place of all it holds.
+repl_call({install, Tmp, SnapSeq}, #s{dir = Dir, tree = T} = S) ->
+    _ = file:close(S#s.fd),
+    {ok, Names} = file:list_dir(Dir),
+    [ok = file:delete(filename:join(Dir, N)) || N <- Names, parse_name(N) =/= none],
+    ok = file:rename(Tmp, filename:join(Dir, snap_name(SnapSeq, rand:bytes(16)))),
+    ok = sync_dir(Dir),
+    ok = arbo_tree:clear(T),
+    case recover(S#s{fd = undefined}, false) of
+        {ok, S1} -> {reply, {ok, S1#s.seq}, S1};
+        {error, R} -> {stop, {install_failed, R}, {error, R}, S}
+    end.

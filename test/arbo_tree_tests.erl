@@ -1,9 +1,10 @@
 %% The tree API: its families on a small configuration tree, its errors (one
-%% generator per error family) and filtered walks across the library's
-%% yields. Random list edits against a model: store_prop_tests (library) and
-%% the stress writers (this API); iterator stacks of inactive instances:
-%% nav_tests; the gate: arbo_gate_tests.
+%% generator per error family), filtered walks across the library's yields
+%% and random list edits against a model (this layer's key forms and moves;
+%% the library's own list model is store_prop_tests'). Iterator stacks of
+%% inactive instances: nav_tests; the gate: arbo_gate_tests.
 -module(arbo_tree_tests).
+-include_lib("proper/include/proper.hrl").
 -include_lib("eunit/include/eunit.hrl").
 
 -export([config/0]).
@@ -51,10 +52,6 @@ lookups() ->
     [?assertEqual(none, N) || N <- [arbo_tree:next_sibling(T, Lo), arbo_tree:prev_sibling(T, Eth0),
                                    arbo_tree:nth_child(T, Ifs, 4), arbo_tree:lookup(T, [1, 9])]],
     ?assertEqual({3, 3}, {arbo_tree:child_index(T, Lo), arbo_tree:num_children(T, Ifs)}),
-    %% a rename onto a key the list holds is refused; a free key is taken
-    [R30, R10, _] = arbo_tree:children(T, Rules),
-    ?assertEqual([false, true], [arbo_tree:rename(T, R30, {int, 10}), arbo_tree:rename(T, R10, {int, 40})]),
-    ?assertEqual([{int, 30}, {int, 40}, {int, 20}], keys(T, arbo_tree:find(T, R, 7))),
     %% an empty sorted list has no last child (the library answers a header)
     ?assertEqual(none, arbo_tree:last_child(T, arbo_tree:add_list(T, R, 8, sorted_length_first))),
     ok = arbo_tree:close(T).
@@ -152,3 +149,58 @@ filters_test() ->
     ?assertEqual([{opaque, <<"abc">>}], [arbo_tree:key(T, C) || C <- arbo_tree:select(T, O, {key, eq, 0, <<"y">>})]),
     ?assertError({stale_node, _}, arbo_tree:fold(T, L, all, fun(C, _) -> arbo_tree:delete(T, C) end, ok)),
     ok = arbo_tree:close(T).
+
+%% ---- model-based sequences -------------------------------------------------
+
+op() -> oneof([{add, key()}, {add, key()}, {delete, key()}, {rename, key(), key()}, {move, nat(), int()}]).
+key() -> oneof([{int, int()}, {tuple, [{string, binary(2)}]}, {tuple, [{uint8, byte()}, {bool, boolean()}]}]).
+
+%% Children are always the model's keys: in its order for user order, else
+%% sorted by the library's own comparison; never duplicated.
+list_model_test() ->
+    Prop = ?FORALL({Mode, Ops}, {oneof([sorted, sorted_length_first, user_order]), list(op())}, run_model(Mode, Ops)),
+    ?assertEqual(true, proper:quickcheck(Prop, [{numtests, 300}, quiet]) orelse {counterexample, proper:counterexample()}).
+
+run_model(Order, Ops) ->
+    T = arbo_tree:new(),
+    _ = arbo_tree:add_list(T, arbo_tree:root(T), 1, Order),
+    Final = lists:foldl(fun(Op, M) -> step(T, Order, Op, M) end, [], Ops),
+    {Got, ok} = {keys(T, the_list(T)), arbo_tree:close(T)},
+    Got =:= case Order of user_order -> Final; _ -> lists:sort(fun(A, B) -> cmp(A, B, Order) =< 0 end, Final) end.
+
+cmp({int, A}, {int, B}, _) -> if A < B -> -1; A > B -> 1; true -> 0 end;
+cmp({int, _}, _, _) -> 1;
+cmp(_, {int, _}, _) -> -1;
+cmp({tuple, A}, {tuple, B}, Order) -> arbo_key:compare(A, B, case Order of sorted -> plain; _ -> length_first end).
+
+%% (References go stale as the generation moves: the list is looked up anew.)
+the_list(T) -> arbo_tree:find(T, arbo_tree:root(T), 1).
+
+%% A user-ordered list holds one key form; a rename keeps the form.
+step(T, user_order, {add, K}, [First | _] = M) when element(1, K) =/= element(1, First) ->
+    ?assertError({key_form, K}, arbo_tree:add(T, the_list(T), K)), M;
+step(T, _, {add, K}, M) -> _ = arbo_tree:add(T, the_list(T), K), M ++ [K || not lists:member(K, M)];
+step(T, _, {delete, K}, M) -> ?assertEqual(lists:member(K, M), arbo_tree:delete(T, the_list(T), K)), M -- [K];
+step(T, _, {rename, K, New}, M) when element(1, K) =/= element(1, New) ->
+    N = arbo_tree:find(T, the_list(T), K),
+    N =:= none orelse ?assertError({key_form, New}, arbo_tree:rename(T, N, New)), M;
+step(T, _, {rename, K, New}, M) ->
+    N = arbo_tree:find(T, the_list(T), K),
+    Done = N =/= none andalso arbo_tree:rename(T, N, New),
+    ?assertEqual(N =/= none andalso not lists:member(New, M) orelse New =:= K, Done orelse New =:= K),
+    [case X of K when Done -> New; _ -> X end || X <- M];
+step(T, user_order, {move, I, Pos}, M) when M =/= [] ->
+    K = lists:nth(I rem length(M) + 1, M),
+    Want = move_model(M, K, Pos),
+    ?assertEqual(Want =/= M, arbo_tree:move_to(T, arbo_tree:find(T, the_list(T), K), Pos)),
+    Want;
+step(_, _, {move, _, _}, M) -> M.
+
+%% The library counts positions with the instance still in its place: a
+%% move next to itself changes nothing.
+move_model(M, K, Pos) when Pos < 0 -> (M -- [K]) ++ [K];
+move_model(M, _K, Pos) when Pos > length(M) -> M;
+move_model(M, K, Pos) ->
+    {Before, After} = lists:split(Pos, M),
+    Stays = lists:member(K, [hd(After ++ [none]), lists:last([none | Before])]),
+    if Stays -> M; true -> (Before -- [K]) ++ [K] ++ (After -- [K]) end.
