@@ -184,7 +184,7 @@ load_records(T, Scratch, Runs) ->
                     Load = fun(H, _) ->
                                    {arbo:load_nif(H, <<Native/binary, 0>>, -1, 0, undefined), true}
                            end,
-                    R = try arbo_tree:exclusive(T, Load) after file:delete(Scratch) end,
+                    R = try arbo_gate:exclusive(T, Load) after file:delete(Scratch) end,
                     case R of
                         {true, _} -> ok;
                         {error, _} = E -> E

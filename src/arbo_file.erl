@@ -389,7 +389,7 @@ load_copy(Tree, Bin, Checkpoint, Capture, Progress) ->
 %% many records it reached. A helper writes the copy, has the keeper load
 %% it and removes it, so a caller killed at any moment leaves nothing.
 load_copy(Tree, Bin, Copy, Checkpoint, Capture, {Progress, Shown}) ->
-    arbo_tree:check_writer(Tree),
+    arbo_gate:check_writer(Tree),
     aided(fun(_Caller) ->
         Forwarder = forwarder(Progress, Shown),
         try
@@ -409,7 +409,7 @@ load_copy(Tree, Bin, Copy, Checkpoint, Capture, {Progress, Shown}) ->
 
 load_verified(Tree, Bin, Native, Marks, Capture, Forward) ->
     #marks{count = Count, trans = Trans0, checkpoint = Ckpt0} = Marks,
-    Reply = arbo_tree:exclusive(
+    Reply = arbo_gate:exclusive(
               Tree,
               fun(Handle, _Stamp) ->
                       {arbo:load_nif(Handle, <<Native/binary, 0>>, Ckpt0, Capture, Forward), true}

@@ -6,3 +6,8 @@
 -define(ARBO_CLOSED, (1 bsl 23)).
 -define(ARBO_EPOCH, (1 bsl 24)).
 -define(ARBO_COUNT, ((1 bsl 22) - 1)).
+
+%% A node reference (opaque to callers: arbo_tree:tree_node()): its tree, the
+%% stamp of the epoch it was made in, its address and its parent's (0 for
+%% the root).
+-record(arbo_node, {table, stamp, addr, parent}).

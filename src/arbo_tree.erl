@@ -73,7 +73,7 @@
 %% persistence
 -export([save/2, save/3, load/2, load/3]).
 %% used by arbo_file
--export([exclusive/2, check_writer/1, wide_flags_room/1]).
+-export([wide_flags_room/1]).
 
 -export_type([tree/0, tree_node/0, name/0, instance_key/0, key/0, order/0, filter/0,
               node_type/0, value/0]).
@@ -83,9 +83,12 @@
 -import(arbo_tree_keys, [htag/1, add_arg/1, find_arg/1, del_arg/2, key_term/2, key_form/1, key_form/2,
                          one_form/4, exact/4, same_key/3]).
 
--include("arbo_error.hrl").
+%% The gate: every check of a handle or a reference, every reader section and
+%% the writer side.
+-import(arbo_gate, [read/3, read1/3, write/3, exclusive/2, gate/1, readable/1, writable/1,
+                    own/2, fresh/2, mk/4]).
 
--record(arbo_node, {table, stamp, addr, parent}).
+-include("arbo_error.hrl").
 
 -type tree() :: {arbo, reference(), non_neg_integer(),
                  {arbo_gate, pid() | {read_only, pid()}, pid(), atomics:atomics_ref()}}.
@@ -132,8 +135,6 @@
 -define(I32(X), (is_integer(X) andalso X >= -16#80000000 andalso X =< 16#7fffffff)).
 -define(U64(X), (is_integer(X) andalso X >= 0 andalso X =< 16#ffffffffffffffff)).
 -define(HIDE_INACTIVE, 16#100).
-%% A native exception: {Reason, SourceFile, Line}, turned into {Reason, Tree}.
--define(NATIVE_ERROR(R), error:{R, F__, L__} when is_atom(R), is_list(F__), is_integer(L__)).
 -define(INLINE_FLAGS, 16#3fffff).
 -define(WIDE_FLAGS_LIMIT, 30000).
 
@@ -153,20 +154,14 @@ new(Opts) when is_list(Opts) ->
     View = lists:foldl(fun(hide_inactive, V) -> V bor ?HIDE_INACTIVE;
                           (O, _) -> error({badarg, {option, O}})
                        end, 0, Opts),
-    Res = arbo:new_arbo(),
-    Word = atomics:new(1, [{signed, true}]),
-    {ok, Keeper} = arbo_gate:start({arbo, Res, View, {arbo_gate, undefined, self(), Word}},
-                                   self()),
-    {arbo, Res, View, {arbo_gate, Keeper, self(), Word}};
+    arbo_gate:open(arbo:new_arbo(), View);
 new(Opts) -> error({badarg, {options, Opts}}).
 
 %% @doc A handle of the same tree for the calling process. Any process can
 %% use any handle of a tree; the handle a process made itself (with {@link
 %% new/1} or here) takes the shortest way through the gate.
 -spec attach(tree()) -> tree().
-attach({arbo, Res, View, {arbo_gate, Keeper, _, _}} = T) ->
-    {arbo, Res, View, {arbo_gate, Keeper, self(), word(T)}};
-attach(T) -> error({badarg, {tree, T}}).
+attach(T) -> arbo_gate:attach(T).
 
 %% @doc A handle of the same tree through which it can only be read: every
 %% reading function works with it as with the tree's own handle (node
@@ -178,15 +173,7 @@ attach(T) -> error({badarg, {tree, T}}).
 %% read-only too. The tree's own handle keeps changing it; a read-only
 %% handle does not keep the tree open (it closes with its owner).
 -spec read_only(tree()) -> tree().
-read_only({arbo, Res, View, {arbo_gate, {read_only, _}, _, _}} = T) when is_reference(Res),
-                                                                         is_integer(View) ->
-    T;
-read_only({arbo, Res, View, {arbo_gate, Keeper, Owner, Word}}) when is_pid(Keeper) ->
-    {arbo, Res, View, {arbo_gate, {read_only, Keeper}, Owner, Word}};
-read_only({arbo, _, _, {arbo_reading, _, _, {read_only, _}}} = T) -> T;
-read_only({arbo, Res, View, {arbo_reading, Word, S, Tok}}) ->
-    {arbo, Res, View, {arbo_reading, Word, S, {read_only, Tok}}};
-read_only(T) -> error({badarg, {tree, T}}).
+read_only(T) -> arbo_gate:read_only(T).
 
 %% @doc Run `Fun(Reader)' in one pass through the gate: Reader is a handle
 %% of the tree with which the calls inside Fun skip the gate (node
@@ -199,41 +186,14 @@ read_only(T) -> error({badarg, {tree, T}}).
 %% elsewhere): the calling process's gate word must show it inside.
 %% Returns what Fun returns.
 -spec reading(tree(), fun((tree()) -> R)) -> R.
-reading({arbo, Res, View, {arbo_gate, _, _, _}} = T, Fun) when is_function(Fun, 1) ->
-    Word = word(T),
-    S = enter(T, Word, 0),
-    %% The pass's token in the process dictionary is what a reader handle
-    %% is checked against on every call: a nested pass keeps the outer one.
-    {Tok, Outer} = case get({'$arbo_pass', Res}) of
-                       undefined -> {erlang:unique_integer(), true};
-                       Tok0 -> {Tok0, false}
-                   end,
-    Outer andalso begin put({'$arbo_pass', Res}, Tok), put(Tok, '$arbo_pass') end,
-    HTok = case T of
-               {_, _, _, {_, {read_only, _}, _, _}} -> {read_only, Tok};
-               _ -> Tok
-           end,
-    try Fun({arbo, Res, View, {arbo_reading, Word, S, HTok}})
-    after
-        Outer andalso begin erase({'$arbo_pass', Res}), erase(Tok) end,
-        atomics:sub(Word, 1, 1)
-    end;
-reading(T, Fun) -> error({badarg, {T, Fun}}).
+reading(T, Fun) -> arbo_gate:reading(T, Fun).
 
 %% @doc Close the tree and free its nodes; every later call on it raises
 %% `error({arbo_closed, Tree})', whoever makes it. Closing a closed tree is
 %% `ok', from any process. A tree whose keeper process was killed is closed
 %% by the first call that needs the keeper.
 -spec close(tree()) -> ok.
-close(T) ->
-    {_, Keeper} = gate(T),
-    try
-        not_inside(T),
-        arbo_gate:close(Keeper)
-    catch
-        exit:_ -> try keeper_gone(T) catch error:{arbo_closed, _} -> ok end;
-        error:{arbo_closed, _} -> ok
-    end.
+close(T) -> arbo_gate:close(T).
 
 %% @doc Node count (the root not counted), bytes held, and the epoch.
 -spec info(tree()) -> #{size := non_neg_integer(), mem := non_neg_integer(),
@@ -320,36 +280,9 @@ add(T, L, Key) ->
 %% find may answer `none' for an instance that is there; {@link
 %% children/2} and {@link fold/5} see every instance.
 -spec find(tree(), tree_node(), key()) -> tree_node() | none.
-find({arbo, Res, _, {arbo_gate, _, Owner, Word}} = T,
-     #arbo_node{table = Res, stamp = S, addr = Addr} = P, Key) when Owner =:= self() ->
-    {K, Code} = find_arg(Key),
-    case atomics:add_get(Word, 1, 1) bsr ?ARBO_SHIFT of
-        S ->
-            R = try exact(T, arbo:find_child(T, Addr, K, Code), K, Code)
-                catch ?NATIVE_ERROR(E) -> error({E, T})
-                after atomics:sub(Word, 1, 1)
-                end,
-            case R of
-                0 -> none;
-                _ -> #arbo_node{table = Res, stamp = S, addr = R, parent = Addr}
-            end;
-        _ ->
-            atomics:sub(Word, 1, 1),
-            read(T, [P], fun(S1) -> mk(T, S1, exact(T, arbo:find_child(T, Addr, K, Code), K, Code),
-                                       Addr)
-                         end)
-    end;
-find({arbo, Res, _, {arbo_reading, _, S, Tok}} = T,
-     #arbo_node{table = Res, stamp = S, addr = Addr}, Key) ->
-    {K, Code} = find_arg(Key),
-    inside(T, Tok),
-    case native(T, fun() -> exact(T, arbo:find_child(T, Addr, K, Code), K, Code) end) of
-        0 -> none;
-        R -> #arbo_node{table = Res, stamp = S, addr = R, parent = Addr}
-    end;
 find(T, P, Key) ->
     {K, Code} = find_arg(Key),
-    read(T, [P], fun(S) ->
+    read1(T, P, fun(S) ->
         Addr = P#arbo_node.addr,
         mk(T, S, exact(T, arbo:find_child(T, Addr, K, Code), K, Code), Addr)
     end).
@@ -526,33 +459,8 @@ first_child(T, N) ->
 
 %% @doc The next sibling, or `none'.
 -spec next_sibling(tree(), tree_node()) -> tree_node() | none.
-next_sibling({arbo, Res, _, {arbo_gate, _, Owner, Word}} = T,
-             #arbo_node{table = Res, stamp = S, addr = Addr, parent = Parent} = N)
-  when Owner =:= self() ->
-    case atomics:add_get(Word, 1, 1) bsr ?ARBO_SHIFT of
-        S ->
-            R = try arbo:next_sibling_nif(T, Addr, [], 0)
-                catch ?NATIVE_ERROR(E) -> error({E, T})
-                after atomics:sub(Word, 1, 1)
-                end,
-            case R of
-                0 -> none;
-                _ -> #arbo_node{table = Res, stamp = S, addr = R, parent = Parent}
-            end;
-        _ ->
-            atomics:sub(Word, 1, 1),
-            read(T, [N], fun(S1) -> mk(T, S1, arbo:next_sibling_nif(T, Addr, [], 0), Parent)
-                         end)
-    end;
-next_sibling({arbo, Res, _, {arbo_reading, _, S, Tok}} = T,
-             #arbo_node{table = Res, stamp = S, addr = Addr, parent = Parent}) ->
-    inside(T, Tok),
-    case native(T, fun() -> arbo:next_sibling_nif(T, Addr, [], 0) end) of
-        0 -> none;
-        R -> #arbo_node{table = Res, stamp = S, addr = R, parent = Parent}
-    end;
 next_sibling(T, N) ->
-    read(T, [N], fun(S) ->
+    read1(T, N, fun(S) ->
         #arbo_node{addr = Addr, parent = Parent} = N,
         mk(T, S, arbo:next_sibling_nif(T, Addr, [], 0), Parent)
     end).
@@ -676,24 +584,8 @@ value(T, N) ->
 %% @doc A node's value as the library hands it out: `undefined', a binary,
 %% or `{csval, Bytes}' for an encoded value.
 -spec value_raw(tree(), tree_node()) -> undefined | binary() | {csval, binary()}.
-value_raw({arbo, Res, _, {arbo_gate, _, Owner, Word}} = T,
-          #arbo_node{table = Res, stamp = S, addr = Addr} = N) when Owner =:= self() ->
-    case atomics:add_get(Word, 1, 1) bsr ?ARBO_SHIFT of
-        S ->
-            try arbo:get_val_raw(T, Addr)
-            catch ?NATIVE_ERROR(E) -> error({E, T})
-            after atomics:sub(Word, 1, 1)
-            end;
-        _ ->
-            atomics:sub(Word, 1, 1),
-            read(T, [N], fun(_) -> arbo:get_val_raw(T, Addr) end)
-    end;
-value_raw({arbo, Res, _, {arbo_reading, _, S, Tok}} = T,
-          #arbo_node{table = Res, stamp = S, addr = Addr}) ->
-    inside(T, Tok),
-    native(T, fun() -> arbo:get_val_raw(T, Addr) end);
 value_raw(T, N) ->
-    read(T, [N], fun(_) -> arbo:get_val_raw(T, N#arbo_node.addr) end).
+    read1(T, N, fun(_) -> arbo:get_val_raw(T, N#arbo_node.addr) end).
 
 %% @doc Set a leaf's or an instance's value: a binary is kept as it is, any
 %% other term is encoded with {@link arbo_val:encode/1} (`empty' is refused:
@@ -1015,182 +907,6 @@ load(T, Path) -> load(T, Path, []).
 load(T, Path, Opts) ->
     gate(T),
     arbo_file:load(T, Path, Opts).
-
-%% ===========================================================================
-%% The gate
-
-%% @private
-%% @doc Run `Fun(Handle, Stamp)' on the writer side of the tree's gate (in
-%% its keeper); Fun returns `{Reply, Changed}' and Changed moves the epoch.
--spec exclusive(tree(), fun((tree(), non_neg_integer()) -> {Reply, boolean()})) -> Reply.
-exclusive(T, Fun) ->
-    {_, Keeper} = gate(T),
-    not_inside(T),
-    Reply = try arbo_gate:exclusive(Keeper, Fun)
-            catch exit:_ -> keeper_gone(T)
-            end,
-    case Reply of
-        {ok, R} -> R;
-        {raise, error, {R, File, Line}, _} when is_list(File), is_integer(Line) ->
-            error({R, T});
-        {raise, C, R, Stack} -> erlang:raise(C, R, Stack)
-    end.
-
-%% The keeper stopped (the tree was closed) or was killed: then no one is
-%% left to run writers, and the tree is closed where it stands. The
-%% library's lock keeps every native call out while it closes, and every
-%% later one answers arbo_closed, so a reader between its check and its
-%% call meets a closed tree, never freed memory.
--spec keeper_gone(tree()) -> no_return().
-keeper_gone(T) ->
-    _ = (catch arbo:close(plain_view(T))),
-    error({arbo_closed, T}).
-
-%% @private
-%% @doc Raise what {@link exclusive/2} would raise before it runs: a
-%% read-only handle, a closed tree, a process inside a reading pass.
--spec check_writer(tree()) -> ok.
-check_writer(T) ->
-    gate(T),
-    not_inside(T),
-    ok.
-
-gate({arbo, Res, _, {arbo_gate, Keeper, Owner, _}}) when is_pid(Keeper), is_pid(Owner) ->
-    {Res, Keeper};
-gate({arbo, _, _, {arbo_reading, _, _, _}} = T) -> error({in_reading, T});
-gate({arbo, _, _, {arbo_gate, {read_only, _}, _, _}} = T) -> error({read_only, T});
-gate(T) -> error({badarg, {tree, T}}).
-
-%% The same for reading: a read-only handle is good.
-readable({arbo, Res, _, {arbo_gate, {read_only, Keeper}, Owner, _}}) when is_pid(Keeper),
-                                                                          is_pid(Owner) ->
-    {Res, Keeper};
-readable(T) -> gate(T).
-
-%% A reader section that changes the tree (in place, without freeing
-%% nodes): refused through a read-only handle. One match on the hot path.
-write({arbo, _, _, {arbo_gate, Keeper, _, _}} = T, Nodes, Fun) when is_pid(Keeper) ->
-    gated_read(T, Nodes, Fun);
-write(T, Nodes, Fun) ->
-    writable(T),
-    read(T, Nodes, Fun).
-
-writable({arbo, _, _, {arbo_gate, {read_only, _}, _, _}} = T) -> error({read_only, T});
-writable({arbo, _, _, {arbo_reading, _, _, {read_only, _}}} = T) -> error({read_only, T});
-writable(_) -> ok.
-
-%% The writer side waits for every reader to leave: a process inside a
-%% pass of its own would wait for itself.
-not_inside(T) ->
-    atomics:get(word(T), 1) band ?ARBO_COUNT =:= 0 orelse error({in_reading, T}).
-
-%% A reader handle is good while the pass that made it runs, in the process
-%% that runs it: only that process's dictionary holds the pass's token (and
-%% while the pass runs the process is announced, so the epoch cannot move).
-inside(T, {read_only, Tok}) -> inside(T, Tok);
-inside(T, Tok) ->
-    get(Tok) =:= '$arbo_pass' orelse error({reading_over, T}).
-
-%% The calling process's gate word of this tree.
-word({arbo, _, _, {arbo_gate, _, Owner, Word}}) when Owner =:= self() -> Word;
-word({arbo, Res, _, {arbo_gate, Keeper, _, _}} = T) ->
-    case get({'$arbo_reader', Res}) of
-        undefined ->
-            forget_closed(),
-            K = case Keeper of
-                    {read_only, K0} -> K0;
-                    K0 -> K0
-                end,
-            W = try arbo_gate:register_reader(K, self())
-                catch exit:_ -> keeper_gone(T)
-                end,
-            put({'$arbo_reader', Res}, W),
-            W;
-        W -> W
-    end.
-
-%% A process that reads thousands of trees others close keeps no word of
-%% a closed one: they go when it registers for another tree.
-forget_closed() ->
-    [erase(Key) || {{'$arbo_reader', _} = Key, W} <- get(),
-                   atomics:get(W, 1) band ?ARBO_CLOSED =/= 0],
-    ok.
-
-%% A reader section: every node argument belongs to the tree and is as new
-%% as the epoch; Fun(Stamp) runs with deletions kept out.
-read({arbo, _, _, {arbo_reading, _, S, Tok}} = T, Nodes, Fun) ->
-    inside(T, Tok),
-    lists:foreach(fun(N) -> own(T, N) end, Nodes),
-    case [N || #arbo_node{stamp = NS} = N <- Nodes, NS =/= S] of
-        [] -> native(T, fun() -> Fun(S) end);
-        [Stale | _] -> error({stale_node, Stale})
-    end;
-read({arbo, _, _, {arbo_gate, _, _, _}} = T, Nodes, Fun) -> gated_read(T, Nodes, Fun);
-read(T, _, _) -> error({badarg, {tree, T}}).
-
-gated_read(T, Nodes, Fun) ->
-    lists:foreach(fun(N) -> own(T, N) end, Nodes),
-    Word = word(T),
-    S = enter(T, Word, 0),
-    case [N || #arbo_node{stamp = NS} = N <- Nodes, NS =/= S] of
-        [] ->
-            try Fun(S)
-            catch error:{R, File, Line} when is_atom(R), is_list(File), is_integer(Line) ->
-                    error({R, T})
-            after atomics:sub(Word, 1, 1)
-            end;
-        [Stale | _] ->
-            atomics:sub(Word, 1, 1),
-            error({stale_node, Stale})
-    end.
-
-%% A native call whose exceptions name the tree instead of a source line.
-native(T, Fun) ->
-    try Fun()
-    catch error:{R, File, Line} when is_atom(R), is_list(File), is_integer(Line) ->
-            error({R, T})
-    end.
-
-%% Announce; wait while a writer is in; the stamp of the current epoch.
-enter(T, Word, Tries) ->
-    V = atomics:add_get(Word, 1, 1),
-    S = V bsr ?ARBO_SHIFT,
-    case S band 3 of
-        0 -> S;
-        %% Inside already (a reading/2 pass): the writer waits for this
-        %% process, which must not wait for it.
-        1 when V band ?ARBO_COUNT > 1 -> S band (bnot 1);
-        _ ->
-            atomics:sub(Word, 1, 1),
-            S band 2 =:= 0 orelse error({arbo_closed, T}),
-            if
-                Tries < 50 -> erlang:yield();
-                true -> keeper_alive(T), receive after 1 -> ok end
-            end,
-            enter(T, Word, Tries + 1)
-    end.
-
-%% A keeper killed in the middle of a write leaves its bit in every word:
-%% a reader that waits for it looks whether it is still there.
-keeper_alive({arbo, _, _, {arbo_gate, K, _, _}} = T) ->
-    Keeper = case K of
-                 {read_only, K0} -> K0;
-                 K0 -> K0
-             end,
-    is_process_alive(Keeper) orelse keeper_gone(T).
-
-
-%% On the writer side: the node is as new as the epoch.
-fresh(S, #arbo_node{stamp = S}) -> ok;
-fresh(_, N) -> error({stale_node, N}).
-
-own({arbo, Res, _, _}, #arbo_node{table = Res}) -> ok;
-own(_, #arbo_node{} = N) -> error({wrong_table, N});
-own(_, N) -> error({badarg, {node, N}}).
-
-mk(_, _, 0, _) -> none;
-mk({arbo, Res, _, _}, S, Addr, Parent) ->
-    #arbo_node{table = Res, stamp = S, addr = Addr, parent = Parent}.
 
 %% A native call whose null result (raised as badarg) means the parent
 %% refused the child.

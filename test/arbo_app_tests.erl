@@ -133,7 +133,7 @@ explained_errors_test_() ->
          {fun() -> arbo_tree:add_list(T, R, 3, upside_down) end, arbo_tree, "an order is"},
          {fun() -> arbo_tree:add_leaf(T, R, {x}) end, arbo_tree_keys, "a name is a tag"},
          {fun() -> arbo_tree:add(T, L, {float, 1.0}) end, arbo_tree_keys, "not an instance key"},
-         {fun() -> arbo_tree:root(Closed) end, arbo_tree, "the tree is closed"},
+         {fun() -> arbo_tree:root(Closed) end, arbo_gate, "the tree is closed"},
          {fun() -> arbo_tree:add(T, C, {int, 1}) end, arbo_tree, "does not apply to this kind"},
          {fun() -> arbo_tree:select(T, R, {bogus}) end, arbo_tree_filter, "not a filter"},
          {fun() -> arbo_key:encode([{no_such_type, 1}]) end, arbo_key, "not a key element"},

@@ -326,7 +326,7 @@ raw_load(Bin, C) ->
     H = arbo_tree:new(),
     try
         {true, {Trans, _, Size, _, _, Ckpt, _, Where}} =
-            arbo_tree:exclusive(H, fun(Raw, _) -> {arbo:load_nif(Raw, <<(list_to_binary(F))/binary, 0>>, C, 0, undefined), true} end),
+            arbo_gate:exclusive(H, fun(Raw, _) -> {arbo:load_nif(Raw, <<(list_to_binary(F))/binary, 0>>, C, 0, undefined), true} end),
         {#{nodes => Size, transactions => Trans, checkpoint => Ckpt,
            truncated_at => case Where of undefined -> undefined; {checkpoint, N} -> N - 1 end}, dump(H)}
     after arbo_tree:close(H), file:delete(F)

@@ -334,7 +334,7 @@ loaded(F) -> T = arbo_tree:new(), try {ok, _} = arbo_tree:load(T, F), arbo_file_
 %% A file of our own making: straight to the loader.
 big_tree(Big) ->
     T = arbo_tree:new(),
-    {true, _} = arbo_tree:exclusive(T, fun(H, _) -> {arbo:load_nif(H, nul(Big), -1, 0, undefined), true} end),
+    {true, _} = arbo_gate:exclusive(T, fun(H, _) -> {arbo:load_nif(H, nul(Big), -1, 0, undefined), true} end),
     T.
 
 %% In the child.
