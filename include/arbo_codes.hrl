@@ -32,6 +32,12 @@
 -define(NEXT_TUPLE, 41).
 -define(NEXT_OPAQUE, 54).
 
+%% Node types as get_type reads them ({Type, Order}): every general node
+%% (leaf, instance, attribute, root) reads as NODE_GEN.
+-define(NODE_CONTAINER, 1).
+-define(NODE_LIST, 2).
+-define(NODE_GEN, 3).
+
 %% Value kinds of set_val; any other kind clears the value.
 -define(VAL_CLEAR, 0).
 -define(VAL_CSVAL, 17).       % encoded value

@@ -78,9 +78,10 @@
 -export_type([tree/0, tree_node/0, name/0, instance_key/0, key/0, order/0, filter/0,
               node_type/0, value/0]).
 
+-include("arbo_codes.hrl").
 -include("arbo_gate.hrl").
 
--import(arbo_tree_keys, [htag/1, add_arg/1, find_arg/1, del_arg/2, key_term/2, key_form/1, key_form/2,
+-import(arbo_tree_keys, [htag/1, add_arg/1, find_arg/1, del_arg/1, key_term/2, key_form/1, key_form/2,
                          one_form/4, exact/4, same_key/3]).
 
 %% The gate: every check of a handle or a reference, every reader section and
@@ -129,8 +130,9 @@
 %% longer than both 64 bytes and Pattern whose head matches) counts as a
 %% match in a select, like a full one.
 
--define(ORDERS, [{sorted, 0}, {sorted_length_first, 1}, {sorted_length_first_but_last, 2},
-                 {user_order, 3}]).
+-define(ORDERS, [{sorted, ?ORDER_PLAIN}, {sorted_length_first, ?ORDER_LENGTH_FIRST},
+                 {sorted_length_first_but_last, ?ORDER_LENGTH_FIRST_BUT_LAST},
+                 {user_order, ?ORDER_USER}]).
 -define(U32(X), (is_integer(X) andalso X >= 0 andalso X =< 16#ffffffff)).
 -define(I32(X), (is_integer(X) andalso X >= -16#80000000 andalso X =< 16#7fffffff)).
 -define(U64(X), (is_integer(X) andalso X >= 0 andalso X =< 16#ffffffffffffffff)).
@@ -221,7 +223,7 @@ add_container(T, P, Tag) ->
     write(T, [P], fun(S) ->
         not_list(T, P),
         N = call(fun() -> arbo:add_hkey_internal(T, P#arbo_node.addr, Tag) end, P),
-        expect_type(T, N, {1, 0}, Tag),
+        expect_type(T, N, {?NODE_CONTAINER, 0}, Tag),
         mk(T, S, N, P#arbo_node.addr)
     end).
 
@@ -232,8 +234,8 @@ add_leaf(T, P, Name) ->
     Htag = htag(Name),
     write(T, [P], fun(S) ->
         not_list(T, P),
-        N = call(fun() -> arbo:add_hkey(T, P#arbo_node.addr, Htag, 3) end, P),
-        expect_type(T, N, {3, 0}, Name),
+        N = call(fun() -> arbo:add_hkey(T, P#arbo_node.addr, Htag, ?KEY_TAG_ALT) end, P),
+        expect_type(T, N, {?NODE_GEN, 0}, Name),
         mk(T, S, N, P#arbo_node.addr)
     end).
 
@@ -249,7 +251,7 @@ add_list(T, P, Name, Order) ->
     write(T, [P], fun(S) ->
         not_list(T, P),
         N = call(fun() -> arbo:add_hkey_dyn(T, P#arbo_node.addr, Htag, Mode) end, P),
-        expect_type(T, N, {2, Mode}, Name),  % an existing list keeps its order
+        expect_type(T, N, {?NODE_LIST, Mode}, Name),  % an existing list keeps its order
         mk(T, S, N, P#arbo_node.addr)
     end).
 
@@ -312,10 +314,10 @@ find_after(T, L, Key) -> find_after(T, L, Key, exclusive).
           tree_node() | none.
 find_after(T, L, Key, Incl) ->
     {K, Code} = case add_arg(Key) of
-                    {I, 4} -> {I, 39};
-                    {Pair, 27} -> {Pair, 40};
-                    {Bin, 5} -> {Bin, 41};
-                    {Bin, 6} -> {Bin, 54}
+                    {I, ?KEY_INT} -> {I, ?NEXT_INT};
+                    {Pair, ?KEY_NS_INT} -> {Pair, ?NEXT_NS_INT};
+                    {Bin, ?KEY_TUPLE} -> {Bin, ?NEXT_TUPLE};
+                    {Bin, ?KEY_OPAQUE} -> {Bin, ?NEXT_OPAQUE}
                 end,
     Mode = case Incl of
                exclusive -> 0;
@@ -340,7 +342,7 @@ delete(T, N) ->
     Reply = exclusive(T, fun(H, S) ->
         fresh(S, N),
         #arbo_node{addr = Addr, parent = Parent} = N,
-        {K, Code, FCode} = del_arg(arbo:get_hkey0(H, Addr), is_list_addr(H, Parent)),
+        {K, Code, FCode} = del_arg(arbo:get_hkey0(H, Addr)),
         %% The key must lead back to this very node (two instances that differ
         %% only in namespace share a key in an indexed list).
         case arbo:find_child(H, Parent, K, FCode) of
@@ -366,7 +368,7 @@ delete(T, P, Key) ->
         case exact(H, arbo:find_child(H, Addr, K, Code), K, Code) of
             0 -> {false, false};
             N ->
-                {DK, DCode, _} = del_arg(arbo:get_hkey0(H, N), is_list_addr(H, Addr)),
+                {DK, DCode, _} = del_arg(arbo:get_hkey0(H, N)),
                 {arbo:del_hkey(H, Addr, DK, DCode), true}
         end
     end).
@@ -421,7 +423,7 @@ rename(T, I, NewKey) ->
         R -> R
     end.
 
-rename_key(N, 4) -> {N};  % a tag form here
+rename_key(N, ?KEY_INT) -> {N};  % a tag form here
 rename_key(K, _) -> K.
 
 %% @doc Move a child that has a namespace into another namespace (under the
@@ -440,7 +442,7 @@ rename_ns(T, N, NewNs) ->
         fresh(S, N),
         #arbo_node{addr = Addr, parent = P} = N,
         Free = case arbo:get_hkey0(H, Addr) of
-                   [_ | Tag] -> lists:member(arbo:find_child(H, P, [NewNs | Tag], 10), [0, Addr]);
+                   [_ | Tag] -> lists:member(arbo:find_child(H, P, [NewNs | Tag], ?FIND_TAG), [0, Addr]);
                    _ -> true
                end,
         {Free andalso arbo:rename_ns(H, P, Addr, NewNs), false}
@@ -472,7 +474,7 @@ last_child(T, N) ->
         Addr = N#arbo_node.addr,
         %% An empty sorted list answers its own header view: not a node.
         case arbo:get_type(T, Addr) of
-            {2, Mode} when Mode =/= 3 ->
+            {?NODE_LIST, Mode} when Mode =/= ?ORDER_USER ->
                 case arbo:num_children(plain_view(T), Addr) of
                     0 -> none;
                     _ -> mk(T, S, skip_back(T, Addr, arbo:last_child(T, Addr)), Addr)
@@ -549,9 +551,9 @@ type(T, N) ->
         #arbo_node{addr = Addr, parent = P} = N,
         case arbo:get_type(T, Addr) of
             _ when P =:= 0 -> root;
-            {1, _} -> container;
-            {2, Mode} -> {list, order_name(Mode)};
-            {3, _} ->
+            {?NODE_CONTAINER, _} -> container;
+            {?NODE_LIST, Mode} -> {list, order_name(Mode)};
+            {?NODE_GEN, _} ->
                 case is_list_addr(T, P) of
                     true -> instance;
                     false -> leaf
@@ -594,9 +596,9 @@ value_raw(T, N) ->
 -spec set_value(tree(), tree_node(), value()) -> ok.
 set_value(T, N, V) ->
     {Kind, Bin} = if
-                      is_binary(V) -> {18, V};
+                      is_binary(V) -> {?VAL_BINARY, V};
                       V =:= empty -> error({badarg, {value, V}});
-                      true -> {17, arbo_val:encode(V)}
+                      true -> {?VAL_CSVAL, arbo_val:encode(V)}
                   end,
     write(T, [N], fun(_) ->
         holds_value(T, N),
@@ -608,7 +610,7 @@ set_value(T, N, V) ->
 clear_value(T, N) ->
     write(T, [N], fun(_) ->
         holds_value(T, N),
-        arbo:set_val(T, N#arbo_node.addr, 0, <<>>)
+        arbo:set_val(T, N#arbo_node.addr, ?VAL_CLEAR, <<>>)
     end).
 
 %% @doc A node's user flags (64 bits).
@@ -751,7 +753,7 @@ user_list(T, I) ->
         0 -> error({root, I});
         L ->
             case arbo:get_type(T, L) of
-                {2, 3} -> L;
+                {?NODE_LIST, ?ORDER_USER} -> L;
                 _ -> error({not_user_ordered, I})
             end
     end.
@@ -765,7 +767,7 @@ user_list(T, I) ->
 %% cannot go on and raises `{stale_node, Parent}'.
 -spec fold(tree(), tree_node(), filter(), fun((tree_node(), Acc) -> Acc), Acc) -> Acc.
 fold(T, P, Filter, Fun, Acc) when is_function(Fun, 2) ->
-    walk_chunks(T, P, compile_filter(Filter), Fun, Acc, first, infinity);
+    arbo_tree_walk:walk(T, P, compile_filter(Filter), Fun, Acc, infinity);
 fold(_, _, _, Fun, _) -> error({badarg, Fun}).
 
 %% @doc The children of a node that match a filter.
@@ -778,42 +780,7 @@ select(T, P, Filter, Limit) ->
     (Limit =:= infinity orelse (is_integer(Limit) andalso Limit > 0))
         orelse error({badarg, {limit, Limit}}),
     F = compile_filter(Filter),
-    lists:reverse(walk_chunks(T, P, F, fun(C, Acc) -> [C | Acc] end, [], first, Limit)).
-
-%% A walk takes the gate once per chunk of up to ?CHUNK native steps (so a
-%% writer waits for one chunk at most) and calls Fun outside it. The
-%% library's results: a match, the end, or a yield with the library's own
-%% stack, which goes straight back to the library and nowhere else.
--define(CHUNK, 64).
-
-walk_chunks(_, _, _, _, Acc, done, _) -> Acc;
-walk_chunks(_, _, _, _, Acc, _, 0) -> Acc;
-walk_chunks(T, P, F, Fun, Acc, Cont, Left) ->
-    {Found, Next} = read(T, [P], fun(_) -> steps(T, P#arbo_node.addr, F, Cont, ?CHUNK, []) end),
-    {Acc1, Left1} = visit(Found, P, Fun, Acc, Left),
-    walk_chunks(T, P, F, Fun, Acc1, Next, Left1).
-
-steps(T, PA, F, first, N, Found) -> step(T, PA, F, arbo:first_child_nif(T, PA, F, 0), N, Found);
-steps(T, PA, F, {next, A}, N, Found) -> step(T, PA, F, arbo:next_sibling_nif(T, A, F, 0), N, Found);
-steps(T, PA, F, {resume, Stack, At}, N, Found) ->
-    step(T, PA, F, arbo:next_sibling_nif(T, At, F, 0, Stack), N, Found).
-
-%% One library answer; the plain case (a match, more steps left) loops here
-%% without building a continuation.
-step(_, _, _, 0, _, Found) -> {lists:reverse(Found), done};
-step(T, PA, F, {yield, Stack, At}, N, Found) when N > 1 -> steps(T, PA, F, {resume, Stack, At}, N - 1, Found);
-step(_, _, _, {yield, Stack, At}, _, Found) -> {lists:reverse(Found), {resume, Stack, At}};
-step(T, PA, F, A, N, Found) when N > 1 -> step(T, PA, F, arbo:next_sibling_nif(T, A, F, 0), N - 1, [A | Found]);
-step(_, _, _, A, _, Found) -> {lists:reverse([A | Found]), {next, A}}.
-
-visit(_, _, _, Acc, 0) -> {Acc, 0};
-visit([], _, _, Acc, Left) -> {Acc, Left};
-visit([A | More], P, Fun, Acc, Left) ->
-    C = P#arbo_node{addr = A, parent = P#arbo_node.addr},
-    visit(More, P, Fun, Fun(C, Acc), dec(Left)).
-
-dec(infinity) -> infinity;
-dec(N) -> N - 1.
+    lists:reverse(arbo_tree_walk:walk(T, P, F, fun(C, Acc) -> [C | Acc] end, [], Limit)).
 
 %% @doc Check a filter and turn it into the library's numeric form; raises
 %% `error({bad_filter, Part})' for the first part that is not a filter the
@@ -829,25 +796,12 @@ compile_filter(F) -> arbo_tree_filter:compile(F).
 
 %% @doc Push a node on the calling process's iterator stack of this tree.
 -spec iter_push(tree(), tree_node()) -> ok.
-iter_push(T, N) ->
-    write(T, [N], fun(_) -> arbo:push_iter_node(T, N#arbo_node.addr) end),
-    Key = iter_key(T),
-    put(Key, [N | iter_stack(Key)]),
-    ok.
+iter_push(T, N) -> arbo_tree_iter:push(T, N).
 
 %% @doc Pop the top of the calling process's iterator stack: `ok', or
 %% `{error, empty}' (the library itself would abort on an empty stack).
 -spec iter_pop(tree()) -> ok | {error, empty}.
-iter_pop(T) ->
-    Key = iter_key(T),
-    writable(T),
-    case iter_stack(Key) of
-        [] -> {error, empty};
-        [_ | Rest] ->
-            write(T, [], fun(_) -> arbo:pop_iter_node(T) end),
-            put(Key, Rest),
-            ok
-    end.
+iter_pop(T) -> arbo_tree_iter:pop(T).
 
 %% @doc The top of the calling process's iterator stack: `{ok, Node}',
 %% `{error, empty}', or `{error, stale}' when nodes of the tree were deleted
@@ -855,33 +809,11 @@ iter_pop(T) ->
 %% node itself was pushed, not for its descendants, so its answer is not
 %% trusted then).
 -spec iter_top(tree()) -> {ok, tree_node()} | {error, empty | stale}.
-iter_top(T) ->
-    case iter_stack(iter_key(T)) of
-        [] -> {error, empty};
-        [N | _] ->
-            read(T, [], fun(S) ->
-                Top = arbo:get_iter_node(T),
-                case N of
-                    #arbo_node{stamp = S, addr = Top} -> {ok, N};
-                    _ -> {error, stale}
-                end
-            end)
-    end.
+iter_top(T) -> arbo_tree_iter:top(T).
 
 %% @doc The depth of the calling process's iterator stack of this tree.
 -spec iter_depth(tree()) -> non_neg_integer().
-iter_depth(T) -> length(iter_stack(iter_key(T))).
-
-iter_key({arbo, Res, _, {arbo_reading, _, _, _}}) -> {'$arbo_iter', Res};
-iter_key(T) ->
-    {Res, _} = readable(T),
-    {'$arbo_iter', Res}.
-
-iter_stack(Key) ->
-    case get(Key) of
-        undefined -> [];
-        L -> L
-    end.
+iter_depth(T) -> arbo_tree_iter:depth(T).
 
 %% ===========================================================================
 %% Persistence
@@ -926,7 +858,7 @@ order_name(Mode) ->
 
 is_list_addr(T, Addr) ->
     case arbo:get_type(T, Addr) of
-        {2, _} -> true;
+        {?NODE_LIST, _} -> true;
         _ -> false
     end.
 
@@ -946,7 +878,7 @@ expect_type(T, N, Want, Name) ->
 holds_value(T, N) ->
     Addr = N#arbo_node.addr,
     case arbo:get_type(T, Addr) of
-        {3, _} when N#arbo_node.parent =/= 0 ->
+        {?NODE_GEN, _} when N#arbo_node.parent =/= 0 ->
             case arbo:get_hkey0(T, Addr) of
                 {binary, _} -> error({wrong_node_type, N});
                 {B} when is_binary(B) -> error({wrong_node_type, N});
