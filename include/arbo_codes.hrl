@@ -49,6 +49,7 @@
 -define(ORDER_LENGTH_FIRST, 1).
 -define(ORDER_LENGTH_FIRST_BUT_LAST, 2).
 -define(ORDER_USER, 3).
+-define(ORDER_MAX, 4).        % the largest order a save file may name
 
 %% Element type codes with a named Erlang form (arbo_val) or a special rule.
 -define(T_EMPTY, 0).

@@ -23,6 +23,7 @@
 -export([verify/1, verify_binary/1, save/2, save/3, load/2, load/3]).
 -export_type([verify_error/0, load_info/0, load_option/0]).
 
+-include("arbo_codes.hrl").
 -include("arbo_error.hrl").
 
 -type offset() :: non_neg_integer().
@@ -49,6 +50,13 @@
 %% transaction starts, the checkpoint argument for the copy, the distinct
 %% wide flag values.
 -record(marks, {count = 0, trans = 0, checkpoint = -1, wide = #{}}).
+
+%% The records a saved list and a saved tree are mostly made of.
+-define(CD_KEY, ?OPCODE(?OP_CD, ?KF_HKEY_INT)).
+-define(CD_LIST, ?OPCODE(?OP_CD_DYN, ?KF_HTAG)).
+%% The marker put before a record of the marked copy: a transaction start,
+%% which the loader counts.
+-define(MARK, ?OP_BEGIN_TRANS).
 
 %% ---------------------------------------------------------------------------
 %% Verification
@@ -117,18 +125,20 @@ read_n(Fd, Size) ->
     end.
 
 %% The records a saved tree is mostly made of are matched in place, whole,
-%% and the walk goes straight on with what follows them; anything else
+%% and the walk goes straight on with what follows them (skip_record/1
+%% matches the same ones: a shared matcher that hands back what follows
+%% costs the match its in-place reading, three times the time); anything else
 %% (other records, and any record that is cut or wrong) takes record/3,
 %% which accepts the same bytes and names the problem.
 records(<<>>, _Size) -> ok;
-records(<<7, R/binary>>, Size) -> records(R, Size);
-records(<<16#46, _:32, R/binary>>, Size) -> records(R, Size);
-records(<<6, _:32, R/binary>>, Size) -> records(R, Size);
-records(<<16#0F, _:32, R/binary>>, Size) -> records(R, Size);
-records(<<16#14, _:32, _, R/binary>>, Size) -> records(R, Size);
-records(<<13, N, _:N/binary, R/binary>>, Size) -> records(R, Size);
-records(<<11, _, R/binary>>, Size) -> records(R, Size);
-records(<<9, R/binary>> = Rec, Size) ->
+records(<<?OP_CD_UP_1, R/binary>>, Size) -> records(R, Size);
+records(<<?CD_KEY, _:32, R/binary>>, Size) -> records(R, Size);
+records(<<?OP_CD, _:32, R/binary>>, Size) -> records(R, Size);
+records(<<?OP_CD_INT, _:32, R/binary>>, Size) -> records(R, Size);
+records(<<?CD_LIST, _:32, _, R/binary>>, Size) -> records(R, Size);
+records(<<?OP_INSERT_BIN0, N, _:N/binary, R/binary>>, Size) -> records(R, Size);
+records(<<?OP_SET_FLAGS8, _, R/binary>>, Size) -> records(R, Size);
+records(<<?OP_INSERT, R/binary>> = Rec, Size) ->
     case arbo_val:frame(R) of
         {ok, N} ->
             <<_:N/binary, Next/binary>> = R,
@@ -144,27 +154,32 @@ record_at(<<Form:3, Op:5, Rest/binary>> = Rec, Size) ->
     end.
 
 %% One record after its opcode byte: {ok, what follows} or {error, Reason}.
-record(Op, _, _) when Op > 27 -> {error, invalid_op};
-record(0, _, _) -> {error, not_implemented};
-record(Op, _, _) when Op =:= 21; Op =:= 25 -> {error, deprecated_op};
-record(Op, _, R) when Op =:= 1; Op =:= 2; Op =:= 3; Op =:= 4; Op =:= 5; Op =:= 7 -> {ok, R};
-record(8, _, R) -> skip(1, R);
-record(9, _, R) -> csval(R);
-record(11, _, R) -> skip(1, R);
-record(17, _, R) -> skip(2, R);
-record(22, _, R) -> skip(4, R);
-record(23, _, R) -> skip(8, R);
-record(13, _, <<N, R/binary>>) -> skip(N, R);
-record(14, _, <<N:32, R/binary>>) -> skip(N, R);
-record(18, _, <<_:32, R/binary>>) -> csval(R);
-record(Op, F, R) when Op =:= 6; Op =:= 10; Op =:= 12; Op =:= 15 -> path(F, R);
-record(Op, F, R) when Op =:= 16; Op =:= 20 -> then(path(F, R), fun(R1) -> skip(1, R1) end);
-record(Op, F, R) when Op =:= 19; Op =:= 24 -> then(path(F, R), fun(R1) -> skip(4, R1) end);
-record(26, F, R) ->
+record(Op, _, _) when Op > ?OP_LAST -> {error, invalid_op};
+record(?OP_ZERO, _, _) -> {error, not_implemented};
+record(Op, _, _) when Op =:= ?OP_MOVE_REL; Op =:= ?OP_RENAME_INSTANCE -> {error, deprecated_op};
+record(Op, _, R) when Op =:= ?OP_BEGIN_TRANS_INVALID; Op =:= ?OP_BEGIN_TRANS;
+                      Op =:= ?OP_TRANS_END; Op =:= ?OP_CHECKPOINT_SET; Op =:= ?OP_NOOP;
+                      Op =:= ?OP_CD_UP_1 -> {ok, R};
+record(?OP_CD_UP, _, R) -> skip(1, R);
+record(?OP_INSERT, _, R) -> csval(R);
+record(?OP_SET_FLAGS8, _, R) -> skip(1, R);
+record(?OP_SET_FLAGS16, _, R) -> skip(2, R);
+record(?OP_SET_FLAGS32, _, R) -> skip(4, R);
+record(?OP_SET_FLAGS64, _, R) -> skip(8, R);
+record(?OP_INSERT_BIN0, _, <<N, R/binary>>) -> skip(N, R);
+record(?OP_INSERT_BIN, _, <<N:32, R/binary>>) -> skip(N, R);
+record(?OP_SET_ATTRIBUTE, _, <<_:32, R/binary>>) -> csval(R);
+record(Op, F, R) when Op =:= ?OP_CD; Op =:= ?OP_DELETE; Op =:= ?OP_DELETE_NS; Op =:= ?OP_CD_INT ->
+    path(F, R);
+record(Op, F, R) when Op =:= ?OP_CD_DYN_OLD; Op =:= ?OP_CD_DYN ->
+    then(path(F, R), fun(R1) -> skip(1, R1) end);
+record(Op, F, R) when Op =:= ?OP_MOVE; Op =:= ?OP_RENAME_NS ->
+    then(path(F, R), fun(R1) -> skip(4, R1) end);
+record(?OP_MOVE_REL_2, F, R) ->
     then(path(F, R), fun(<<_Rel, F2, R1/binary>>) -> path(F2, R1);
                         (_) -> {error, truncated}
                      end);
-record(27, F, R) ->
+record(?OP_RENAME_INSTANCE_2, F, R) ->
     then(path(F, R), fun(<<F2, R1/binary>>) -> path(F2, R1);
                         (_) -> {error, truncated}
                      end);
@@ -178,17 +193,17 @@ skip(_, _) -> {error, truncated}.
 
 %% A path in key form F: 0 tag, 1 namespace and tag, 2 integer key, 3 type
 %% byte and integer key, 4 opaque binary key, 5 encoded tuple key.
-path(0, R) -> skip(4, R);
-path(1, R) -> skip(8, R);
-path(2, R) -> skip(4, R);
-path(3, R) -> skip(5, R);
-path(4, <<N:32, _:N/binary, R/binary>>) -> {ok, R};
-path(5, <<N:32, Key:N/binary, R/binary>>) ->
+path(?KF_HTAG, R) -> skip(4, R);
+path(?KF_NS_HTAG, R) -> skip(8, R);
+path(?KF_HKEY_INT, R) -> skip(4, R);
+path(?KF_HKEY_INT_BTUPLE, R) -> skip(5, R);
+path(?KF_HKEY_BIN, <<N:32, _:N/binary, R/binary>>) -> {ok, R};
+path(?KF_HKEY_GEN, <<N:32, Key:N/binary, R/binary>>) ->
     case arbo_key:validate(Key) of
         ok -> {ok, R};
         {error, E} -> {error, {bad_key, E}}
     end;
-path(F, _) when F >= 6 -> {error, invalid_key_type};
+path(F, _) when F > ?KF_HKEY_GEN -> {error, invalid_key_type};
 path(_, _) -> {error, truncated}.
 
 csval(R) ->
@@ -441,7 +456,7 @@ info(Bin, Size, Trans, Ckpt, Captured, TruncatedAt) ->
 stopped(Bin, Reached) ->
     {_, {At, Op}} =
         case fold_marked(Bin, fun(O, Op, I, {T, _}) when I + T < Reached ->
-                                      {cont, {T + case Op of 2 -> 1; _ -> 0 end, {O, Op}}};
+                                      {cont, {T + case Op of ?OP_BEGIN_TRANS -> 1; _ -> 0 end, {O, Op}}};
                                  (_, _, _, Acc) -> {stop, Acc}
                               end, {0, {4, none}}) of
             {stopped, Acc} -> Acc;
@@ -451,15 +466,16 @@ stopped(Bin, Reached) ->
 
 %% The loader's named outcomes for the records at which it ends a load
 %% without an error code.
-outcome(Op, _, _) when Op =:= 7; Op =:= 8 -> above_root;
-outcome(Op, _, _) when Op =:= 9; Op =:= 13; Op =:= 14 -> value_at_root;
-outcome(12, _, _) -> namespace_key_form;
-outcome(19, _, _) -> move_target_missing;
-outcome(20, Bin, At) ->
+outcome(Op, _, _) when Op =:= ?OP_CD_UP_1; Op =:= ?OP_CD_UP -> above_root;
+outcome(Op, _, _) when Op =:= ?OP_INSERT; Op =:= ?OP_INSERT_BIN0; Op =:= ?OP_INSERT_BIN ->
+    value_at_root;
+outcome(?OP_DELETE_NS, _, _) -> namespace_key_form;
+outcome(?OP_MOVE, _, _) -> move_target_missing;
+outcome(?OP_CD_DYN, Bin, At) ->
     case Bin of
-        <<_:At/binary, Form:3, _:5, _/binary>> when Form > 1 -> list_key_form;
-        <<_:At/binary, 0:3, _:5, _:32, Mode, _/binary>> when Mode > 4 -> list_mode;
-        <<_:At/binary, 1:3, _:5, _:64, Mode, _/binary>> when Mode > 4 -> list_mode;
+        <<_:At/binary, Form:3, _:5, _/binary>> when Form > ?KF_NS_HTAG -> list_key_form;
+        <<_:At/binary, ?KF_HTAG:3, _:5, _:32, Mode, _/binary>> when Mode > ?ORDER_MAX -> list_mode;
+        <<_:At/binary, ?KF_NS_HTAG:3, _:5, _:64, Mode, _/binary>> when Mode > ?ORDER_MAX -> list_mode;
         _ -> child_refused
     end;
 outcome(_, _, _) -> child_refused.
@@ -487,20 +503,20 @@ write_marked(Copy, Bin, Checkpoint) ->
 %% the file, I the markers so far. A marker (02) goes before a marked
 %% record (see follows/2); the records a saved tree is mostly made of are
 %% matched in place.
-copy_marked(<<16#46, K:32, R/binary>>, O, _, I, Out, St) ->
-    copy_marked(R, O + 5, cd, I + 1, <<Out/binary, 2, 16#46, K:32>>, St);
-copy_marked(<<6, K:32, R/binary>>, O, _, I, Out, St) ->
-    copy_marked(R, O + 5, cd, I + 1, <<Out/binary, 2, 6, K:32>>, St);
-copy_marked(<<7, R/binary>>, O, none, I, Out, St) ->
-    copy_marked(R, O + 1, none, I + 1, <<Out/binary, 2, 7>>, St);
-copy_marked(<<7, R/binary>>, O, _, I, Out, St) ->
-    copy_marked(R, O + 1, none, I, <<Out/binary, 7>>, St);
-copy_marked(<<9, R/binary>>, O, Prev, I, Out, St) ->
+copy_marked(<<?CD_KEY, K:32, R/binary>>, O, _, I, Out, St) ->
+    copy_marked(R, O + 5, cd, I + 1, <<Out/binary, ?MARK, ?CD_KEY, K:32>>, St);
+copy_marked(<<?OP_CD, K:32, R/binary>>, O, _, I, Out, St) ->
+    copy_marked(R, O + 5, cd, I + 1, <<Out/binary, ?MARK, ?OP_CD, K:32>>, St);
+copy_marked(<<?OP_CD_UP_1, R/binary>>, O, none, I, Out, St) ->
+    copy_marked(R, O + 1, none, I + 1, <<Out/binary, ?MARK, ?OP_CD_UP_1>>, St);
+copy_marked(<<?OP_CD_UP_1, R/binary>>, O, _, I, Out, St) ->
+    copy_marked(R, O + 1, none, I, <<Out/binary, ?OP_CD_UP_1>>, St);
+copy_marked(<<?OP_INSERT, R/binary>>, O, Prev, I, Out, St) ->
     {ok, N} = arbo_val:frame(R),
     <<V:N/binary, Next/binary>> = R,
     case Prev of
-        cd -> copy_marked(Next, O + 1 + N, cd_value, I, <<Out/binary, 9, V/binary>>, St);
-        _ -> copy_marked(Next, O + 1 + N, none, I + 1, <<Out/binary, 2, 9, V/binary>>, St)
+        cd -> copy_marked(Next, O + 1 + N, cd_value, I, <<Out/binary, ?OP_INSERT, V/binary>>, St);
+        _ -> copy_marked(Next, O + 1 + N, none, I + 1, <<Out/binary, ?MARK, ?OP_INSERT, V/binary>>, St)
     end;
 copy_marked(<<Byte, R/binary>>, O, Prev, I, Out, {Ckpt, M} = St) ->
     {ok, Next} = record(Byte band 31, Byte bsr 5, R),
@@ -511,16 +527,17 @@ copy_marked(<<Byte, R/binary>>, O, Prev, I, Out, {Ckpt, M} = St) ->
         end_of_cd -> copy_marked(Next, O + 1 + Len, none, I, <<Out/binary, Byte, Body/binary>>, St);
         Prev1 ->
             M1 = case Byte band 31 of
-                     2 -> M#marks{trans = M#marks.trans + 1};
-                     4 when O =:= Ckpt + 1 -> M#marks{checkpoint = Ckpt + I + 1};
-                     22 -> <<V:32, _/binary>> = Body, wide(M, V);
-                     23 -> <<V:64, _/binary>> = Body, wide(M, V);
+                     ?OP_BEGIN_TRANS -> M#marks{trans = M#marks.trans + 1};
+                     ?OP_CHECKPOINT_SET when O =:= Ckpt + 1 -> M#marks{checkpoint = Ckpt + I + 1};
+                     ?OP_SET_FLAGS32 -> <<V:32, _/binary>> = Body, wide(M, V);
+                     ?OP_SET_FLAGS64 -> <<V:64, _/binary>> = Body, wide(M, V);
                      _ -> M
                  end,
-            copy_marked(Next, O + 1 + Len, Prev1, I + 1, <<Out/binary, 2, Byte, Body/binary>>, {Ckpt, M1})
+            copy_marked(Next, O + 1 + Len, Prev1, I + 1, <<Out/binary, ?MARK, Byte, Body/binary>>,
+                        {Ckpt, M1})
     end;
 copy_marked(<<>>, _, _, I, Out, {_, M}) ->
-    {<<Out/binary, 2>>, M#marks{count = I + 1}}.
+    {<<Out/binary, ?MARK>>, M#marks{count = I + 1}}.
 
 wide(M, V) when V =< 16#3fffff -> M;
 wide(#marks{wide = W} = M, _) when map_size(W) > 30000 -> M;   % enough to refuse
@@ -530,22 +547,22 @@ wide(#marks{wide = W} = M, V) -> M#marks{wide = W#{V => []}}.
 %% before it: all have but a value (09) and an end (07) that follow a cd,
 %% which the loader replays with the cd and which cannot end a load
 %% (cd_value and end_of_cd: no marker).
-follows(9, cd) -> cd_value;
-follows(7, cd) -> end_of_cd;
-follows(7, cd_value) -> end_of_cd;
-follows(Byte, _) when Byte band 31 =:= 6 -> cd;
+follows(?OP_INSERT, cd) -> cd_value;
+follows(?OP_CD_UP_1, cd) -> end_of_cd;
+follows(?OP_CD_UP_1, cd_value) -> end_of_cd;
+follows(Byte, _) when Byte band 31 =:= ?OP_CD -> cd;
 follows(_, _) -> none.
 
 %% What follows the record a verified file has here: the records a saved
 %% tree is mostly made of are matched in place.
-skip_record(<<7, R/binary>>) -> R;
-skip_record(<<16#46, _:32, R/binary>>) -> R;
-skip_record(<<6, _:32, R/binary>>) -> R;
-skip_record(<<16#0F, _:32, R/binary>>) -> R;
-skip_record(<<16#14, _:32, _, R/binary>>) -> R;
-skip_record(<<13, N, _:N/binary, R/binary>>) -> R;
-skip_record(<<11, _, R/binary>>) -> R;
-skip_record(<<9, R/binary>>) ->
+skip_record(<<?OP_CD_UP_1, R/binary>>) -> R;
+skip_record(<<?CD_KEY, _:32, R/binary>>) -> R;
+skip_record(<<?OP_CD, _:32, R/binary>>) -> R;
+skip_record(<<?OP_CD_INT, _:32, R/binary>>) -> R;
+skip_record(<<?CD_LIST, _:32, _, R/binary>>) -> R;
+skip_record(<<?OP_INSERT_BIN0, N, _:N/binary, R/binary>>) -> R;
+skip_record(<<?OP_SET_FLAGS8, _, R/binary>>) -> R;
+skip_record(<<?OP_INSERT, R/binary>>) ->
     {ok, N} = arbo_val:frame(R),
     <<_:N/binary, Next/binary>> = R,
     Next;
