@@ -456,7 +456,8 @@ info(Bin, Size, Trans, Ckpt, Captured, TruncatedAt) ->
 stopped(Bin, Reached) ->
     {_, {At, Op}} =
         case fold_marked(Bin, fun(O, Op, I, {T, _}) when I + T < Reached ->
-                                      {cont, {T + case Op of ?OP_BEGIN_TRANS -> 1; _ -> 0 end, {O, Op}}};
+                                      Starts = case Op of ?OP_BEGIN_TRANS -> 1; _ -> 0 end,
+                                      {cont, {T + Starts, {O, Op}}};
                                  (_, _, _, Acc) -> {stop, Acc}
                               end, {0, {4, none}}) of
             {stopped, Acc} -> Acc;
@@ -474,8 +475,8 @@ outcome(?OP_MOVE, _, _) -> move_target_missing;
 outcome(?OP_CD_DYN, Bin, At) ->
     case Bin of
         <<_:At/binary, Form:3, _:5, _/binary>> when Form > ?KF_NS_HTAG -> list_key_form;
-        <<_:At/binary, ?KF_HTAG:3, _:5, _:32, Mode, _/binary>> when Mode > ?ORDER_MAX -> list_mode;
-        <<_:At/binary, ?KF_NS_HTAG:3, _:5, _:64, Mode, _/binary>> when Mode > ?ORDER_MAX -> list_mode;
+        <<_:At/binary, ?KF_HTAG:3, _:5, _:32, M, _/binary>> when M > ?ORDER_MAX -> list_mode;
+        <<_:At/binary, ?KF_NS_HTAG:3, _:5, _:64, M, _/binary>> when M > ?ORDER_MAX -> list_mode;
         _ -> child_refused
     end;
 outcome(_, _, _) -> child_refused.

@@ -81,8 +81,8 @@
 -include("arbo_codes.hrl").
 -include("arbo_gate.hrl").
 
--import(arbo_tree_keys, [htag/1, add_arg/1, find_arg/1, del_arg/1, key_term/2, key_form/1, key_form/2,
-                         one_form/4, exact/4, same_key/3]).
+-import(arbo_tree_keys, [htag/1, add_arg/1, find_arg/1, del_arg/1, key_term/2, key_form/1,
+                         key_form/2, one_form/4, exact/4, same_key/3]).
 
 %% The gate: every check of a handle or a reference, every reader section and
 %% the writer side.
@@ -442,7 +442,8 @@ rename_ns(T, N, NewNs) ->
         fresh(S, N),
         #arbo_node{addr = Addr, parent = P} = N,
         Free = case arbo:get_hkey0(H, Addr) of
-                   [_ | Tag] -> lists:member(arbo:find_child(H, P, [NewNs | Tag], ?FIND_TAG), [0, Addr]);
+                   [_ | Tag] ->
+                       lists:member(arbo:find_child(H, P, [NewNs | Tag], ?FIND_TAG), [0, Addr]);
                    _ -> true
                end,
         {Free andalso arbo:rename_ns(H, P, Addr, NewNs), false}
