@@ -6,7 +6,8 @@
 # Offline: nothing comes from hex. Each step checks what the README promises:
 # the library loaded from the dependency's priv/, only the library built (no
 # tests, no benchmarks), no C++ sources in a release, docs for h/2, the
-# application started by arbo_tree:new/0.
+# application started by arbo_tree:new/0, the codes header found by
+# include_lib.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 work=$(mktemp -d "${TMPDIR:-/tmp}/arbo_consumer.XXXXXX")
@@ -65,6 +66,7 @@ cat >"$app/src/shelf.erl" <<'EOF'
 -module(shelf).
 -behaviour(application).
 -export([start/2, stop/1, check/0, main/1]).
+-include_lib("arbo/include/arbo_codes.hrl").
 
 %% In the release, the check runs when the application starts.
 start(_, _) ->
@@ -100,6 +102,8 @@ check() ->
     end,
     2 = length([I || #{owner := O} = I <- arbo_app:info(), O =:= self()]),
     {ok, _} = application:get_key(arbo, vsn),
+    %% the codes header of the dependency, with the raw module
+    -1 = arbo:cmp_keys_nif(1, ?KEY_INT, 2, ?KEY_INT, ?ORDER_PLAIN),
     io:format("shelf ok ~ts~n", [arbo:nif_path()]).
 EOF
 export SHELF_DIR=$work
@@ -123,8 +127,8 @@ rebar3 release >"$work/release.log" 2>&1 || { cat "$work/release.log"; fail "reb
 rel=$app/_build/default/rel/shelf
 lib=$(echo "$rel"/lib/arbo-0.2.0)
 [ -d "$lib" ] || fail "no lib/arbo-0.2.0 in the release"
-extra=$(cd "$lib" && ls -A | grep -v -x -e ebin -e priv || true)
-[ -z "$extra" ] || fail "the release ships more than ebin and priv of arbo: $extra"
+extra=$(cd "$lib" && ls -A | grep -v -x -e ebin -e priv -e include || true)
+[ -z "$extra" ] || fail "the release ships more than ebin, priv and include of arbo: $extra"
 out=$(SHELF_CHECK=1 SHELF_NODOCS=1 timeout 60 "$rel/bin/shelf" foreground 2>&1) || true
 expect "$out" "$lib/priv" "release run"
 
@@ -178,8 +182,8 @@ MIX_ENV=prod mix release >"$work/mixrel.log" 2>&1 || { cat "$work/mixrel.log"; f
 mrel=$mixapp/_build/prod/rel/shelf_ex
 mlib=$(echo "$mrel"/lib/arbo-0.2.0)
 [ -f "$mlib/priv/arbo_nif.so" ] || fail "mix release without arbo's library"
-extra=$(cd "$mlib" && ls -A | grep -v -x -e ebin -e priv || true)
-[ -z "$extra" ] || fail "the mix release ships more than ebin and priv of arbo: $extra"
+extra=$(cd "$mlib" && ls -A | grep -v -x -e ebin -e priv -e include || true)
+[ -z "$extra" ] || fail "the mix release ships more than ebin, priv and include of arbo: $extra"
 out=$(SHELF_NODOCS=1 "$mrel/bin/shelf_ex" eval 'ShelfEx.check()' 2>&1) || true
 expect "$out" "$mlib/priv" "mix release run"
 echo "== consumer: all passed"
