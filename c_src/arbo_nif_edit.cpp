@@ -264,8 +264,6 @@ ARBO_NIF_FN(rename_instance) {
       if (!get_htag(env, argv[3], &ns, &tag)) return ARBO_BADARG(env);
       key_kind = STORE_KEY_TAG;
       break;
-    default:
-      return am_false;
   }
   TableGuard g(env, argv[0], Lock::kExclusive);
   if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
