@@ -9,6 +9,7 @@
 #include "arbo_alloc.h"
 #include "arbo_io.h"
 #include "arbo_store.h"
+#include "arbo_walk.h"
 
 namespace arbo {
 
@@ -243,8 +244,24 @@ int write_attributes(save_ctx* c, const arbo_node* n) {
 
 }  // namespace
 
+// Depth first: a node's records, its children, then its "up" record, then
+// the next sibling. The stack holds, per open level, the next sibling to
+// write, so that the depth of the tree never reaches the C stack.
 int _save_children(save_ctx* c, const arbo_node* parent) {
-  for (const arbo_node* n = parent->child; n != nullptr; n = sibling(n)) {
+  WalkStack<const arbo_node*> stack;
+  stack.push(parent->child);
+  while (!stack.empty()) {
+    const arbo_node* n = stack.top();
+    if (n == nullptr) {
+      stack.pop();
+      if (stack.empty()) break;
+      // The level of some node's children is done: climb back out of it.
+      rec_header up;
+      up.u8(OP_CD_UP_1);
+      if (!write_rec(c, up, nullptr, 0)) return 0;
+      continue;
+    }
+    stack.top() = sibling(n);
     if (c->skip_mask != 0 &&
         (_arbo_nif_get_flags(c->env, n) & c->skip_mask) == c->skip_mask)
       continue;
@@ -261,10 +278,7 @@ int _save_children(save_ctx* c, const arbo_node* parent) {
     const uint64_t flags = _arbo_nif_get_flags(c->env, n);
     if (!kFlagsWriters[flags_code(flags)](c, flags)) return 0;
     if (!write_attributes(c, n)) return 0;
-    if (!_save_children(c, n)) return 0;
-    rec_header up;
-    up.u8(OP_CD_UP_1);
-    if (!write_rec(c, up, nullptr, 0)) return 0;
+    stack.push(n->child);
   }
   return 1;
 }
