@@ -223,6 +223,10 @@ void _mirel_hashtable_destroy(mirel_hashtable* h, int free_values) {
 
 uint32_t _mirel_hashtable_bucket_count(const mirel_hashtable* h) { return h->tablelength; }
 
+int _mirel_hashtable_grows_on_insert(const mirel_hashtable* h) {
+  return h->entrycount + 1 > h->loadlimit && h->primeindex + 1 < kPrimeCount;
+}
+
 int _mirel_hashtable_check(const mirel_hashtable* h) {
   if (h->primeindex >= kPrimeCount || kPrimes[h->primeindex] != h->tablelength) return 0;
   if (h->loadlimit != load_limit(h->tablelength)) return 0;

@@ -41,6 +41,8 @@ void _mirel_hashtable_destroy(mirel_hashtable* h, int free_values);
 // its stored hash, that hash is still the key's, the chains hold exactly
 // `count` entries and the load limit matches the bucket count.
 uint32_t _mirel_hashtable_bucket_count(const mirel_hashtable* h);
+// 1 when the next insert moves every entry to a bigger bucket array.
+int _mirel_hashtable_grows_on_insert(const mirel_hashtable* h);
 int _mirel_hashtable_check(const mirel_hashtable* h);
 
 }  // namespace arbo
