@@ -8,7 +8,8 @@
 main() ->
     Suites = [{"Concurrency", arbo_stress_tests},
               {"Bad input", arbo_fuzz_tests},
-              {"Hostile files and persistence faults", arbo_hostile_tests}],
+              {"Hostile files and persistence faults", arbo_hostile_tests},
+              {"Tree depth", arbo_sched_tests}],
     Results = [run(Title, Mod) || {Title, Mod} <- Suites],
     case lists:all(fun(R) -> R end, Results) of
         true -> ok;

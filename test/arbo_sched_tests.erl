@@ -13,17 +13,25 @@
 -module(arbo_sched_tests).
 -include_lib("eunit/include/eunit.hrl").
 
--export([deep/1]).
+-export([deep/1, figures/1]).
 
 -define(FLAG, 2#100).
 
 %% ---- depth -------------------------------------------------------------------------
 
 depth_in_child_vm_test_() ->
-    {timeout, 300, fun() -> ?assertEqual(ok, in_child(deep, [100000])) end}.
+    {timeout, 300, fun() -> ?assertMatch([_ | _], in_child(deep, [100000])) end}.
+
+%% The reliability run: the same scenario at a million levels.
+figures(full) ->
+    case in_child(deep, [1000000]) of
+        Figures when is_list(Figures) -> Figures;
+        Failed -> error(Failed)
+    end.
 
 %% A chain of Depth containers below the root, an attribute and a flag on
-%% the deepest one. Runs in the child VM; answers ok or what went wrong.
+%% the deepest one. Runs in the child VM; every step checks its answer, and
+%% the answer is the list of figures the reliability run prints.
 deep(Depth) ->
     Dir = scratch(),
     try deep(Depth, filename:join(Dir, "a"), filename:join(Dir, "b"))
@@ -33,41 +41,42 @@ deep(Depth) ->
 deep(Depth, FileA, FileB) ->
     T = arbo:new(),
     Fresh = arbo:get_mem(T),
-    Bottom = chain(T, arbo:get_root(T), Depth),
+    {BuildUs, Bottom} = timer:tc(fun() -> chain(T, arbo:get_root(T), Depth) end),
     arbo:set_flag(T, Bottom, ?FLAG),
     _ = arbo:do_set_attr(T, Bottom, 3, <<12, 7:32>>),
     Root = arbo:get_root(T),
-    Walked = {arbo:has_descendant_with_flags(T, Root, ?FLAG, 0),
-              arbo:has_descendant_with_flags(T, Root, 2#1000, 0), arbo:get_size(T)},
+    {WalkUs, Walked} =
+        timer:tc(fun() -> {arbo:has_descendant_with_flags(T, Root, ?FLAG, 0),
+                           arbo:has_descendant_with_flags(T, Root, 2#1000, 0)} end),
     Size = Depth + 1,  % the containers and the attribute
-    {true, false, Size} = Walked,
+    {{true, false}, Size} = {Walked, arbo:get_size(T)},
     %% Saved, loaded and saved again: the same bytes.
-    true = arbo:save_nif(T, nul(FileA), 0),
+    {SaveUs, true} = timer:tc(fun() -> arbo:save_nif(T, nul(FileA), 0) end),
     T2 = arbo:new(),
-    {true, _} = arbo:load_nif(T2, nul(FileA), -1, 0, undefined),
+    {LoadUs, {true, _}} = timer:tc(fun() -> arbo:load_nif(T2, nul(FileA), -1, 0, undefined) end),
     Size = arbo:get_size(T2),
     true = arbo:save_nif(T2, nul(FileB), 0),
     {ok, Bytes} = file:read_file(FileA),
-    {ok, Bytes} = file:read_file(FileB),
+    {ok, Again} = file:read_file(FileB),
     true = arbo:has_descendant_with_flags(T2, arbo:get_root(T2), ?FLAG, 0),
     %% Deleted: counters back to those of an empty tree.
     Gen = arbo:get_generation(T),
-    true = arbo:del_hkey(T, Root, 1, 13),
-    {0, Fresh, Gen} = {arbo:get_size(T), arbo:get_mem(T), arbo:get_generation(T) - 1},
+    {DelUs, true} = timer:tc(fun() -> arbo:del_hkey(T, Root, 1, 13) end),
+    After = {arbo:get_size(T), arbo:get_mem(T), arbo:get_generation(T) - 1},
+    {0, Fresh, Gen} = After,
     ok = arbo:close(T),
     %% Cleared, closed, and dropped unclosed.
-    ok = arbo:del_all(T2),
+    {ClearUs, ok} = timer:tc(fun() -> arbo:del_all(T2) end),
     0 = arbo:get_size(T2),
     {true, _} = arbo:load_nif(T2, nul(FileA), -1, 0, undefined),
-    ok = arbo:close(T2),
+    {CloseUs, ok} = timer:tc(fun() -> arbo:close(T2) end),
     Mem = hd(arbo:alloc_info()),
     {Pid, Ref} = spawn_monitor(fun() ->
                                        T3 = arbo:new(),
                                        {true, _} = arbo:load_nif(T3, nul(FileA), -1, 0, undefined)
                                end),
     receive {'DOWN', Ref, process, Pid, normal} -> ok end,
-    erlang:garbage_collect(),
-    ok = wait_until(fun() -> hd(arbo:alloc_info()) =< Mem end, 30000),
+    {FreedUs, ok} = timer:tc(fun() -> wait_until(fun() -> hd(arbo:alloc_info()) =< Mem end, 30000) end),
     %% The safe API's tree, closed by its keeper when its owner exits.
     {Owner, ORef} = spawn_monitor(fun() ->
                                           S = arbo_tree:new(),
@@ -75,7 +84,22 @@ deep(Depth, FileA, FileB) ->
                                           exit({tree, S})
                                   end),
     S = receive {'DOWN', ORef, process, Owner, {tree, S0}} -> S0 end,
-    ok = wait_until(fun() -> catch_closed(S) end, 30000).
+    {KeeperUs, ok} = timer:tc(fun() -> wait_until(fun() -> catch_closed(S) end, 30000) end),
+    Ms = fun(Us) -> f("~.1f ms", [Us / 1000]) end,
+    [{"levels", integer_to_list(Depth)},
+     {"built, raw calls", Ms(BuildUs)},
+     {"descendant-flag search, hit and miss", Ms(WalkUs)},
+     {"saved", f("~b bytes in ~s", [byte_size(Bytes), Ms(SaveUs)])},
+     {"loaded", f("~b nodes in ~s", [Size, Ms(LoadUs)])},
+     {"saved again, same bytes", atom_to_list(Bytes =:= Again)},
+     {"deleted with del_hkey", Ms(DelUs)},
+     {"size, mem, generation after the delete", f("~p (fresh mem ~b)", [After, Fresh])},
+     {"cleared with del_all", Ms(ClearUs)},
+     {"closed", Ms(CloseUs)},
+     {"dropped unclosed: library memory back within", Ms(FreedUs)},
+     {"owner of a safe tree exits: closed by its keeper within", Ms(KeeperUs)}].
+
+f(Fmt, Args) -> lists:flatten(io_lib:format(Fmt, Args)).
 
 chain(_T, Node, 0) -> Node;
 chain(T, Node, Left) -> chain(T, arbo:add_hkey_internal(T, Node, 1), Left - 1).
