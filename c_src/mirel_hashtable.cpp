@@ -207,7 +207,18 @@ void* _mirel_hashtable_remove(mirel_hashtable* h, const void* key) {
 }
 
 void _mirel_hashtable_destroy(mirel_hashtable* h, int free_values) {
-  for (uint32_t i = 0; i < h->tablelength; ++i) {
+  // Chains start at random addresses: the entries a few buckets ahead, and
+  // the keys of those a little nearer, are fetched while this bucket is
+  // released, so a big index is torn down at the speed of the memory bus
+  // rather than one cache miss after another. The order of release is the
+  // same bucket-by-bucket, chain-by-chain order as always.
+  constexpr uint32_t kAhead = 16, kKeyAhead = 8;
+  const uint32_t n = h->tablelength;
+  for (uint32_t i = 0; i < n; ++i) {
+    if (i + kAhead < n && h->table[i + kAhead] != nullptr)
+      __builtin_prefetch(h->table[i + kAhead]);
+    if (i + kKeyAhead < n && h->table[i + kKeyAhead] != nullptr)
+      __builtin_prefetch(h->table[i + kKeyAhead]->k);
     entry* e = h->table[i];
     while (e != nullptr) {
       entry* next = e->next;
