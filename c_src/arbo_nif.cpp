@@ -295,6 +295,7 @@ ARBO_NIF_FN(get_mem) {
 std::atomic<int> g_reaping{0};
 
 static void reap(arbo_t* orphan) {
+  _arbo_nif_rehome_indexes(orphan->root, orphan);
   free_tree(orphan, nullptr);
   enif_free(orphan);
   g_reaping.fetch_sub(1);

@@ -346,6 +346,19 @@ bool _arbo_nif_subtree_exceeds(const arbo_node* node, int with_siblings, uint64_
   return false;
 }
 
+void _arbo_nif_rehome_indexes(arbo_node* node, arbo_t* table) {
+  WalkStack<arbo_node*> stack;
+  stack.push(node);
+  while (!stack.empty()) {
+    arbo_node* n = stack.top();
+    stack.pop();
+    if (n->is_dyn() && as_dyn(n)->cmp == 3 && as_dyn(n)->head[2] != nullptr)
+      _mirel_hashtable_set_freekey_arg(reinterpret_cast<mirel_hashtable*>(as_dyn(n)->head[2]),
+                                       static_cast<uint64_t>(reinterpret_cast<uintptr_t>(table)));
+    for (arbo_node* c = n->child; c != nullptr; c = sibling(c)) stack.push(c);
+  }
+}
+
 // ---- descendant flags ----------------------------------------------------------------------
 
 int _arbo_nif_has_descendant_budget(ErlNifEnv* env, const arbo_node* node, uint64_t mask,

@@ -234,6 +234,10 @@ void _mirel_hashtable_destroy(mirel_hashtable* h, int free_values) {
 
 uint32_t _mirel_hashtable_bucket_count(const mirel_hashtable* h) { return h->tablelength; }
 
+void _mirel_hashtable_set_freekey_arg(mirel_hashtable* h, uint64_t freekey_arg) {
+  h->freekey_arg = freekey_arg;
+}
+
 int _mirel_hashtable_grows_on_insert(const mirel_hashtable* h) {
   return h->entrycount + 1 > h->loadlimit && h->primeindex + 1 < kPrimeCount;
 }
