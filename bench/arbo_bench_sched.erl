@@ -163,9 +163,16 @@ watch(Fun) ->
     Prev = erlang:system_monitor(self(), [{long_schedule, 1}]),
     Tickers = [ticker(I) || I <- lists:seq(1, erlang:system_info(schedulers_online))],
     timer:sleep(5),
+    %% The call runs in a process of its own: the monitor does not report
+    %% the process it reports to.
+    Self = self(),
     T0 = erlang:monotonic_time(microsecond),
-    R = Fun(),
+    {Pid, Ref} = spawn_monitor(fun() -> Self ! {result, self(), Fun()} end),
+    R = receive {result, Pid, Result} -> Result;
+                {'DOWN', Ref, process, Pid, Why} -> error({case_failed, Why})
+        end,
     Ms = (erlang:monotonic_time(microsecond) - T0) / 1000,
+    receive {'DOWN', Ref, process, Pid, _} -> ok end,
     timer:sleep(5),
     Late = [receive {late, P, L} -> L end || P <- [begin P ! stop, P end || P <- Tickers]],
     restore(Prev),
@@ -214,10 +221,14 @@ repeat(Pid, Short, Count) ->
 %% last reference to what Fun made, is gone).
 owner_exit(Fun) ->
     Self = self(),
-    {Pid, Ref} = spawn_monitor(fun() -> Keep = Fun(), Self ! {ready, self()},
-                                        receive go -> Keep =/= none end end),
+    Pid = spawn(fun() -> Keep = Fun(), Self ! {ready, self()},
+                         receive go -> Keep =/= none end end),
     receive {ready, Pid} -> ok end,
-    fun() -> Pid ! go, receive {'DOWN', Ref, process, Pid, normal} -> ok end end.
+    fun() ->
+            Ref = monitor(process, Pid),
+            Pid ! go,
+            receive {'DOWN', Ref, process, Pid, normal} -> ok end
+    end.
 
 %% Waits until the library holds no more than Mem bytes: a dropped tree is
 %% freed in the background.
