@@ -64,20 +64,18 @@ bool long_hidden_run(const arbo_node* start, uint32_t options) {
   return false;
 }
 
-// The filtered walk, charged to the caller: a walk that yields has examined
-// its full share of siblings, and the time it took is reported to the
-// scheduler so that a long select is descheduled like any busy process.
+// The filtered walk, charged to the caller: every call reports the time it
+// took (at least 1% of a time slice), so that a long select made of many
+// calls is descheduled like any busy process, whether its calls end in a
+// yield or in a match.
 ERL_NIF_TERM walk(ErlNifEnv* env, arbo_node* start, int match_flag, uint32_t options,
                   ERL_NIF_TERM filter, node_stack* stack) {
   const ErlNifTime t0 = enif_monotonic_time(ERL_NIF_USEC);
   ERL_NIF_TERM r = filter_match_next(env, start, match_flag, options, filter, stack);
-  int arity = 0;
-  const ERL_NIF_TERM* el = nullptr;
-  if (on_normal_scheduler() && enif_get_tuple(env, r, &arity, &el) && arity == 3 &&
-      el[0] == am_yield) {
-    // A time slice is about a millisecond: one percent per 10 us, at least 1.
+  if (on_normal_scheduler()) {
+    // A time slice is about a millisecond: one percent per 10 us begun.
     const ErlNifTime us = enif_monotonic_time(ERL_NIF_USEC) - t0;
-    const int pct = us >= 1000 ? 100 : us < 10 ? 1 : static_cast<int>(us / 10);
+    const int pct = us >= 1000 ? 100 : static_cast<int>(us / 10) + 1;
     (void)enif_consume_timeslice(env, pct);
   }
   return r;

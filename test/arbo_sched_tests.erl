@@ -6,7 +6,7 @@
 %% - Contracts of the calls that continue on a dirty scheduler: the same
 %%   answers on both sides of the step and free budgets, counters and
 %%   generation as the inline path leaves them, the lock released, a reader
-%%   never seeing half of a deletion, yielding walks charged to the caller.
+%%   never seeing half of a deletion, filtered walks charged to the caller.
 %% - A bounded run of the scheduler benchmark: no call keeps a normal
 %%   scheduler 50 ms or more at 200,000 instances (50,000 on the sanitizer
 %%   build), and every call answers what its contract says.
@@ -207,22 +207,28 @@ write_loop(T, Count) ->
         write_loop(T, Count + 1)
     end.
 
-%% A filtered walk that yields hands the scheduler its time: the caller's
-%% reductions grow by at least 1% of a time slice per yield.
-yield_charges_test() ->
+%% Every call of a filtered walk hands the scheduler its time, whether it
+%% ends in a yield or in a match: the caller's reductions grow by at least 1%
+%% of a time slice (40) per call.
+walk_charges_test() ->
     T = arbo:new(),
     L = arbo:add_hkey_dyn(T, arbo:get_root(T), 1, 0),
-    _ = [arbo:add_hkey(T, L, K, 4) || K <- lists:seq(1, 20040)],
-    F = {3, 1000, [], ?FLAG},
-    {reductions, R0} = process_info(self(), reductions),
-    Yields = walk(T, F, arbo:first_child_nif(T, L, F, 0), 0),
-    {reductions, R1} = process_info(self(), reductions),
+    _ = [begin
+             I = arbo:add_hkey(T, L, K, 4),
+             K rem 500 =:= 0 andalso arbo:set_flag(T, I, 2#10)
+         end || K <- lists:seq(1, 20040)],
+    Charged = [{Yields, Matches, R1 - R0 >= (Yields + Matches) * 40}
+               || F <- [{3, 1000, [], ?FLAG}, {3, 1000, [], 2#10}],
+                  {reductions, R0} <- [process_info(self(), reductions)],
+                  {Yields, Matches} <- [walk(T, F, arbo:first_child_nif(T, L, F, 0), 0, 0)],
+                  {reductions, R1} <- [process_info(self(), reductions)]],
     arbo:close(T),
-    ?assertEqual(20, Yields),
-    ?assert(R1 - R0 >= Yields * 40).
+    ?assertEqual([{20, 0, true}, {0, 40, true}], Charged).
 
-walk(_T, _F, 0, Yields) -> Yields;
-walk(T, F, {yield, Stack, N}, Yields) -> walk(T, F, arbo:next_sibling_nif(T, N, F, 0, Stack), Yields + 1).
+walk(_T, _F, 0, Yields, Matches) -> {Yields, Matches};
+walk(T, F, {yield, Stack, N}, Yields, Matches) ->
+    walk(T, F, arbo:next_sibling_nif(T, N, F, 0, Stack), Yields + 1, Matches);
+walk(T, F, N, Yields, Matches) -> walk(T, F, arbo:next_sibling_nif(T, N, F, 0), Yields, Matches + 1).
 
 %% ---- the bounded scheduler run ------------------------------------------------------
 
