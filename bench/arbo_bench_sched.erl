@@ -20,7 +20,7 @@
 %% run/1 is also the bounded smoke test's engine (test/arbo_sched_tests.erl):
 %% each case checks its call's result, so a contract that moved fails there.
 -module(arbo_bench_sched).
--export([rows/0, run/1, watch/1, build/1]).
+-export([rows/0, run/1, watch/1, build/1, scratch/0, nul/1]).
 
 -define(FLAG, 2#100).
 -define(HIDE, 16#100).

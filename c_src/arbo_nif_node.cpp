@@ -364,23 +364,21 @@ void _arbo_nif_rehome_indexes(arbo_node* node, arbo_t* table) {
 int _arbo_nif_has_descendant_budget(ErlNifEnv* env, const arbo_node* node, uint64_t mask,
                                     int include_self, uint64_t budget) {
   if (include_self && (_arbo_nif_get_flags(env, node) & mask) != 0) return 1;
-  // Depth first, each node before its children and the children before the
-  // later siblings: the order of the natural recursion, on an explicit stack
-  // of "next sibling to look at" per level.
-  WalkStack<const arbo_node*> stack;
-  stack.push(node->child);
-  while (!stack.empty()) {
-    const arbo_node* c = stack.top();
-    if (c == nullptr) {
-      stack.pop();
-      continue;
+  // Each node before its children, the children before the later siblings:
+  // the order of the natural recursion.
+  int found = 0;
+  walk_below(node, sibling, [&](const arbo_node* c) {
+    if (budget-- == 0) {
+      found = -1;
+      return Step::kStop;
     }
-    if (budget-- == 0) return -1;
-    stack.top() = sibling(c);
-    if ((_arbo_nif_get_flags(env, c) & mask) != 0) return 1;
-    stack.push(c->child);
-  }
-  return 0;
+    if ((_arbo_nif_get_flags(env, c) & mask) != 0) {
+      found = 1;
+      return Step::kStop;
+    }
+    return Step::kEnter;
+  }, [] { return true; });
+  return found;
 }
 
 int _arbo_nif_has_descendant_with_flags(ErlNifEnv* env, const arbo_node* node, uint64_t mask,

@@ -198,19 +198,9 @@ bool tree_check_invariants(const arbo_node* node, check_msg* why) {
   // Parents before children, children before later siblings, without
   // recursion: a checked tree may be as deep as any other.
   if (!node_check_invariants(node, why)) return false;
-  WalkStack<const arbo_node*> stack;
-  stack.push(node->child);
-  while (!stack.empty()) {
-    const arbo_node* c = stack.top();
-    if (c == nullptr) {
-      stack.pop();
-      continue;
-    }
-    stack.top() = sibling(c);
-    if (!node_check_invariants(c, why)) return false;
-    stack.push(c->child);
-  }
-  return true;
+  return walk_below(node, sibling, [why](const arbo_node* c) {
+    return node_check_invariants(c, why) ? Step::kEnter : Step::kStop;
+  }, [] { return true; });
 }
 
 size_t subtree_node_count(const arbo_node* node) {

@@ -54,6 +54,36 @@ class WalkStack {
   size_t cap_ = 0;
 };
 
+// What a walk does with the node it has reached.
+enum class Step { kStop, kSkip, kEnter };
+
+// Walks the nodes below `parent` depth first, in the order a recursion
+// would: a node, then (when `enter` answers kEnter) its children, then its
+// later siblings. `leave()` runs once the children of an entered node are
+// done. Answers false as soon as `enter` answers kStop or `leave` false.
+// `sibling_of(n)` gives the sibling link, so that this header needs no node
+// layout.
+template <typename Node, typename SiblingOf, typename Enter, typename Leave>
+bool walk_below(Node* parent, SiblingOf sibling_of, Enter enter, Leave leave) {
+  WalkStack<Node*> stack;
+  stack.push(parent->child);
+  while (!stack.empty()) {
+    Node* n = stack.top();
+    if (n == nullptr) {
+      stack.pop();
+      if (!stack.empty() && !leave()) return false;
+      continue;
+    }
+    stack.top() = sibling_of(n);
+    switch (enter(n)) {
+      case Step::kStop: return false;
+      case Step::kSkip: break;
+      case Step::kEnter: stack.push(n->child); break;
+    }
+  }
+  return true;
+}
+
 // A count of steps a caller may still spend; walks that take one stop with
 // an "unfinished" answer when it runs out. kUnlimited never runs out.
 constexpr uint64_t kUnlimited = UINT64_MAX;

@@ -261,11 +261,6 @@ in_child(F, A) ->
     after catch peer:stop(Peer)
     end.
 
-nul(P) -> <<(unicode:characters_to_binary(P))/binary, 0>>.
+nul(P) -> arbo_bench_sched:nul(P).
 
-scratch() ->
-    D = filename:join(case os:getenv("TMPDIR") of false -> "/tmp"; X -> X end,
-                      "arbo_sched_" ++ os:getpid() ++ "_" ++
-                          integer_to_list(erlang:unique_integer([positive]))),
-    ok = filelib:ensure_path(D),
-    D.
+scratch() -> arbo_bench_sched:scratch().
