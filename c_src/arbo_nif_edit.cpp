@@ -64,7 +64,7 @@ ARBO_NIF_FN(add_hkey_dyn) {
   if (!enif_get_uint(env, argv[3], &mode)) return ARBO_BADARG(env);
   TableGuard g(env, argv[0], Lock::kExclusive);
   if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
-  if (long_add(parent)) return continue_dirty(env);
+  if (!type_invalid(parent) && long_add(parent)) return continue_dirty(env);
   if (type_invalid(parent)) return ARBO_INVALID_TYPE(env);
   store_ctx ctx{g.table(), env};
   arbo_node* n =
@@ -81,7 +81,7 @@ ARBO_NIF_FN(add_hkey_internal) {
   if (!enif_get_uint(env, argv[2], &tag)) return ARBO_BADARG(env);
   TableGuard g(env, argv[0], Lock::kExclusive);
   if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
-  if (long_add(parent)) return continue_dirty(env);
+  if (!type_invalid(parent) && long_add(parent)) return continue_dirty(env);
   if (parent->is_dyn()) return ARBO_BADARG(env);
   if (type_invalid(parent)) return ARBO_INVALID_TYPE(env);
   store_ctx ctx{g.table(), env};
@@ -98,7 +98,7 @@ ARBO_NIF_FN(add_hkey) {
   if (!enif_get_uint(env, argv[3], &code)) return ARBO_BADARG(env);
   TableGuard g(env, argv[0], Lock::kExclusive);
   if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
-  if (long_add(parent)) return continue_dirty(env);
+  if (!type_invalid(parent) && long_add(parent)) return continue_dirty(env);
   store_ctx ctx{g.table(), env};
 
   uint32_t ns = 0, tag = 0;
