@@ -64,8 +64,8 @@ ARBO_NIF_FN(add_hkey_dyn) {
   if (!enif_get_uint(env, argv[3], &mode)) return ARBO_BADARG(env);
   TableGuard g(env, argv[0], Lock::kExclusive);
   if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
-  if (!type_invalid(parent) && long_add(parent)) return continue_dirty(env);
   if (type_invalid(parent)) return ARBO_INVALID_TYPE(env);
+  if (long_add(parent)) return continue_dirty(env);
   store_ctx ctx{g.table(), env};
   arbo_node* n =
       _arbo_nif_add_hkey_int(parent, tag, ns, &ctx, kAddList, static_cast<uint8_t>(mode));
@@ -81,9 +81,9 @@ ARBO_NIF_FN(add_hkey_internal) {
   if (!enif_get_uint(env, argv[2], &tag)) return ARBO_BADARG(env);
   TableGuard g(env, argv[0], Lock::kExclusive);
   if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
-  if (!type_invalid(parent) && long_add(parent)) return continue_dirty(env);
   if (parent->is_dyn()) return ARBO_BADARG(env);
   if (type_invalid(parent)) return ARBO_INVALID_TYPE(env);
+  if (long_add(parent)) return continue_dirty(env);
   store_ctx ctx{g.table(), env};
   arbo_node* n = _arbo_nif_add_hkey_int(parent, tag, 0, &ctx, kAddContainer, 0);
   if (n == nullptr) return ARBO_BADARG(env);
@@ -98,7 +98,6 @@ ARBO_NIF_FN(add_hkey) {
   if (!enif_get_uint(env, argv[3], &code)) return ARBO_BADARG(env);
   TableGuard g(env, argv[0], Lock::kExclusive);
   if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
-  if (!type_invalid(parent) && long_add(parent)) return continue_dirty(env);
   store_ctx ctx{g.table(), env};
 
   uint32_t ns = 0, tag = 0;
@@ -124,6 +123,7 @@ ARBO_NIF_FN(add_hkey) {
       // Byte keys go straight to the list: no type check, the store sets the flags.
       ErlNifBinary bin;
       if (!enif_inspect_binary(env, argv[2], &bin)) return ARBO_BADARG(env);
+      if (parent->is_dyn() && long_add(parent)) return continue_dirty(env);
       arbo_node* n =
           _arbo_nif_add_hkey_bin(parent, bin.data, bin.size, &ctx, static_cast<int>(code));
       if (n == nullptr) return ARBO_BADARG(env);
@@ -142,6 +142,7 @@ ARBO_NIF_FN(add_hkey) {
       return ARBO_BADARG(env);
   }
   if (type_invalid(parent)) return ARBO_INVALID_TYPE(env);
+  if (long_add(parent)) return continue_dirty(env);
   arbo_node* n = _arbo_nif_add_hkey_int(parent, tag, ns, &ctx, add_kind, 0);
   if (n == nullptr) return ARBO_BADARG(env);
   // Also on an existing node: the flag says how Erlang last named the key.

@@ -293,8 +293,10 @@ ARBO_NIF_FN(find_child) {
   TableGuard g(env, argv[0], Lock::kShared);
   if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
   if (type_invalid(node)) return ARBO_INVALID_TYPE(env);
-  // Integer child lists are searched from their first child.
-  if (!node->is_dyn() && long_chain(node->child)) return continue_dirty(env);
+  // Integer keys are looked up along the child chain outside lists.
+  const bool walks =
+      !node->is_dyn() && (code == kFindTag10 || code == kFindTag11 || code == kFindPair);
+  if (walks && long_chain(node->child)) return continue_dirty(env);
   arbo_node* found = nullptr;
   switch (code) {
     case kFindTag10:
