@@ -90,9 +90,11 @@ int32_t _arbo_nif_fmt_cs_val(const unsigned char* element, char* dst, int32_t ca
 // not validated on entry, so they are checked before they are formatted).
 size_t text_element_len(const unsigned char* element, size_t avail);
 // Resolves a relative path (a list of Tag or [Ns | Tag]) from `node`. Stops
-// at a list node when elements remain: *remainder gets them (else []).
+// at a list node when elements remain: *remainder gets them (else []). Null
+// with *malformed set when the walk reads an element that is neither form,
+// or a tail that is not []; what lies past where the walk stops is not read.
 arbo_node* find_node(arbo_node* node, ErlNifEnv* env, ERL_NIF_TERM path,
-                     ERL_NIF_TERM* remainder);
+                     ERL_NIF_TERM* remainder, bool* malformed);
 // Length of a proper list, 0 for anything else.
 uint32_t get_rest_length(ErlNifEnv* env, ERL_NIF_TERM list);
 

@@ -280,12 +280,13 @@ ARBO_NIF_FN(rename_instance) {
   if (!get_node(env, argv[1], &list)) return ARBO_BADARG(env);
   if (!get_node(env, argv[2], &inst)) return ARBO_BADARG(env);
   if (!enif_get_uint(env, argv[4], &code)) return ARBO_BADARG(env);
-  // An unknown code answers at once: no node is read, no lock taken (so even
-  // a reference into a closed table gets its "false").
+  // Checked before the code and before the lock is taken: callers have
+  // always been answered so.
+  if (!list->is_dyn()) return ARBO_BADARG(env);
+  // An unknown code answers at once: no key is read, no lock taken (so even
+  // with a closed table's handle it gets its "false").
   if (code != kRenBin && code != kRenBinTuple && code != kRenPair && code != kRenTag)
     return am_false;
-  // Checked before the lock is taken: callers have always been answered so.
-  if (!list->is_dyn()) return ARBO_BADARG(env);
 
   int key_kind = 0;
   ErlNifBinary bin{};

@@ -5,7 +5,8 @@
 // A filter term is decoded once per call into a compact form (a Prepared
 // filter) that is then evaluated for every sibling the walk examines. The
 // form keeps the term's meaning exactly: a malformed part becomes a leaf
-// that answers "unsupported" when, and only when, evaluation reaches it;
+// that answers "unsupported" when, and only when, evaluation reaches it (a
+// malformed path element or list tail, when path resolution gets that far);
 // operator 6 becomes a leaf that re-reads its own tuple for ever.
 // The comparisons themselves are in arbo_nif_node_filter_cmp.cpp.
 #include <cstring>
@@ -175,17 +176,20 @@ arbo_node* path_step(arbo_node* cur, uint32_t ns, uint32_t tag) {
 enum class Op : uint8_t { kOr, kAnd, kNot, kExists, kPathCmp, kKeyCmp, kStall, kBad };
 
 // A decoded path element; `rest` is the list after it (the remainder when
-// the walk stops at a list node there).
+// the walk stops at a list node there). A path that does not end in [] gets
+// one more entry for its tail, with `cell` false: reaching it is reading a
+// malformed path.
 struct PathElem {
   uint32_t ns;
   uint32_t tag;
   bool ok;
+  bool cell;
   ERL_NIF_TERM rest;
 };
 
 struct PathRef {
   uint32_t first = 0;  // index of the first element in Prepared::elems
-  uint32_t count = 0;  // list cells of the path
+  uint32_t count = 0;  // list cells of the path, and its tail when malformed
   bool proper = false;  // the path is a proper list
 };
 
@@ -211,13 +215,14 @@ PathRef compile_path(ErlNifEnv* env, ERL_NIF_TERM path, Prepared* pf) {
   ref.first = static_cast<uint32_t>(pf->elems.size());
   ERL_NIF_TERM head, tail;
   while (enif_get_list_cell(env, path, &head, &tail)) {
-    PathElem e{0, 0, false, tail};
+    PathElem e{0, 0, false, true, tail};
     e.ok = path_element(env, head, &e.ns, &e.tag);
     pf->elems.push_back(e);
     path = tail;
   }
-  ref.count = static_cast<uint32_t>(pf->elems.size()) - ref.first;
   ref.proper = enif_is_empty_list(env, path) != 0;
+  if (!ref.proper) pf->elems.push_back(PathElem{0, 0, false, false, path});
+  ref.count = static_cast<uint32_t>(pf->elems.size()) - ref.first;
   return ref;
 }
 
@@ -317,17 +322,21 @@ void prepare(ErlNifEnv* env, ERL_NIF_TERM filter, Prepared* pf) {
 // Resolves a prepared path from `node`; as find_node. *rest is the remainder
 // when the walk stopped at a list node with elements to spare.
 arbo_node* find_prepared(arbo_node* node, const Prepared& pf, const PathRef& path, bool* has_rest,
-                         ERL_NIF_TERM* rest) {
+                         ERL_NIF_TERM* rest, bool* malformed) {
   *has_rest = false;
+  *malformed = false;
   *rest = pf.nil;
   if (node == nullptr) return nullptr;
   arbo_node* cur = node;
   for (uint32_t i = 0; i < path.count; ++i) {
     const PathElem& e = pf.elems[path.first + i];
-    if (!e.ok) return nullptr;
+    if (!e.ok) {
+      *malformed = true;
+      return nullptr;
+    }
     cur = path_step(cur, e.ns, e.tag);
     if (cur == nullptr) return nullptr;
-    if (cur->is_dyn() && i + 1 < path.count) {
+    if (cur->is_dyn() && i + 1 < path.count && pf.elems[path.first + i + 1].cell) {
       *has_rest = true;
       *rest = e.rest;
       return cur;
@@ -372,7 +381,9 @@ int instance_scan(arbo_node* dn, ERL_NIF_TERM path, const FNode& f, int match_fl
       }
     }
     ERL_NIF_TERM rest;
-    arbo_node* found = find_node(cur, env, path, &rest);
+    bool malformed = false;
+    arbo_node* found = find_node(cur, env, path, &rest, &malformed);
+    if (malformed) return kMatchUnsupported;
     bool descended = false;
     if (found != nullptr) {
       if (found->is_dyn() && get_rest_length(env, rest) > 0) {
@@ -398,6 +409,8 @@ int instance_scan(arbo_node* dn, ERL_NIF_TERM path, const FNode& f, int match_fl
 // {3|5, CmpOp, Path, Value} and {7, CmpOp, Path, Value, Mask}. A stack with
 // two entries or more means a scan is being resumed: its top says where.
 // A single entry does not count; that threshold is part of the contract.
+// A path stopped at a list node is read on as the scan's path: one that
+// does not end in [] is malformed there.
 int path_compare(arbo_node* node, const FNode& f, const Prepared& pf, int match_flag,
                  ErlNifEnv* env, node_stack* stack) {
   arbo_node* reached;
@@ -407,9 +420,10 @@ int path_compare(arbo_node* node, const FNode& f, const Prepared& pf, int match_
     reached = node_stack_pop(stack, &rest);
     scan = reached != nullptr && reached->is_dyn() && get_rest_length(env, rest) > 0;
   } else {
-    bool has_rest = false;
-    reached = find_prepared(node, pf, f.path, &has_rest, &rest);
-    scan = has_rest && f.path.proper;
+    bool has_rest = false, malformed = false;
+    reached = find_prepared(node, pf, f.path, &has_rest, &rest, &malformed);
+    if (malformed || (has_rest && !f.path.proper)) return kMatchUnsupported;
+    scan = has_rest;
   }
   if (scan) return instance_scan(reached, rest, f, match_flag, env, stack);
   return filter_cmp_prepared(reached, match_flag, f.cmp_op, env, f.pat, -1, f.mask);
@@ -457,11 +471,12 @@ int eval(const Prepared& pf, uint32_t at, arbo_node* node, int match_flag, ErlNi
         return unwind_results(rs, r);
       }
       case Op::kExists: {
-        bool has_rest = false;
+        bool has_rest = false, malformed = false;
         ERL_NIF_TERM rest;
-        const arbo_node* found = find_prepared(node, pf, f.path, &has_rest, &rest);
+        const arbo_node* found = find_prepared(node, pf, f.path, &has_rest, &rest, &malformed);
         int r;
-        if (found != nullptr) r = has_rest ? kMatchMissing : kMatchFull;
+        if (malformed) r = kMatchUnsupported;
+        else if (found != nullptr) r = has_rest ? kMatchMissing : kMatchFull;
         else r = match_flag == 0 ? kMatchNone : kMatchMissing;
         return unwind_results(rs, r);
       }
@@ -499,14 +514,18 @@ uint32_t get_rest_length(ErlNifEnv* env, ERL_NIF_TERM list) {
 }
 
 arbo_node* find_node(arbo_node* node, ErlNifEnv* env, ERL_NIF_TERM path,
-                     ERL_NIF_TERM* remainder) {
+                     ERL_NIF_TERM* remainder, bool* malformed) {
   *remainder = enif_make_list(env, 0);
+  *malformed = false;
   if (node == nullptr) return nullptr;
   arbo_node* cur = node;
   ERL_NIF_TERM head, tail;
   while (enif_get_list_cell(env, path, &head, &tail)) {
     uint32_t ns = 0, tag = 0;
-    if (!path_element(env, head, &ns, &tag)) return nullptr;
+    if (!path_element(env, head, &ns, &tag)) {
+      *malformed = true;
+      return nullptr;
+    }
     cur = path_step(cur, ns, tag);
     if (cur == nullptr) return nullptr;
     path = tail;
@@ -514,6 +533,10 @@ arbo_node* find_node(arbo_node* node, ErlNifEnv* env, ERL_NIF_TERM path,
       *remainder = path;
       return cur;
     }
+  }
+  if (!enif_is_empty_list(env, path)) {
+    *malformed = true;
+    return nullptr;
   }
   return cur;
 }

@@ -1,9 +1,12 @@
 // One filter comparison: a node (its user flags, whether it holds a value,
 // its value or an element of its key) against the comparison's Value.
 //
-// Values and key elements compare as text (filter_cmp_str); integer
-// elements take a shortcut that gives the same answers without writing and
-// re-reading their text.
+// Values and key elements compare as the text form of their encoded element
+// (filter_cmp_str). Plain binary values and opaque keys are read the same
+// way, their first byte taken as the type code: most have no text form, and
+// the comparison then answers "unsupported". Integer elements take a
+// shortcut that gives the same answers without writing and re-reading their
+// text.
 #include <climits>
 #include <cstring>
 
@@ -17,14 +20,16 @@ namespace arbo {
 namespace {
 
 // What a comparison looks at: nothing, something without a text form, an
-// integer, raw bytes (plain binary values, opaque key elements) or an
-// encoded element (type byte first, bounds checked).
+// integer, or an encoded element with a text form (type byte first, bounds
+// checked; `text_len` is the whole length of a string's text, which may not
+// fit the buffer).
 struct Subject {
-  enum Kind { kNone, kNoText, kInt, kRaw, kElement } kind = kNone;
+  enum Kind { kNone, kNoText, kInt, kElement } kind = kNone;
   bool negative = false;
   uint64_t mag = 0;
   const unsigned char* bytes = nullptr;
   size_t len = 0;
+  size_t text_len = 0;
 };
 
 uint64_t be(const unsigned char* p, int n) {
@@ -70,49 +75,42 @@ Subject element(const unsigned char* e, size_t avail) {
   Subject s{Subject::kElement};
   s.bytes = e;
   s.len = n;
+  s.text_len = e[0] == 200 ? n - 2 : e[0] == 205 ? n - 5 : 0;
   return s;
 }
 
-Subject raw(const unsigned char* bytes, size_t len) {
-  Subject s{Subject::kRaw};
-  s.bytes = bytes;
-  s.len = len;
-  return s;
-}
-
-// The node's value: encoded values by their element, plain binaries as
-// their bytes. Read in place (the layout of arbo_node.h): this runs for
+// The bytes of the node's value, whatever its kind (encoded inline or out of
+// line, or a plain binary); false when it has none (an out-of-line value
+// may be empty). Read in place (the layout of arbo_node.h): this runs for
 // every sibling a filtered walk examines.
-Subject value_subject(const arbo_node* node) {
-  if (!node->is_gen() || node->has(F_KEY_IS_BIN)) return Subject{};
-  const gen_node* g = as_gen(node);
-  if (!node->has(F_VAL_IS_BIN))
-    return g->small_len == 0 ? Subject{} : element(g->val, g->small_len);
-  const arbo_bin* b;
-  std::memcpy(&b, g->val, sizeof b);  // `val` is not pointer-aligned
-  if (node->has(F_VAL_IS_SMALL | F_VAL_IS_BIN_NOSTR))
-    return b->len == 0 ? Subject{} : element(b->bytes(), b->len);
-  return raw(b->bytes(), b->len);
-}
-
-// An encoded integer value (inline or out of line), read in place; false
-// for any other value or none.
-inline bool int_value(const arbo_node* node, bool* negative, uint64_t* mag) {
+inline bool value_bytes(const arbo_node* node, const unsigned char** e, size_t* len) {
   if (!node->is_gen() || node->has(F_KEY_IS_BIN)) return false;
   const gen_node* g = as_gen(node);
+  if (!node->has(F_VAL_IS_BIN)) {
+    *e = g->val;
+    *len = g->small_len;
+    return *len != 0;
+  }
+  const arbo_bin* b;
+  std::memcpy(&b, g->val, sizeof b);  // `val` is not pointer-aligned
+  *e = b->bytes();
+  *len = b->len;
+  return true;
+}
+
+// The node's value as an encoded element (an empty one has no text form).
+Subject value_subject(const arbo_node* node) {
   const unsigned char* e;
   size_t len;
-  if (!node->has(F_VAL_IS_BIN)) {
-    e = g->val;
-    len = g->small_len;
-  } else {
-    if (!node->has(F_VAL_IS_SMALL | F_VAL_IS_BIN_NOSTR)) return false;
-    const arbo_bin* b;
-    std::memcpy(&b, g->val, sizeof b);
-    e = b->bytes();
-    len = b->len;
-  }
-  if (len < 2) return false;
+  return value_bytes(node, &e, &len) ? element(e, len) : Subject{};
+}
+
+// A value that is an integer element, read in place; false for any other
+// value or none.
+inline bool int_value(const arbo_node* node, bool* negative, uint64_t* mag) {
+  const unsigned char* e;
+  size_t len;
+  if (!value_bytes(node, &e, &len) || len < 2) return false;
   const unsigned char* q = e + 1;
   int64_t sv;
   switch (e[0]) {
@@ -143,19 +141,18 @@ Subject key_subject(const arbo_node* node, uint32_t index) {
     int32_t hdr = 0, payload = 0;
     int type = 0, varlen = 0;
     get_tuple_key(single, p, left, &hdr, &payload, &type, &varlen);
-    if (i == index) {
-      // An opaque element (a whole single key, or an opaque rest) is its bytes.
-      if (type == 204) return raw(p + hdr, static_cast<size_t>(payload));
-      return element(p, static_cast<size_t>(hdr) + static_cast<size_t>(payload));
-    }
+    // An opaque key is one element starting at its first byte, read as a
+    // type code like any element's.
+    if (i == index) return element(p, static_cast<size_t>(hdr) + static_cast<size_t>(payload));
     p += hdr + payload;
     left -= hdr + payload;
   }
 }
 
 bool holds_value(const arbo_node* node) {
-  if (!node->is_gen() || node->has(F_KEY_IS_BIN)) return false;
-  return node->has(F_VAL_IS_BIN) || as_gen(node)->small_len != 0;
+  const unsigned char* e;
+  size_t len;
+  return value_bytes(node, &e, &len);
 }
 
 }  // namespace
@@ -266,19 +263,12 @@ int filter_cmp_prepared(arbo_node* node, int match_flag, uint32_t cmp_op, ErlNif
   // Room for the pattern's length, at least 64, and the terminating NUL.
   ScratchText buf((p.len > 64 ? static_cast<size_t>(p.len) : 64) + 1);
   const int32_t cap = static_cast<int32_t>(buf.capacity());
-  int32_t len;
-  if (s.kind == Subject::kRaw) {
-    const size_t n = s.len < buf.capacity() - 1 ? s.len : buf.capacity() - 1;
-    if (n > 0) std::memcpy(buf.data(), s.bytes, n);
-    buf.data()[n] = '\0';
-    len = static_cast<int32_t>(n);
-  } else {
-    len = _arbo_nif_fmt_cs_val(s.bytes, buf.data(), cap);
-  }
+  const int32_t len = _arbo_nif_fmt_cs_val(s.bytes, buf.data(), cap);
   int r = cmp_text_prepared(cmp_op, buf.data(), len, p);
-  // A text that fills the buffer may have been cut: a match is then only
-  // "missing", not "full".
-  if (r == kMatchFull && len >= cap - 1) r = kMatchMissing;
+  // What is compared is the text as the buffer holds it; when that is only
+  // the head of a longer text, a match is "missing", not "full". A text that
+  // fits exactly (as long as the pattern, or 64) is whole.
+  if (r == kMatchFull && s.text_len > buf.capacity() - 1) r = kMatchMissing;
   return r;
 }
 

@@ -106,8 +106,9 @@ void print_body(ErlNifEnv* env, FILE* f, const arbo_node* n, int indent) {
   else enif_fprintf(f, "%*stype: unknown (%d)\n", indent, "", static_cast<int>(type));
 
   if (!n->has(F_KEY_IS_BIN)) {
+    // Signed values go out as long: the runtime's "%d" misprints INT_MIN.
     if (n->has(F_KEY_IS_TUPLE | F_KEY_IS_BTUPLE))
-      enif_fprintf(f, "%*skey=%d", indent, "", static_cast<int32_t>(n->hkey()));
+      enif_fprintf(f, "%*skey=%ld", indent, "", long{static_cast<int32_t>(n->hkey())});
     else
       enif_fprintf(f, "%*skey=%u", indent, "", n->hkey());
   }
@@ -122,7 +123,7 @@ void print_body(ErlNifEnv* env, FILE* f, const arbo_node* n, int indent) {
   if (type == T_DYN_NODE) {
     const dyn_node* d = as_dyn(n);
     enif_fprintf(f, "%*scmp=%d\n", indent, "", int{d->cmp});
-    enif_fprintf(f, "%*ssize=%d\n", indent, "", d->size);
+    enif_fprintf(f, "%*ssize=%ld\n", indent, "", long{d->size});
     enif_fprintf(f, "%*scurh=%d\n", indent, "", int{d->curh});
     for (int i = 0; i < kMaxLevels; ++i)
       enif_fprintf(f, "%*snext[%d]=%lu @ %p\n", indent, "", i, addr(d->head[i]),

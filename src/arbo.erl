@@ -41,16 +41,29 @@ new() -> new(0).
 -spec new(non_neg_integer()) -> handle().
 new(ViewOptions) -> {arbo, new_arbo(), ViewOptions, undefined}.
 
-%% @doc The shared library this module loads (without the ".so"): the
-%% ARBO_NIF_DIR environment variable when set, else priv/ beside ebin/.
+%% @doc The shared library this module loads (without the ".so"), from the
+%% first of: the folder in the OS variable `ARBO_NIF_DIR'; the folder in
+%% the application variable `nif_dir' of `arbo' (set it with
+%% `application:set_env(arbo, nif_dir, Dir)' before arbo is first used);
+%% the application's `priv' folder (`code:priv_dir(arbo)'); `priv' beside
+%% the folder this module was loaded from. An escript, whose modules live
+%% in an archive the library cannot be loaded from, names a folder holding
+%% `arbo_nif.so' with one of the first two.
 -spec nif_path() -> string().
 nif_path() ->
-    case os:getenv("ARBO_NIF_DIR") of
-        false ->
-            Ebin = filename:dirname(code:which(?MODULE)),
-            filename:join([Ebin, "..", "priv", "arbo_nif"]);
-        Dir ->
-            filename:join(Dir, "arbo_nif")
+    filename:join(nif_dir(), "arbo_nif").
+
+nif_dir() ->
+    case {os:getenv("ARBO_NIF_DIR"), application:get_env(arbo, nif_dir)} of
+        {Dir, _} when Dir =/= false, Dir =/= "" -> Dir;
+        {_, {ok, Dir}} -> Dir;
+        _ ->
+            case code:priv_dir(arbo) of
+                Dir when is_list(Dir) -> Dir;
+                {error, _} ->
+                    Ebin = filename:dirname(code:which(?MODULE)),
+                    filename:join(filename:dirname(Ebin), "priv")
+            end
     end.
 
 init() ->

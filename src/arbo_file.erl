@@ -23,6 +23,8 @@
 -export([verify/1, verify_binary/1, save/2, save/3, load/2, load/3]).
 -export_type([verify_error/0, load_info/0, load_option/0]).
 
+-include("arbo_error.hrl").
+
 -type offset() :: non_neg_integer().
 -type verify_error() ::
         {invalid_magic | truncated | invalid_op | invalid_key_type | not_implemented

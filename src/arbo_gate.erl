@@ -39,12 +39,13 @@
 %% Lifetime: the keeper monitors the process that created the tree; when
 %% that process exits, or on {@link close/1}, it closes the tree, marks the
 %% gate closed and stops (a tree belongs to its creator, as an ETS table
-%% does).
+%% does). Keepers are temporary children of `arbo_keeper_sup' (see
+%% `arbo_sup'); the application's shutdown closes the tree the same way.
 -module(arbo_gate).
 -behaviour(gen_server).
 
--export([start/2, register_reader/2, exclusive/2, close/1]).
--export([init/1, handle_call/3, handle_cast/2, handle_info/2]).
+-export([start/2, start_link/2, register_reader/2, exclusive/2, close/1, info/1]).
+-export([init/1, handle_call/3, handle_cast/2, handle_info/2, terminate/2]).
 
 -include("arbo_gate.hrl").
 -define(WRITER, ?ARBO_WRITER).
@@ -55,10 +56,38 @@
 -record(st, {handle, owner, epoch = 0, readers = #{}, closing = false}).
 
 %% @doc Start the keeper of a tree handle `{arbo, Res, View, {arbo_gate, _,
-%% Owner, Word}}', whose creator Owner reads through Word.
+%% Owner, Word}}', whose creator Owner reads through Word, under the arbo
+%% application's keeper supervisor; the application is started first when
+%% it is not running. Raises `{arbo_not_started, Reason}' when it cannot be.
 -spec start(term(), pid()) -> {ok, pid()}.
 start(Handle, Owner) ->
-    gen_server:start(?MODULE, {Handle, Owner}, []).
+    start(Handle, Owner, 1).
+
+start(Handle, Owner, Tries) ->
+    try supervisor:start_child(arbo_keeper_sup, [Handle, Owner]) of
+        {ok, Pid} -> {ok, Pid};
+        {error, Reason} -> not_started({keeper_not_started, Reason})
+    catch exit:{noproc, _} when Tries > 0 ->
+            case application:ensure_all_started(arbo) of
+                {ok, _} -> start(Handle, Owner, Tries - 1);
+                {error, Reason} -> not_started({arbo_not_started, Reason})
+            end;
+          exit:{noproc, _} -> not_started({arbo_not_started, no_keeper_supervisor})
+    end.
+
+not_started(Reason) ->
+    erlang:error(Reason, none, [{error_info, #{module => arbo_error}}]).
+
+%% @private The keeper supervisor's start function.
+-spec start_link(term(), pid()) -> {ok, pid()}.
+start_link(Handle, Owner) ->
+    gen_server:start_link(?MODULE, {Handle, Owner}, []).
+
+%% @doc What the keeper holds: the tree handle, its owner, the number of
+%% processes registered as readers.
+-spec info(pid()) -> {term(), pid(), non_neg_integer()}.
+info(Keeper) ->
+    gen_server:call(Keeper, info, infinity).
 
 %% @doc Give a process its reader word (the same one on every call).
 -spec register_reader(pid(), pid()) -> atomics:atomics_ref().
@@ -82,6 +111,9 @@ close(Keeper) ->
 %% ---------------------------------------------------------------------------
 
 init({{arbo, _, _, {arbo_gate, _, Owner, Word}} = Handle, Owner}) ->
+    %% A supervisor's shutdown (the application stopping) closes the tree
+    %% like its owner's exit does, in terminate/2.
+    process_flag(trap_exit, true),
     MRef = erlang:monitor(process, Owner),
     {ok, #st{handle = Handle, owner = Owner, readers = #{Owner => {MRef, Word}}}}.
 
@@ -105,6 +137,8 @@ handle_call({exclusive, Fun}, _From, #st{handle = H, epoch = E} = St0) ->
     after_write(Reply, unlock(St, Changed, 0));
 handle_call(close, _From, St0) ->
     {stop, normal, ok, shut(St0)};
+handle_call(info, _From, #st{handle = H, owner = Owner, readers = Rs} = St) ->
+    {reply, {H, Owner, map_size(Rs)}, St};
 handle_call(_, _From, St) ->
     {reply, {error, unknown_call}, St}.
 
@@ -116,6 +150,11 @@ handle_info({'DOWN', _, process, Pid, _}, St) ->
         St1 -> {noreply, St1}
     end;
 handle_info(_, St) -> {noreply, St}.
+
+%% Every stop of its own (close, the owner's exit) has shut the tree and
+%% is `normal'; any other end leaves no tree open behind a dead keeper.
+terminate(normal, _) -> ok;
+terminate(_, St) -> _ = (catch shut(St)), ok.
 
 %% The owner died while a writer was running: close once the reply is out.
 after_write(Reply, #st{closing = true} = St) -> {stop, normal, Reply, shut(St)};

@@ -42,6 +42,8 @@
 %% Largest key the library can hold (its key lengths are signed 32-bit).
 -define(MAX_KEY, 16#7fffffff).
 
+-include("arbo_error.hrl").
+
 %% ---------------------------------------------------------------------------
 %% Element table: {fixed, N} payload; {len, W} W-byte length field counting
 %% the payload; {field, W, H} W-byte field counting H further header bytes

@@ -4,6 +4,8 @@
 %% A tree is created with {@link new/0} and belongs to the process that
 %% created it: it is closed when that process exits or when {@link close/1}
 %% is called, like an ETS table. Any process may read and change it.
+%% Each tree has a keeper process under the `arbo' application, which
+%% {@link new/1} starts when it is not running (see {@link arbo_app}).
 %%
 %% Nodes are of four kinds: containers (children addressed by integer tags),
 %% leaves (carry a value, may have children of their own), lists (children
@@ -47,7 +49,7 @@
 -module(arbo_tree).
 
 %% lifecycle
--export([new/0, new/1, attach/1, reading/2, close/1, info/1, root/1]).
+-export([new/0, new/1, attach/1, read_only/1, reading/2, close/1, info/1, root/1]).
 %% adding, finding, deleting
 -export([add_container/3, add_leaf/3, add_list/4, add/3,
          find/3, lookup/2, find_after/3, find_after/4,
@@ -77,10 +79,12 @@
 
 -import(arbo_tree_keys, [htag/1, add_arg/1, find_arg/1, del_arg/2, key_term/2]).
 
+-include("arbo_error.hrl").
+
 -record(arbo_node, {table, stamp, addr, parent}).
 
 -type tree() :: {arbo, reference(), non_neg_integer(),
-                 {arbo_gate, pid(), pid(), atomics:atomics_ref()}}.
+                 {arbo_gate, pid() | {read_only, pid()}, pid(), atomics:atomics_ref()}}.
 -opaque tree_node() :: #arbo_node{table :: reference(), stamp :: non_neg_integer(),
                                   addr :: pos_integer(), parent :: non_neg_integer()}.
 -type name() :: 0..16#ffffffff | {0..16#ffffffff, 0..16#ffffffff}.
@@ -92,15 +96,20 @@
 -type order() :: sorted | sorted_length_first | sorted_length_first_but_last | user_order.
 -type node_type() :: root | container | leaf | {list, order()} | instance.
 -type value() :: binary() | arbo_val:value().
+-type filter() :: all | tuple().
 %% A filter: `all' (every child), or
 %% <ul>
-%%  <li>`{'and', F, F}', `{'or', F, F}', `{'not', F}'</li>
+%%  <li>``{'and', F, F}'', ``{'or', F, F}'', ``{'not', F}''</li>
 %%  <li>`{exists, Path}': a node exists at Path below the child</li>
 %%  <li>`{value, Op, Path, Pattern}': the value of the node at Path, as
 %%      text, against Pattern (a binary, or an integer); Op is one of `eq',
-%%      `ne' (text equality), `gt', `ge', `lt', `le' (numbers)</li>
+%%      `ne' (text equality), `gt', `ge', `lt', `le' (numbers). A plain
+%%      binary value is read as an encoded one: it has a text form only
+%%      when its bytes are an encoded string, number, address, date or
+%%      boolean</li>
 %%  <li>`{key, Op, Index, Pattern}': element Index (from 0) of the child's
-%%      own key, as text</li>
+%%      own key, as text (an opaque key is one element, read like a plain
+%%      binary value)</li>
 %%  <li>`{has_value, Path}', `{flags_all, Path, Mask}', `{flags_none, Path,
 %%      Mask}', `{flags_masked, Path, Mask, Value}'</li>
 %%  <li>the library's own numeric forms (`{0, F, F}', `{3, CmpOp, Path,
@@ -109,9 +118,9 @@
 %% A Path is a list of tags or `{Ns, Tag}' pairs; below a list, a tag names
 %% an integer instance, and a path that ends inside a list matches when any
 %% instance matches. As the library decides it, a comparison it cannot make
-%% (`gt' on text that is not a number, a value too long for its text
-%% buffer) counts as a match in a select, like a full one.
--type filter() :: all | tuple().
+%% (`gt' on text that is not a number, a value without a text form, a text
+%% longer than both 64 bytes and Pattern whose head matches) counts as a
+%% match in a select, like a full one.
 
 -define(ORDERS, [{sorted, 0}, {sorted_length_first, 1}, {sorted_length_first_but_last, 2},
                  {user_order, 3}]).
@@ -149,6 +158,26 @@ attach({arbo, Res, View, {arbo_gate, Keeper, _, _}} = T) ->
     {arbo, Res, View, {arbo_gate, Keeper, self(), word(T)}};
 attach(T) -> error({badarg, {tree, T}}).
 
+%% @doc A handle of the same tree through which it can only be read: every
+%% reading function works with it as with the tree's own handle (node
+%% references are shared between the two), every function that changes the
+%% tree (adding, deleting, clearing, renaming, values, flags, attributes,
+%% the active mark, moves, loading, the iterator stack, closing) raises
+%% `error({read_only, Handle})' before it touches anything. The handles it
+%% passes on ({@link attach/1}, the reader of {@link reading/2}) are
+%% read-only too. The tree's own handle keeps changing it; a read-only
+%% handle does not keep the tree open (it closes with its owner).
+-spec read_only(tree()) -> tree().
+read_only({arbo, Res, View, {arbo_gate, {read_only, _}, _, _}} = T) when is_reference(Res),
+                                                                         is_integer(View) ->
+    T;
+read_only({arbo, Res, View, {arbo_gate, Keeper, Owner, Word}}) when is_pid(Keeper) ->
+    {arbo, Res, View, {arbo_gate, {read_only, Keeper}, Owner, Word}};
+read_only({arbo, _, _, {arbo_reading, _, _, {read_only, _}}} = T) -> T;
+read_only({arbo, Res, View, {arbo_reading, Word, S, Tok}}) ->
+    {arbo, Res, View, {arbo_reading, Word, S, {read_only, Tok}}};
+read_only(T) -> error({badarg, {tree, T}}).
+
 %% @doc Run `Fun(Reader)' in one pass through the gate: Reader is a handle
 %% of the tree with which the calls inside Fun skip the gate (node
 %% references are still checked for their tree and epoch, but the epoch
@@ -170,7 +199,11 @@ reading({arbo, Res, View, {arbo_gate, _, _, _}} = T, Fun) when is_function(Fun, 
                        Tok0 -> {Tok0, false}
                    end,
     Outer andalso begin put({'$arbo_pass', Res}, Tok), put(Tok, '$arbo_pass') end,
-    try Fun({arbo, Res, View, {arbo_reading, Word, S, Tok}})
+    HTok = case T of
+               {_, _, _, {_, {read_only, _}, _, _}} -> {read_only, Tok};
+               _ -> Tok
+           end,
+    try Fun({arbo, Res, View, {arbo_reading, Word, S, HTok}})
     after
         Outer andalso begin erase({'$arbo_pass', Res}), erase(Tok) end,
         atomics:sub(Word, 1, 1)
@@ -210,7 +243,7 @@ root(T) ->
 -spec add_container(tree(), tree_node(), 0..16#ffffffff) -> tree_node().
 add_container(T, P, Tag) ->
     ?U32(Tag) orelse error({badarg, {tag, Tag}}),
-    read(T, [P], fun(S) ->
+    write(T, [P], fun(S) ->
         not_list(T, P),
         N = call(fun() -> arbo:add_hkey_internal(T, P#arbo_node.addr, Tag) end, P),
         expect_type(T, N, {1, 0}, Tag),
@@ -222,7 +255,7 @@ add_container(T, P, Tag) ->
 -spec add_leaf(tree(), tree_node(), name()) -> tree_node().
 add_leaf(T, P, Name) ->
     Htag = htag(Name),
-    read(T, [P], fun(S) ->
+    write(T, [P], fun(S) ->
         not_list(T, P),
         N = call(fun() -> arbo:add_hkey(T, P#arbo_node.addr, Htag, 3) end, P),
         expect_type(T, N, {3, 0}, Name),
@@ -238,7 +271,7 @@ add_list(T, P, Name, Order) ->
                {_, M} -> M;
                false -> error({badarg, {order, Order}})
            end,
-    read(T, [P], fun(S) ->
+    write(T, [P], fun(S) ->
         not_list(T, P),
         N = call(fun() -> arbo:add_hkey_dyn(T, P#arbo_node.addr, Htag, Mode) end, P),
         expect_type(T, N, {2, Mode}, Name),  % an existing list keeps its order
@@ -250,7 +283,7 @@ add_list(T, P, Name, Order) ->
 -spec add(tree(), tree_node(), instance_key()) -> tree_node().
 add(T, L, Key) ->
     {K, Code} = add_arg(Key),
-    read(T, [L], fun(S) ->
+    write(T, [L], fun(S) ->
         is_list_node(T, L),
         N = call(fun() -> arbo:add_hkey(T, L#arbo_node.addr, K, Code) end, L),
         mk(T, S, N, L#arbo_node.addr)
@@ -338,6 +371,7 @@ find_after(T, L, Key, Incl) ->
 %% stale afterwards. The root cannot be deleted (`{root, Node}').
 -spec delete(tree(), tree_node()) -> ok.
 delete(T, N) ->
+    gate(T),
     own(T, N),
     N#arbo_node.parent =/= 0 orelse error({root, N}),
     Reply = exclusive(T, fun(H, S) ->
@@ -361,6 +395,7 @@ delete(T, N) ->
 -spec delete(tree(), tree_node(), key()) -> boolean().
 delete(T, P, Key) ->
     {K, Code} = find_arg(Key),
+    gate(T),
     own(T, P),
     exclusive(T, fun(H, S) ->
         fresh(S, P),
@@ -378,6 +413,7 @@ delete(T, P, Key) ->
 -spec delete_ns(tree(), tree_node(), 0..16#ffffffff) -> boolean().
 delete_ns(T, P, Ns) ->
     ?U32(Ns) orelse error({badarg, {namespace, Ns}}),
+    gate(T),
     own(T, P),
     exclusive(T, fun(H, S) ->
         fresh(S, P),
@@ -400,7 +436,7 @@ rename(T, I, NewKey) ->
                     {N, 4} -> {{N}, 4};  % a tag form here
                     Other -> Other
                 end,
-    read(T, [I], fun(_) ->
+    write(T, [I], fun(_) ->
         List = I#arbo_node.parent,
         List =/= 0 andalso is_list_addr(T, List) orelse error({wrong_node_type, I}),
         arbo:rename_instance0(T, List, I#arbo_node.addr, K, Code)
@@ -415,6 +451,7 @@ rename(T, I, NewKey) ->
 -spec rename_ns(tree(), tree_node(), 0..16#ffffffff) -> boolean().
 rename_ns(T, N, NewNs) ->
     ?U32(NewNs) orelse error({badarg, {namespace, NewNs}}),
+    gate(T),
     own(T, N),
     N#arbo_node.parent =/= 0 orelse error({root, N}),
     exclusive(T, fun(H, S) ->
@@ -603,7 +640,7 @@ set_value(T, N, V) ->
                       V =:= empty -> error({badarg, {value, V}});
                       true -> {17, arbo_val:encode(V)}
                   end,
-    read(T, [N], fun(_) ->
+    write(T, [N], fun(_) ->
         holds_value(T, N),
         arbo:set_val(T, N#arbo_node.addr, Kind, Bin)
     end).
@@ -611,7 +648,7 @@ set_value(T, N, V) ->
 %% @doc Remove a node's value.
 -spec clear_value(tree(), tree_node()) -> ok.
 clear_value(T, N) ->
-    read(T, [N], fun(_) ->
+    write(T, [N], fun(_) ->
         holds_value(T, N),
         arbo:set_val(T, N#arbo_node.addr, 0, <<>>)
     end).
@@ -634,7 +671,7 @@ clear_flags(T, N, M) -> flag_op(T, N, M, clr_flag).
 
 flag_op(T, N, M, F) ->
     ?U64(M) orelse error({badarg, {flags, M}}),
-    read(T, [N], fun(_) -> _ = arbo:F(T, N#arbo_node.addr, M), ok end).
+    write(T, [N], fun(_) -> _ = arbo:F(T, N#arbo_node.addr, M), ok end).
 
 %% @doc Attribute Id (1..2^32-1) of a node, decoded, or `undefined'.
 -spec attr(tree(), tree_node(), pos_integer()) -> undefined | arbo_val:value().
@@ -660,13 +697,13 @@ set_attr(T, N, Id, V) ->
     attr_id(Id),
     V =/= empty orelse error({badarg, {value, V}}),
     Bin = arbo_val:encode(V),
-    read(T, [N], fun(_) -> _ = arbo:do_set_attr(T, N#arbo_node.addr, Id, Bin), ok end).
+    write(T, [N], fun(_) -> _ = arbo:do_set_attr(T, N#arbo_node.addr, Id, Bin), ok end).
 
 %% @doc Remove attribute Id of a node (nothing when it has none).
 -spec delete_attr(tree(), tree_node(), pos_integer()) -> ok.
 delete_attr(T, N, Id) ->
     attr_id(Id),
-    read(T, [N], fun(_) -> _ = arbo:do_set_attr(T, N#arbo_node.addr, Id, <<>>), ok end).
+    write(T, [N], fun(_) -> _ = arbo:do_set_attr(T, N#arbo_node.addr, Id, <<>>), ok end).
 
 attr_id(Id) -> (?U32(Id) andalso Id > 0) orelse error({badarg, {attribute, Id}}).
 
@@ -677,7 +714,7 @@ attr_id(Id) -> (?U32(Id) andalso Id > 0) orelse error({badarg, {attribute, Id}})
 %% Node}' for a node that is not a list instance.
 -spec set_active(tree(), tree_node(), boolean()) -> ok.
 set_active(T, N, Active) when is_boolean(Active) ->
-    read(T, [N], fun(_) ->
+    write(T, [N], fun(_) ->
         instance(T, N),
         Mark = case Active of
                    true -> <<>>;                  % removes the mark
@@ -708,7 +745,7 @@ instance(T, N) ->
 -spec move_to(tree(), tree_node(), integer()) -> boolean().
 move_to(T, I, Pos) ->
     ?I32(Pos) orelse error({badarg, {position, Pos}}),
-    read(T, [I], fun(_) ->
+    write(T, [I], fun(_) ->
         L = user_list(T, I),
         arbo:move_to(T, L, I#arbo_node.addr, Pos)
     end).
@@ -723,7 +760,7 @@ move_before(T, I, Other) -> move_rel(T, I, 1, Other).
 move_after(T, I, Other) -> move_rel(T, I, 0, Other).
 
 move_rel(T, I, Where, Other) ->
-    read(T, [I, Other], fun(_) ->
+    write(T, [I, Other], fun(_) ->
         L = user_list(T, I),
         Other#arbo_node.parent =:= L orelse error({not_a_child, Other}),
         %% The library answers false when it moved the instance.
@@ -814,7 +851,7 @@ compile_filter(F) -> arbo_tree_filter:compile(F).
 %% @doc Push a node on the calling process's iterator stack of this tree.
 -spec iter_push(tree(), tree_node()) -> ok.
 iter_push(T, N) ->
-    read(T, [N], fun(_) -> arbo:push_iter_node(T, N#arbo_node.addr) end),
+    write(T, [N], fun(_) -> arbo:push_iter_node(T, N#arbo_node.addr) end),
     Key = iter_key(T),
     put(Key, [N | iter_stack(Key)]),
     ok.
@@ -824,10 +861,11 @@ iter_push(T, N) ->
 -spec iter_pop(tree()) -> ok | {error, empty}.
 iter_pop(T) ->
     Key = iter_key(T),
+    writable(T),
     case iter_stack(Key) of
         [] -> {error, empty};
         [_ | Rest] ->
-            read(T, [], fun(_) -> arbo:pop_iter_node(T) end),
+            write(T, [], fun(_) -> arbo:pop_iter_node(T) end),
             put(Key, Rest),
             ok
     end.
@@ -857,7 +895,7 @@ iter_depth(T) -> length(iter_stack(iter_key(T))).
 
 iter_key({arbo, Res, _, {arbo_reading, _, _, _}}) -> {'$arbo_iter', Res};
 iter_key(T) ->
-    {Res, _} = gate(T),
+    {Res, _} = readable(T),
     {'$arbo_iter', Res}.
 
 iter_stack(Key) ->
@@ -877,7 +915,7 @@ save(T, Path) -> save(T, Path, []).
 -spec save(tree(), file:filename_all(), [{skip_flags, non_neg_integer()}]) ->
           ok | {error, term()}.
 save(T, Path, Opts) ->
-    gate(T),
+    readable(T),
     arbo_file:save(T, Path, Opts).
 
 %% @equiv load(T, Path, [])
@@ -915,7 +953,26 @@ exclusive(T, Fun) ->
 gate({arbo, Res, _, {arbo_gate, Keeper, Owner, _}}) when is_pid(Keeper), is_pid(Owner) ->
     {Res, Keeper};
 gate({arbo, _, _, {arbo_reading, _, _, _}} = T) -> error({in_reading, T});
+gate({arbo, _, _, {arbo_gate, {read_only, _}, _, _}} = T) -> error({read_only, T});
 gate(T) -> error({badarg, {tree, T}}).
+
+%% The same for reading: a read-only handle is good.
+readable({arbo, Res, _, {arbo_gate, {read_only, Keeper}, Owner, _}}) when is_pid(Keeper),
+                                                                          is_pid(Owner) ->
+    {Res, Keeper};
+readable(T) -> gate(T).
+
+%% A reader section that changes the tree (in place, without freeing
+%% nodes): refused through a read-only handle. One match on the hot path.
+write({arbo, _, _, {arbo_gate, Keeper, _, _}} = T, Nodes, Fun) when is_pid(Keeper) ->
+    gated_read(T, Nodes, Fun);
+write(T, Nodes, Fun) ->
+    writable(T),
+    read(T, Nodes, Fun).
+
+writable({arbo, _, _, {arbo_gate, {read_only, _}, _, _}} = T) -> error({read_only, T});
+writable({arbo, _, _, {arbo_reading, _, _, {read_only, _}}} = T) -> error({read_only, T});
+writable(_) -> ok.
 
 %% The writer side waits for every reader to leave: a process inside a
 %% pass of its own would wait for itself.
@@ -925,6 +982,7 @@ not_inside(T) ->
 %% A reader handle is good while the pass that made it runs, in the process
 %% that runs it: only that process's dictionary holds the pass's token (and
 %% while the pass runs the process is announced, so the epoch cannot move).
+inside(T, {read_only, Tok}) -> inside(T, Tok);
 inside(T, Tok) ->
     get(Tok) =:= '$arbo_pass' orelse error({reading_over, T}).
 
@@ -933,7 +991,11 @@ word({arbo, _, _, {arbo_gate, _, Owner, Word}}) when Owner =:= self() -> Word;
 word({arbo, Res, _, {arbo_gate, Keeper, _, _}} = T) ->
     case get({'$arbo_reader', Res}) of
         undefined ->
-            W = try arbo_gate:register_reader(Keeper, self())
+            K = case Keeper of
+                    {read_only, K0} -> K0;
+                    K0 -> K0
+                end,
+            W = try arbo_gate:register_reader(K, self())
                 catch exit:_ -> error({arbo_closed, T})
                 end,
             put({'$arbo_reader', Res}, W),

@@ -12,6 +12,8 @@
 %% The library's tag form [Ns | Tag] is an improper list on purpose.
 -dialyzer({no_improper_lists, [cpath/1]}).
 
+-include("arbo_error.hrl").
+
 %% @doc The numeric form of a filter other than `all'; raises
 %% `error({bad_filter, Part})'.
 -spec compile(tuple() | term()) -> tuple().

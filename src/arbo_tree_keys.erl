@@ -11,6 +11,8 @@
 %% The library's tag form [Ns | Tag] is an improper list on purpose.
 -dialyzer({no_improper_lists, [htag/1, find_arg/1]}).
 
+-include("arbo_error.hrl").
+
 htag(Tag) when ?U32(Tag) -> Tag;
 htag({Ns, Tag}) when ?U32(Ns), ?U32(Tag) -> [Ns | Tag];
 htag(Name) -> error({badarg, {name, Name}}).

@@ -54,6 +54,8 @@
 -type reason() :: not_binary | empty_input | trailing_bytes
                 | {unknown_type, type_code()} | {truncated, type_code()}.
 
+-include("arbo_error.hrl").
+
 %% ---------------------------------------------------------------------------
 %% Value-length table: {fixed, PayloadLength} or {prefix, Width}.
 

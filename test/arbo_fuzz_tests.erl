@@ -93,9 +93,10 @@ natives() ->
       [2, 4, h, {b, 4, [{[13, 14], [T2]}, {[15, 52], [{x, 2, ND, {answer, false}}, {3, bin}]},
                         {[29], [{3, pair}, T2]}, {any, [{raise, badarg}]}]}]},
      {rename_ns, "hnnu", [[t, r, u, 1]], [2, 3, 4, h, {r, 3}, {r, 2}]},
-     %% the list is read before the key and the handle; an unknown code reads nothing
+     %% the list is read before the code, the key and the handle; an unknown
+     %% code reads nothing more
      {rename_instance0, "hnn-c", [[t, l, li, kb, 5], [t, u, i, {1, 9}, 27], [t, u, i, 9, 4]],
-      [2, 3, 5, {b, 5, [{[C], [{x, 2, ND, {raise, badarg}}, {4, K}, h]}
+      [2, 3, 5, {x, 2, ND, {raise, badarg}}, {b, 5, [{[C], [{4, K}, h]}
                         || {C, K} <- [{5, bin}, {6, bin}, {27, pair}, {4, htag}]] ++ [{any, [{answer, false}]}]}]},
      {prev_sibling, "Hnn", [[t, r, c]], [2, 3, h, {r, 2}, {r, 3}]},
      {find_child, "Hn-c", [[t, r, 1, 10], [t, l, kb, 12], [t, u, {1, 5}, 28]],

@@ -107,6 +107,20 @@ filters_test() ->
              {[{'and', {flags_all, [], 16#10}, {key, eq, 0, <<"2000">>}}], [2000]}, {[all, 2], [1, 2]}],
     [?assertEqual({Args, Want}, {Args, Ks(apply(arbo_tree, select, [T, L | Args]))}) || {Args, Want} <- Cases],
     ?assertEqual(4999, arbo_tree:fold(T, L, {'not', {value, eq, [2], <<"3">>}}, fun(_, A) -> A + 1 end, 0)),
+    %% comparisons the library cannot make match, beside full matches (a
+    %% plain binary holding an encoded string among them): text that is no
+    %% number, a plain binary and an opaque key without a text form, the
+    %% matching head of a text longer than its buffer
+    U = arbo_tree:add_list(T, arbo_tree:root(T), 2, sorted),
+    Q = fun(N) -> binary:copy(<<"q">>, N) end,
+    Vals = [{string, <<"abc">>}, <<"abc">>, <<200, 1, "7">>, {string, Q(65)}, {string, Q(64)}, {uint8, 9}],
+    Us = [{K, arbo_tree:add(T, U, {int, K})} || K <- lists:seq(1, length(Vals))],
+    [ok = arbo_tree:set_value(T, arbo_tree:add_leaf(T, I, 2), V) || {{_, I}, V} <- lists:zip(Us, Vals)],
+    UCases = [{{value, gt, [2], 8}, [1, 2, 4, 5, 6]}, {{value, eq, [2], Q(64)}, [2, 4, 5]}, {{value, eq, [2], <<"7">>}, [2, 3]}],
+    [?assertEqual({F, Want}, {F, Ks(arbo_tree:select(T, U, F))}) || {F, Want} <- UCases],
+    O = arbo_tree:add_list(T, arbo_tree:root(T), 3, sorted),
+    _ = [arbo_tree:add(T, O, {opaque, B}) || B <- [<<"abc">>, <<200, 1, "x">>]],
+    ?assertEqual([{opaque, <<"abc">>}], [arbo_tree:key(T, C) || C <- arbo_tree:select(T, O, {key, eq, 0, <<"y">>})]),
     ?assertError({stale_node, _}, arbo_tree:fold(T, L, all, fun(C, _) -> arbo_tree:delete(T, C) end, ok)),
     ok = arbo_tree:close(T).
 

@@ -75,6 +75,23 @@ rename_ns_test() ->
         ?assertEqual({[L, Z, C, B, A], 6}, {children(T, R), arbo:get_size(T)})
     end).
 
+%% rename_instance0 reads its list first: a node that is not a list is
+%% refused whatever the code, before an unknown code answers false without
+%% the handle (so also with a closed table's). Nothing moves the generation.
+rename_outside_list_test() ->
+    with_table(fun(T) ->
+        R = arbo:get_root(T),
+        [C, G, L] = [arbo:add_hkey_internal(T, R, 1), arbo:add_hkey(T, R, 2, 3), arbo:add_hkey_dyn(T, R, 3, 0)],
+        I = arbo:add_hkey(T, L, 1, 4),
+        Closed = arbo:new(),
+        ok = arbo:close(Closed),
+        Rows = [{T, N, Code} || N <- [R, C, G, I], Code <- [4, 5, 27, 7, 16#FFFFFFFF]] ++ [{Closed, G, 7}, {T, L, 7}, {Closed, L, 7}],
+        Key = fun(5) -> <<"k">>; (27) -> {1, 2}; (_) -> 9 end,
+        ?assertEqual(lists:duplicate(21, badarg) ++ [{returned, false}, {returned, false}],
+                     [reason(fun() -> arbo:rename_instance0(H, N, I, Key(Code), Code) end) || {H, N, Code} <- Rows]),
+        ?assertEqual({[I], 0}, {children(T, L), arbo:get_generation(T)})
+    end).
+
 %% ---- deletion and accounting ----------------------------------------------------
 
 %% del_hkey by the key forms the store model does not use, applied in order:

@@ -64,6 +64,24 @@ small_tree_test() ->
         ?assertEqual(Want, dump(T))
     end).
 
+%% Integer fields at the ends of their ranges: signed keys at -2^31 and
+%% 2^31-1 (an {Int} key and an {Ns, Int} pair), unsigned keys and namespaces
+%% at 2^32-1 and 2^31, all 64 user-flag bits, value bytes 255 and 128.
+extremes_test() ->
+    with_table(fun(T) ->
+        R = arbo:get_root(T),
+        C = arbo:add_hkey_internal(T, R, 16#FFFFFFFF),
+        L = arbo:add_hkey_dyn(T, R, [16#FFFFFFFF | 16#FFFFFFFE], 0),
+        _ = [arbo:add_hkey(T, L, K, Code) || {K, Code} <- [{-16#80000000, 4}, {{-16#80000000, 16#7FFFFFFF}, 27}]],
+        Leaf = arbo:add_hkey(T, C, [16#FFFFFFFF | 16#FFFFFFFF], 3),
+        _ = {arbo:set_flags(T, Leaf, 1 bsl 64 - 1), arbo:set_val(T, Leaf, 17, <<255, 128>>)},
+        ?assertEqual(["key=0 val=<<>> ns=0 uflags=0x00", "    key=4294967295 uflags=0x00",
+                      "        key=4294967295 val=<<255,128,>> ns=4294967295 uflags=0xffffffffffffffff",
+                      "    key=4294967294 uflags=0x00", "        key=-2147483648 val=<<>> ns=0 uflags=0x00",
+                      "        key=2147483647 val=<<>> ns=2147483648 uflags=0x00"],
+                     [Line || Line <- dump(T), string:find(Line, "key=") =/= nomatch])
+    end).
+
 %% The path is a binary with a NUL; after it only NULs, except that the very
 %% last byte may be anything (malformed paths are swept by arbo_fuzz_tests).
 %% A file that cannot be opened: still ok.

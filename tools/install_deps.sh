@@ -7,6 +7,7 @@ packages=(
   erlang-base erlang-dev erlang-eunit erlang-proper erlang-proper-dev erlang-dialyzer erlang-edoc
   erlang-tools erlang-syntax-tools erlang-parsetools erlang-crypto
   cmake g++ make libgtest-dev googletest libbenchmark-dev
+  rebar3 elixir git
 )
 
 missing=()

@@ -1,0 +1,160 @@
+%% The arbo application: keepers under supervision, the list of open
+%% trees, where the library is found, and the shell's explanations of the
+%% safe API's exceptions.
+-module(arbo_app_tests).
+-include_lib("eunit/include/eunit.hrl").
+
+keeper({arbo, _, _, {arbo_gate, Keeper, _, _}}) -> Keeper.
+
+%% A tree built by a process that then waits to be told to exit.
+tree_of_helper() ->
+    Self = self(),
+    Pid = spawn(fun() ->
+                    T = arbo_tree:new(),
+                    L = arbo_tree:add_list(T, arbo_tree:root(T), 1, sorted),
+                    [arbo_tree:add(T, L, {int, I}) || I <- lists:seq(1, 50)],
+                    Self ! {tree, T},
+                    receive stop -> ok end
+                end),
+    receive {tree, T} -> {Pid, T} after 5000 -> error(no_tree) end.
+
+wait_down(Pid) ->
+    Ref = erlang:monitor(process, Pid),
+    receive {'DOWN', Ref, process, Pid, _} -> ok after 5000 -> error({alive, Pid}) end.
+
+listed(T) ->
+    K = keeper(T),
+    [I || #{keeper := P} = I <- arbo_app:info(), P =:= K].
+
+%% arbo_tree:new/1 starts the application when it is not running; keepers
+%% are its children, listed by arbo_app:info/0 with owner, size and memory
+%% until their tree closes; a keeper that dies is not restarted.
+supervised_keepers_test() ->
+    _ = application:stop(arbo),
+    ?assertEqual([], arbo_app:info()),
+    {Owner, T} = tree_of_helper(),
+    ?assert(lists:keymember(arbo, 1, application:which_applications())),
+    ?assert(lists:member(keeper(T), arbo_sup:keepers())),
+    #{size := Size, mem := Mem} = arbo_tree:info(T),
+    ?assertEqual(51, Size),
+    ?assertMatch([#{owner := Owner, size := Size, mem := Mem, readers := 1}], listed(T)),
+    %% the owner's exit still closes the tree, and ends its keeper
+    Owner ! stop,
+    wait_down(keeper(T)),
+    ?assertEqual([], listed(T)),
+    ?assertError({arbo_closed, _}, arbo_tree:root(T)),
+    %% temporary: a killed keeper stays dead, and its tree takes no more
+    %% changes that free nodes
+    T2 = arbo_tree:new(),
+    K2 = keeper(T2),
+    exit(K2, kill),
+    wait_down(K2),
+    ?assertNot(lists:member(K2, arbo_sup:keepers())),
+    ?assertError({arbo_closed, _}, arbo_tree:clear(T2)).
+
+%% Stopping the application closes every tree, for every handle and path:
+%% the owner's own reads (which skip the keeper) and other processes'.
+stop_closes_trees_test() ->
+    T = arbo_tree:new(),
+    R = arbo_tree:root(T),
+    C = arbo_tree:add_container(T, R, 3),
+    {Other, T2} = tree_of_helper(),
+    ok = application:stop(arbo),
+    ?assertError({arbo_closed, _}, arbo_tree:find(T, R, 3)),
+    ?assertError({arbo_closed, _}, arbo_tree:num_children(T, C)),
+    ?assertError({arbo_closed, _}, arbo_tree:root(T2)),
+    Other ! stop,
+    %% and a new tree brings it back
+    T3 = arbo_tree:new(),
+    ?assertMatch([_], listed(T3)),
+    ok = arbo_tree:close(T3).
+
+%% Where the library is looked for: the OS variable, then the application
+%% variable, then priv/ (beside ebin/ when arbo is not in an OTP lib folder).
+nif_path_test() ->
+    Os = os:getenv("ARBO_NIF_DIR"),
+    App = application:get_env(arbo, nif_dir),
+    Ebin = filename:dirname(code:which(arbo)),
+    Priv = case code:priv_dir(arbo) of
+               D when is_list(D) -> D;
+               _ -> filename:join(filename:dirname(Ebin), "priv")
+           end,
+    Cases = [{"/os", "/app", "/os/arbo_nif"},
+             {false, "/app", "/app/arbo_nif"},
+             {"", "/app", "/app/arbo_nif"},
+             {false, undefined, filename:join(Priv, "arbo_nif")}],
+    try
+        [begin
+             case OsDir of false -> os:unsetenv("ARBO_NIF_DIR"); _ -> os:putenv("ARBO_NIF_DIR", OsDir) end,
+             case AppDir of undefined -> application:unset_env(arbo, nif_dir);
+                            _ -> application:set_env(arbo, nif_dir, AppDir) end,
+             ?assertEqual({OsDir, AppDir, Want}, {OsDir, AppDir, arbo:nif_path()})
+         end || {OsDir, AppDir, Want} <- Cases]
+    after
+        case Os of false -> os:unsetenv("ARBO_NIF_DIR"); _ -> os:putenv("ARBO_NIF_DIR", Os) end,
+        case App of {ok, V} -> application:set_env(arbo, nif_dir, V);
+                    undefined -> application:unset_env(arbo, nif_dir) end
+    end.
+
+%% Without its application file arbo cannot start, and new/0 says so.
+not_startable_test() ->
+    Dir = filename:join("/tmp", "arbo_noapp_" ++ os:getpid()),
+    ok = filelib:ensure_path(Dir),
+    Ebin = filename:dirname(code:which(arbo)),
+    try
+        [{ok, _} = file:copy(B, filename:join(Dir, filename:basename(B)))
+         || B <- filelib:wildcard(filename:join(Ebin, "*.beam"))],
+        Expr = "try arbo_tree:new() catch error:E:S -> io:format(\"~ts\", "
+               "[erl_error:format_exception(error, E, S)]) end, halt().",
+        Lib = filename:dirname(arbo:nif_path()),
+        Out = os:cmd("ARBO_NIF_DIR=" ++ Lib ++ " erl -noshell -pa " ++ Dir ++
+                     " -eval '" ++ Expr ++ "' 2>&1"),
+        ?assertNotEqual({nomatch, Out}, {string:find(Out, "arbo_not_started"), Out}),
+        ?assertNotEqual({nomatch, Out},
+                        {string:find(Out, "the arbo application could not be started"), Out})
+    after
+        _ = [file:delete(F) || F <- filelib:wildcard(filename:join(Dir, "*"))],
+        file:del_dir(Dir)
+    end.
+
+%% Each module's exceptions name a function of that module (not the helper
+%% that raised), carry error_info, and the shell adds a line that explains
+%% them.
+explained_errors_test_() ->
+    T = arbo_tree:new(),
+    R = arbo_tree:root(T),
+    C = arbo_tree:add_container(T, R, 1),
+    L = arbo_tree:add_list(T, R, 2, sorted),
+    Closed = arbo_tree:new(),
+    ok = arbo_tree:close(Closed),
+    Cases =
+        [{fun() -> arbo_tree:add_container(T, R, -1) end, arbo_tree, "a tag is an integer"},
+         {fun() -> arbo_tree:new([bogus]) end, arbo_tree, "unknown option"},
+         {fun() -> arbo_tree:add_list(T, R, 3, upside_down) end, arbo_tree, "an order is"},
+         {fun() -> arbo_tree:add_leaf(T, R, {x}) end, arbo_tree_keys, "a name is a tag"},
+         {fun() -> arbo_tree:add(T, L, {float, 1.0}) end, arbo_tree_keys, "not an instance key"},
+         {fun() -> arbo_tree:root(Closed) end, arbo_tree, "the tree is closed"},
+         {fun() -> arbo_tree:add(T, C, {int, 1}) end, arbo_tree, "does not apply to this kind"},
+         {fun() -> arbo_tree:select(T, R, {bogus}) end, arbo_tree_filter, "not a filter"},
+         {fun() -> arbo_key:encode([{no_such_type, 1}]) end, arbo_key, "not a key element"},
+         {fun() -> arbo_val:encode({no_such_type, 1}) end, arbo_val, "not a value arbo_val"},
+         {fun() -> arbo_file:save(T, "/tmp/x", [{skip_flags, -1}]) end, arbo_file, "skip_flags is an integer"},
+         {fun() -> arbo_file:load(T, "/tmp/x", [{capture, maybe}]) end, arbo_file, "capture is true or false"}],
+    {setup, fun() -> ok end, fun(_) -> arbo_tree:close(T) end,
+     [{Text, fun() -> explained(F, Mod, Text) end} || {F, Mod, Text} <- Cases]}.
+
+explained(F, Mod, Text) ->
+    try F() of
+        Result -> error({no_exception, Result})
+    catch error:Reason:Stack ->
+        [{M, Top, _, Info} | _] = Stack,
+        ?assertEqual(Mod, M),
+        ?assertNotEqual(error, Top),
+        ?assertMatch({error_info, #{module := arbo_error}}, lists:keyfind(error_info, 1, Info)),
+        Shown = lists:flatten(erl_error:format_exception(error, Reason, Stack)),
+        ?assertNotEqual({nomatch, Shown}, {string:find(Shown, Text), Shown})
+    end.
+
+%% A reason the safe API does not raise gets no text of its own.
+unknown_reason_test() ->
+    ?assertEqual(#{}, arbo_error:format_error({something, else}, [])).
