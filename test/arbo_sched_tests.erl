@@ -13,7 +13,7 @@
 -module(arbo_sched_tests).
 -include_lib("eunit/include/eunit.hrl").
 
--export([deep/1, figures/1]).
+-export([deep/1, figures/1, killed_waiters/0]).
 
 -define(FLAG, 2#100).
 
@@ -206,6 +206,42 @@ write_loop(T, Count) ->
         _ = arbo:set_flag(T, arbo:get_root(T), 2#10),
         write_loop(T, Count + 1)
     end.
+
+%% Callers killed while their calls wait for the lock on a dirty scheduler
+%% (a save holds it): the calls finish for nobody, an iterator push leaves no
+%% stack behind, and the VM lives on. In a child VM: a failure is an abort.
+killed_waiters_test_() ->
+    {timeout, 120, fun() -> ?assertEqual({ok, 0}, in_child(killed_waiters, [])) end}.
+
+killed_waiters() ->
+    Dir = scratch(),
+    T = arbo:new(),
+    L = arbo:add_hkey_dyn(T, arbo:get_root(T), 1, 0),
+    _ = [arbo:add_hkey(T, L, K, 4) || K <- lists:seq(1, 1000000)],
+    try
+        Rounds = [kill_round(T, L, filename:join(Dir, "s")) || _ <- [1, 2, 3]],
+        [20, 20, 20] = Rounds,
+        %% The lock is free again, for a caller that is alive.
+        ok = arbo:push_iter_node(T, L),
+        L = arbo:get_iter_node(T),
+        {arbo:close(T), 0}
+    after os:cmd("rm -rf " ++ Dir)
+    end.
+
+%% One save holding the lock, 20 callers waiting for it, all killed.
+kill_round(T, L, File) ->
+    Self = self(),
+    Saver = spawn_link(fun() -> Self ! {saved, arbo:save_nif(T, nul(File), 0)} end),
+    timer:sleep(2),
+    Waiters = [spawn(fun() -> Self ! {going, self()}, arbo:push_iter_node(T, L),
+                              arbo:del_hkey(T, L, 7, 13) end)
+               || _ <- lists:seq(1, 20)],
+    [receive {going, P} -> ok end || P <- Waiters],
+    timer:sleep(5),
+    [exit(P, kill) || P <- Waiters],
+    receive {saved, true} -> ok end,
+    unlink(Saver),
+    length([P || P <- Waiters, not is_process_alive(P)]).
 
 %% Every call of a filtered walk hands the scheduler its time, whether it
 %% ends in a yield or in a match: the caller's reductions grow by at least 1%
