@@ -4,6 +4,8 @@
 %% (`arbo_gate'): one keeper per open tree, started by `arbo_tree:new/1'.
 %% Keepers are temporary: a keeper that ends is not restarted (its tree is
 %% closed with it, and a new keeper would know nothing of its readers).
+%% After it comes `arbo_db_sup', the supervisor of durable stores
+%% (`arbo_db'), so that stores stop before the trees they hold.
 -module(arbo_sup).
 -behaviour(supervisor).
 
@@ -26,11 +28,9 @@ init(top) ->
                 type => supervisor, shutdown => infinity},
     %% Children start in this order and stop in the reverse one: whatever
     %% keeps trees of its own goes after the keepers, so it stops first.
-    Children = [Keepers
-                %% ---- later supervisors go here, e.g.
-                %% , #{id => arbo_db_sup, start => {arbo_db_sup, start_link, []},
-                %%     type => supervisor, shutdown => infinity}
-               ],
+    Stores = #{id => arbo_db_sup, start => {arbo_db_sup, start_link, []},
+               type => supervisor, shutdown => infinity},
+    Children = [Keepers, Stores],
     {ok, {#{strategy => one_for_one, intensity => 5, period => 10}, Children}};
 init(keepers) ->
     %% A keeper closes a big tree when it stops: give it time to free it.

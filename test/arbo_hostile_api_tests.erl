@@ -2,7 +2,10 @@
 %% would fail if the promise it names were false. Cases that could take the
 %% VM down run in a child VM.
 -module(arbo_hostile_api_tests).
+-include_lib("proper/include/proper.hrl").
 -include_lib("eunit/include/eunit.hrl").
+
+-export([wide_flags/0]).
 
 -define(RAISES(Pattern, Expr),
         ?assertMatch({error, Pattern}, try Expr, returned catch error:E__ -> {error, E__} end)).
@@ -115,3 +118,546 @@ read_only_reads_and_owner_writes_test() ->
     ?assertEqual([none], leaf(Ro)),
     ok = arbo_tree:close(T),
     ?RAISES({arbo_closed, _}, arbo_tree:root(Ro)).
+
+%% ---- keys the API treats as different are never one for the library ---------
+
+%% From 128 instances a user-ordered list finds keys through a hash index
+%% that compares integers without their namespace and bytes without their
+%% form: one list holds one key form, and a clash is refused, at any size.
+one_form_per_user_list_test() ->
+    T = arbo_tree:new(),
+    R = arbo_tree:root(T),
+    Lists = [{Form, arbo_tree:add_list(T, R, Tag, user_order), Keys}
+             || {Tag, Form, Keys} <- [{1, int, [{int, N} || N <- lists:seq(1, 200)]},
+                                      {2, pair, [{pair, 7, N} || N <- lists:seq(1, 200)]},
+                                      {3, tuple, [{tuple, [{uint32, N}]} || N <- lists:seq(1, 200)]},
+                                      {4, opaque, [{opaque, <<N:16>>} || N <- lists:seq(1, 200)]}]],
+    [[arbo_tree:add(T, L, K) || K <- Keys] || {_, L, Keys} <- Lists],
+    %% keys the index would take for listed ones, of another form
+    Others = [{int, 5}, {pair, 7, 5}, {pair, 8, 5}, {tuple, []}, {opaque, <<>>}, {opaque, <<0, 5>>}],
+    Wrong = [{Form, K, Got} || {Form, L, _} <- Lists, K <- Others, form(K) =/= Form,
+                               Got <- [try arbo_tree:add(T, L, K) catch error:{key_form, K} -> refused end],
+                               Got =/= refused],
+    ?assertEqual([], Wrong),
+    %% every key finds its own instance and no other key finds one
+    Found = [{K, arbo_tree:key(T, arbo_tree:find(T, L, K))} || {_, L, Keys} <- Lists, K <- Keys],
+    ?assertEqual([], [F || {K, Got} = F <- Found, K =/= Got]),
+    ?assertEqual([], [{Form, K} || {Form, L, Keys} <- Lists, K <- Others, not lists:member(K, Keys),
+                                   arbo_tree:find(T, L, K) =/= none]),
+    %% a new key of the list's form is its own instance
+    [?assertEqual(K, arbo_tree:key(T, arbo_tree:add(T, L, K)))
+     || {Form, L, Keys} <- Lists, K <- Others ++ [{pair, 7, 500}], form(K) =:= Form, not lists:member(K, Keys)],
+    ok = arbo_tree:close(T).
+
+form({pair, Ns, _}) when Ns =/= 7 -> pair_other_namespace;
+form(K) -> element(1, K).
+
+%% Renames keep the key form (another form would free the value), move the
+%% epoch (the library may move the instance), and a delete afterwards acts
+%% on the renamed instance only: in an indexed list, under both builds.
+rename_then_delete_test() ->
+    T = arbo_tree:new(),
+    L0 = arbo_tree:add_list(T, arbo_tree:root(T), 1, user_order),
+    [ok = arbo_tree:set_value(T, arbo_tree:add(T, L0, {int, N}), {uint32, N}) || N <- lists:seq(1, 300)],
+    Epoch = fun() -> maps:get(epoch, arbo_tree:info(T)) end,
+    L = fun() -> arbo_tree:find(T, arbo_tree:root(T), 1) end,
+    I = arbo_tree:find(T, L(), {int, 7}),
+    ?assertError({key_form, {tuple, [{uint32, 7}]}}, arbo_tree:rename(T, I, {tuple, [{uint32, 7}]})),
+    ?assertError({key_form, {pair, 3, 7}}, arbo_tree:rename(T, I, {pair, 3, 7})),
+    E0 = Epoch(),
+    ?assertEqual(false, arbo_tree:rename(T, arbo_tree:find(T, L(), {int, 7}), {int, 8})),
+    ?assert(arbo_tree:rename(T, arbo_tree:find(T, L(), {int, 7}), {int, 1000})),
+    ?assert(Epoch() > E0),
+    ?assertError({stale_node, _}, arbo_tree:value(T, I)),
+    ?assertEqual({uint32, 7}, arbo_tree:value(T, arbo_tree:find(T, L(), {int, 1000}))),
+    ?assertEqual(none, arbo_tree:find(T, L(), {int, 7})),
+    ?assert(arbo_tree:delete(T, L(), {int, 1000})),
+    ?assertEqual(false, arbo_tree:delete(T, L(), {int, 7})),
+    ?assertEqual([{uint32, N} || N <- lists:seq(1, 300), N =/= 7],
+                 [arbo_tree:value(T, C) || C <- arbo_tree:children(T, L())]),
+    ok = arbo_tree:close(T).
+
+%% Encoded keys the library's order takes for one (a comparison that stops
+%% early) are refused as a clash, never handed out for each other. (The
+%% order is not total across element types, so a find may miss an instance
+%% that is there: only a wrong instance is a failure.)
+clashing_keys_test() ->
+    Prop = ?FORALL({Bins, Order}, {list(arbo_codec_tests:key_bytes()),
+                                   oneof([sorted, sorted_length_first, sorted_length_first_but_last, user_order])},
+        begin
+            T = arbo_tree:new(),
+            L = arbo_tree:add_list(T, arbo_tree:root(T), 1, Order),
+            Valid = lists:usort([B || B <- Bins, arbo_key:validate(B) =:= ok]),
+            Added = [B || B <- Valid, ok =:= try arbo_tree:add(T, L, {encoded, B}), ok
+                                               catch error:{key_clash, _} -> clash end],
+            Keys = [K || {tuple, _} = K0 <- [arbo_tree:key(T, C) || C <- arbo_tree:children(T, L)],
+                         K <- [arbo_key:encode(element(2, K0))]],
+            Finds = [{B, case arbo_tree:find(T, L, {encoded, B}) of
+                             none -> none;
+                             N -> arbo_key:encode(element(2, arbo_tree:key(T, N)))
+                         end} || B <- Valid],
+            ok = arbo_tree:close(T),
+            lists:sort(Keys) =:= Added andalso
+                lists:all(fun({B, F}) -> F =:= B orelse F =:= none end, Finds)
+        end),
+    ?assertEqual(true, proper:quickcheck(Prop, [{numtests, 300}, quiet]) orelse lists:flatten(io_lib:format("~w", [proper:counterexample()]))).
+
+%% ---- what the API builds, a file carries back --------------------------------
+
+%% Pair keys round-trip with namespaces 1..255 but 12; the others are refused.
+pair_namespaces_test() ->
+    T = arbo_tree:new(),
+    L = arbo_tree:add_list(T, arbo_tree:root(T), 1, sorted),
+    [?assertError({badarg, {key, K}}, arbo_tree:add(T, L, K)) || K <- [{pair, 0, 1}, {pair, 12, 1}, {pair, 256, 1}, {pair, -1, 1}]],
+    [ok = arbo_tree:set_value(T, arbo_tree:add(T, L, {pair, Ns, N}), <<Ns, N:32/signed>>)
+     || Ns <- lists:seq(1, 255) -- [12], N <- [-16#80000000, -1, 0, 16#7fffffff]],
+    ?assertEqual(dump(T), dump(round_trip(T))),
+    ok = arbo_tree:close(T).
+
+round_trip(T) ->
+    F = scratch_file("rt"),
+    ok = arbo_tree:save(T, F),
+    T2 = arbo_tree:new(),
+    {ok, _} = arbo_tree:load(T2, F),
+    ok = file:delete(F),
+    T2.
+
+scratch_file(Name) -> filename:join("/tmp", "arbo_hostile_api_" ++ os:getpid() ++ "_" ++ Name).
+
+%% Random trees built through the API (every key form, values, flags,
+%% attributes, inactive marks, moves) save and load back equal.
+random_round_trip_test() ->
+    Prop = ?FORALL(Ops, list(build_op()),
+        begin
+            T = arbo_tree:new(),
+            [build(T, Op) || Op <- Ops],
+            T2 = round_trip(T),
+            Same = dump(T) =:= dump(T2),
+            ok = arbo_tree:close(T),
+            ok = arbo_tree:close(T2),
+            Same
+        end),
+    ?assertEqual(true, proper:quickcheck(Prop, [{numtests, 150}, quiet]) orelse proper:counterexample()).
+
+build_op() ->
+    oneof([{list, range(1, 3), oneof([sorted, user_order, sorted_length_first])},
+           {inst, range(1, 3), oneof([{int, integer()}, {pair, range(1, 255), integer(-3, 3)},
+                                      {tuple, [{uint32, range(0, 5)}]}, {opaque, binary(2)}])},
+           {leaf, range(1, 3), oneof([range(0, 4), {range(1, 3), range(0, 4)}])},
+           {value, range(1, 3), oneof([binary(), {uint32, range(0, 100)}, {string, binary(3)}])},
+           {flags, range(1, 3), oneof([range(0, 16#3fffff), range(16#400000, 16#400003)])},
+           {attr, range(1, 3), range(1, 3), {bool, boolean()}},
+           {inactive, range(1, 3)},
+           {move, range(1, 3), integer(-1, 4)}]).
+
+%% Ops address the lists at the root by tag and their first instance.
+build(T, {list, Tag, Order}) -> catch arbo_tree:add_list(T, arbo_tree:root(T), Tag, Order);
+build(T, {inst, Tag, K}) -> on_list(T, Tag, fun(L) -> catch arbo_tree:add(T, L, K) end);
+build(T, {leaf, Tag, Name}) -> on_first(T, Tag, fun(I) -> catch arbo_tree:add_leaf(T, I, Name) end);
+build(T, {value, Tag, V}) -> on_first(T, Tag, fun(I) -> catch arbo_tree:set_value(T, I, V) end);
+build(T, {flags, Tag, F}) -> on_first(T, Tag, fun(I) -> arbo_tree:set_flags(T, I, F) end);
+build(T, {attr, Tag, Id, V}) -> on_first(T, Tag, fun(I) -> arbo_tree:set_attr(T, I, Id, V) end);
+build(T, {inactive, Tag}) -> on_first(T, Tag, fun(I) -> arbo_tree:set_active(T, I, false) end);
+build(T, {move, Tag, Pos}) ->
+    on_list(T, Tag, fun(L) -> case arbo_tree:type(T, L) of
+                                  {list, user_order} -> [arbo_tree:move_to(T, I, Pos) || I <- [arbo_tree:last_child(T, L)], I =/= none];
+                                  _ -> ok
+                              end end).
+
+on_list(T, Tag, F) ->
+    case arbo_tree:find(T, arbo_tree:root(T), Tag) of
+        none -> ok;
+        L -> F(L)
+    end.
+on_first(T, Tag, F) -> on_list(T, Tag, fun(L) -> [F(I) || I <- [arbo_tree:first_child(T, L)], I =/= none] end).
+
+%% A load that stops before the end of the file is an error naming the
+%% record it stopped at (the records before it stay applied), never `ok'.
+stopped_load_test() ->
+    M = <<16#EE, 16#DA, 0, 1>>,
+    Leaf = <<6, 1:32, 13, 1, "v", 7>>,
+    Cases = [{above_root, [M, Leaf, 7, Leaf], 13},
+             {above_root, [M, Leaf, 8, 2, Leaf], 13},
+             {value_at_root, [M, Leaf, 13, 1, "x", Leaf], 13},
+             {value_at_root, [M, 9, arbo_val:encode({uint32, 1}), Leaf], 4},
+             {child_refused, [M, <<20, 2:32, 0>>, <<6, 1:32>>, 7, Leaf], 10},
+             {list_mode, [M, <<20, 2:32, 9>>, Leaf], 4},
+             {list_key_form, [M, <<(20 + 64), 2:32, 0>>, Leaf], 4},
+             {namespace_key_form, [M, <<(12 + 64), 2:32>>, Leaf], 4},
+             {move_target_missing, [M, <<20, 2:32, 3>>, <<(19 + 64), 5:32, 0:32>>, 7, Leaf], 10}],
+    Wrong = [{Why, Got} || {Why, Parts, At} <- Cases,
+                           Got <- [load_bin(iolist_to_binary(Parts))],
+                           Got =/= {error, {stopped_at, At, Why}}],
+    ?assertEqual([], Wrong).
+
+load_bin(Bin) ->
+    F = scratch_file("stop"),
+    ok = file:write_file(F, Bin),
+    T = arbo_tree:new(),
+    try arbo_tree:load(T, F) after arbo_tree:close(T), file:delete(F) end.
+
+%% Loads stopped by a truncation mark or a checkpoint answer what the
+%% library answers for the file itself, in the file's own positions.
+truncation_positions_test() ->
+    M = <<16#EE, 16#DA, 0, 1>>,
+    Leaf = fun(N) -> <<6, N:32, 13, 1, "v", 7>> end,
+    Files = [[M, 2, Leaf(1), 3, 2, Leaf(2), 4, Leaf(3), 1, Leaf(4)],
+             [M, 2, Leaf(1), 4, Leaf(2), 2, Leaf(3), 4, Leaf(4), 3],
+             [M, Leaf(1), 1, Leaf(2)],
+             [M, 2, 2, Leaf(1), 4, 4]],
+    Ckpts = [-1, -2, 0, 12, 13, 14, 25, 26, 27],
+    Wrong = [{Bin, C, Safe, Raw} || Parts <- Files, Bin <- [iolist_to_binary(Parts)], C <- Ckpts,
+                                   {Safe, Raw} <- [{safe_load(Bin, C), raw_load(Bin, C)}], Safe =/= Raw],
+    ?assertEqual([], Wrong).
+
+safe_load(Bin, C) ->
+    F = scratch_file("ckpt"),
+    ok = file:write_file(F, Bin),
+    T = arbo_tree:new(),
+    try
+        {ok, I} = arbo_tree:load(T, F, [{checkpoint, C}]),
+        {maps:without([captured, file_size], I), dump(T)}
+    after arbo_tree:close(T), file:delete(F)
+    end.
+
+raw_load(Bin, C) ->
+    F = scratch_file("ckpt_raw"),
+    ok = file:write_file(F, Bin),
+    H = arbo_tree:new(),
+    try
+        {true, {Trans, _, Size, _, _, Ckpt, _, Where}} =
+            arbo_tree:exclusive(H, fun(Raw, _) -> {arbo:load_nif(Raw, <<(list_to_binary(F))/binary, 0>>, C, 0, undefined), true} end),
+        {#{nodes => Size, transactions => Trans, checkpoint => Ckpt,
+           truncated_at => case Where of undefined -> undefined; {checkpoint, N} -> N - 1 end}, dump(H)}
+    after arbo_tree:close(H), file:delete(F)
+    end.
+
+%% ---- documented answers --------------------------------------------------------
+
+%% A tree made with hide_inactive leaves inactive instances out of every
+%% finding, stepping and counting function; child_index counts them.
+hide_inactive_test() ->
+    T = arbo_tree:new([hide_inactive]),
+    Wrong = [{Order, Name, Got, Want}
+             || Order <- [user_order, sorted],
+                {L, [_, I2, _, I4, I5]} <- [inactive_list(T, Order)],
+                {Name, Got, Want} <- [{find, arbo_tree:find(T, L, {int, 1}), none},
+                                      {lookup, arbo_tree:lookup(T, [tag(Order), {int, 3}]), none},
+                                      {first_child, arbo_tree:first_child(T, L), I2},
+                                      {last_child, arbo_tree:last_child(T, L), I4},
+                                      {next_sibling, arbo_tree:next_sibling(T, I2), I4},
+                                      {prev_sibling, arbo_tree:prev_sibling(T, I4), I2},
+                                      {prev_sibling_first, arbo_tree:prev_sibling(T, I2), none},
+                                      {nth_child, arbo_tree:nth_child(T, L, 2), I4},
+                                      {nth_child_past, arbo_tree:nth_child(T, L, 3), none},
+                                      {num_children, arbo_tree:num_children(T, L), 2},
+                                      {children, arbo_tree:children(T, L), [I2, I4]},
+                                      {select, arbo_tree:select(T, L, all), [I2, I4]},
+                                      {fold, arbo_tree:fold(T, L, all, fun(C, A) -> [C | A] end, []), [I4, I2]},
+                                      {child_index, [arbo_tree:child_index(T, I) || I <- [I2, I4, I5]], [2, 4, 5]}],
+                not same(Got, Want)],
+    ?assertEqual([], Wrong),
+    %% every instance inactive: nothing to step to from either end
+    L = arbo_tree:add_list(T, arbo_tree:root(T), 3, sorted),
+    Is = [arbo_tree:add(T, L, {int, N}) || N <- [1, 2, 3]],
+    [ok = arbo_tree:set_active(T, I, false) || I <- Is],
+    ?assertEqual({none, none, none, 0}, {arbo_tree:last_child(T, L), arbo_tree:prev_sibling(T, lists:last(Is)),
+                                         arbo_tree:first_child(T, L), arbo_tree:num_children(T, L)}),
+    ok = arbo_tree:close(T).
+
+%% Instances 1..5 under the root's list tagged by its order; 1, 3 and 5
+%% inactive.
+inactive_list(T, Order) ->
+    L = arbo_tree:add_list(T, arbo_tree:root(T), tag(Order), Order),
+    Is = [arbo_tree:add(T, L, {int, N}) || N <- lists:seq(1, 5)],
+    [ok = arbo_tree:set_active(T, I, false) || {N, I} <- lists:zip(lists:seq(1, 5), Is), N rem 2 =:= 1],
+    {L, Is}.
+
+tag(user_order) -> 1;
+tag(sorted) -> 2.
+
+same(A, B) when is_list(A), is_list(B) -> length(A) =:= length(B) andalso lists:all(fun({X, Y}) -> same(X, Y) end, lists:zip(A, B));
+same(none, none) -> true;
+same(A, B) when is_integer(A) -> A =:= B;
+same(A, B) when is_tuple(A), is_tuple(B) -> arbo_tree:is_same(A, B);
+same(_, _) -> false.
+
+%% Which calls move the epoch, as the module documentation says.
+epoch_moves_test() ->
+    T = arbo_tree:new(),
+    R = fun() -> arbo_tree:root(T) end,
+    F = scratch_file("epoch"),
+    Calls = [{add_leaf, false, fun() -> arbo_tree:add_leaf(T, R(), {3, 3}) end},
+             {add_list, false, fun() -> arbo_tree:add_list(T, R(), 1, user_order) end},
+             {add, false, fun() -> [arbo_tree:add(T, arbo_tree:find(T, R(), 1), {int, N}) || N <- [1, 2]] end},
+             {set_value, false, fun() -> arbo_tree:set_value(T, arbo_tree:find(T, R(), {3, 3}), <<"v">>) end},
+             {set_flags, false, fun() -> arbo_tree:set_flags(T, R(), 7) end},
+             {set_attr, false, fun() -> arbo_tree:set_attr(T, R(), 1, {bool, true}) end},
+             {move_to, false, fun() -> arbo_tree:move_to(T, arbo_tree:lookup(T, [1, {int, 2}]), 0) end},
+             {rename_ns, false, fun() -> arbo_tree:rename_ns(T, arbo_tree:find(T, R(), {3, 3}), 4) end},
+             {delete_nothing, false, fun() -> arbo_tree:delete(T, R(), 99) end},
+             {save, false, fun() -> arbo_tree:save(T, F) end},
+             {rename, true, fun() -> arbo_tree:rename(T, arbo_tree:lookup(T, [1, {int, 2}]), {int, 3}) end},
+             {delete, true, fun() -> arbo_tree:delete(T, arbo_tree:lookup(T, [1, {int, 3}])) end},
+             {delete_key, true, fun() -> arbo_tree:delete(T, R(), {4, 3}) end},
+             {load, true, fun() -> arbo_tree:load(T, F) end},
+             {delete_ns, true, fun() -> arbo_tree:delete_ns(T, R(), 4) end},
+             {clear, true, fun() -> arbo_tree:clear(T) end}],
+    Epoch = fun() -> maps:get(epoch, arbo_tree:info(T)) end,
+    Wrong = [{Name, Moves} || {Name, Moves, Call} <- Calls,
+                              E0 <- [Epoch()], _ <- [Call()], (Epoch() =/= E0) =/= Moves],
+    file:delete(F),
+    ?assertEqual([], Wrong),
+    ok = arbo_tree:close(T).
+
+%% After close/1 returns, every call raises arbo_closed, whoever makes it
+%% and through whichever handle; closing again is ok from anywhere.
+closed_for_everyone_test() ->
+    T = arbo_tree:new(),
+    N = arbo_tree:add_leaf(T, arbo_tree:root(T), 1),
+    Self = self(),
+    Reader = spawn(fun() -> A = arbo_tree:attach(T), _ = arbo_tree:value(A, N), Self ! ready,
+                            receive go -> Self ! {self(), calls(A, N)} end end),
+    Known = spawn(fun() -> _ = arbo_tree:value(T, N), Self ! ready,
+                           receive go -> Self ! {self(), calls(T, N)} end end),
+    [receive ready -> ok end || _ <- [1, 2]],
+    ok = arbo_tree:close(T),
+    Fresh = spawn(fun() -> Self ! {self(), calls(T, N)} end),
+    [P ! go || P <- [Reader, Known]],
+    Answers = [calls(T, N), calls(arbo_tree:read_only(T), N)
+               | [receive {P, A} -> A after 5000 -> timeout end || P <- [Reader, Known, Fresh]]],
+    ?assertEqual([], [A || As <- Answers, A <- As, A =/= closed]),
+    ?assertEqual(ok, arbo_tree:close(T)).
+
+calls(T, N) ->
+    Ro = case T of {_, _, _, {_, {read_only, _}, _, _}} -> true; _ -> false end,
+    [try F(), returned
+     catch error:{arbo_closed, _} -> closed;
+           error:{read_only, _} when Ro -> closed;
+           C:E -> {C, E}
+     end
+     || F <- [fun() -> arbo_tree:root(T) end, fun() -> arbo_tree:value(T, N) end,
+              fun() -> arbo_tree:find(T, N, 1) end, fun() -> arbo_tree:info(T) end,
+              fun() -> arbo_tree:set_value(T, N, <<"x">>) end, fun() -> arbo_tree:delete(T, N) end,
+              fun() -> arbo_tree:clear(T) end, fun() -> arbo_tree:children(T, N) end,
+              fun() -> arbo_tree:save(T, scratch_file("closed")) end,
+              fun() -> arbo_tree:reading(T, fun(Rd) -> arbo_tree:root(Rd) end) end]]
+        ++ [case arbo_tree:close(T) of ok -> closed; X -> X end || not Ro].
+
+%% A keeper killed: the tree is closed by the first call that needs it;
+%% nothing hangs.
+killed_keeper_test() ->
+    T = arbo_tree:new(),
+    N = arbo_tree:add_leaf(T, arbo_tree:root(T), 1),
+    {arbo, _, _, {arbo_gate, Keeper, _, _}} = T,
+    MRef = erlang:monitor(process, Keeper),
+    exit(Keeper, kill),
+    receive {'DOWN', MRef, _, _, _} -> ok end,
+    ?assertError({arbo_closed, _}, arbo_tree:delete(T, N)),
+    ?assertEqual([], [A || A <- calls(T, N), A =/= closed]).
+
+%% A keeper killed in the middle of a write (here a load it runs) leaves
+%% no reader waiting for ever: they answer arbo_closed.
+keeper_killed_inside_write_test_() ->
+    {timeout, 60, fun() ->
+        T = arbo_tree:new(),
+        L = arbo_tree:add_list(T, arbo_tree:root(T), 1, sorted),
+        [arbo_tree:add(T, L, {int, N}) || N <- lists:seq(1, 200000)],
+        F = scratch_file("keeper_write"),
+        ok = arbo_tree:save(T, F),
+        R = arbo_tree:root(T),
+        {arbo, _, _, {arbo_gate, Keeper, _, _}} = T,
+        Self = self(),
+        %% a reader with its word registered, which the writer bit reaches
+        Reader = spawn(fun() -> A = arbo_tree:attach(T), arbo_tree:root(A),
+                                receive go -> Self ! {self(), catch arbo_tree:num_children(A, R)} end end),
+        spawn(fun() -> catch arbo_tree:load(T, F) end),
+        %% the keeper is inside the load once the writer bit shows
+        {arbo, _, _, {arbo_gate, _, _, Word}} = T,
+        Inside = fun Wait() -> atomics:get(Word, 1) band (1 bsl 22) =/= 0 orelse (erlang:yield() =:= true andalso Wait()) end,
+        Inside(),
+        exit(Keeper, kill),
+        Reader ! go,
+        Got = receive {Reader, G} -> G after 20000 -> stuck end,
+        file:delete(F),
+        ?assertMatch({'EXIT', {{arbo_closed, _}, _}}, Got)
+    end}.
+
+%% Options that are not a list, and unknown or misspelled ones, are badarg.
+options_test() ->
+    T = arbo_tree:new(),
+    F = scratch_file("opts"),
+    ok = arbo_tree:save(T, F),
+    Cases = [{options, fun() -> arbo_tree:new(hide_inactive) end},
+             {option, fun() -> arbo_tree:new([hide_inactiv]) end},
+             {options, fun() -> arbo_tree:save(T, F, skip_flags) end},
+             {option, fun() -> arbo_tree:save(T, F, [{skipflags, 1}]) end},
+             {option, fun() -> arbo_tree:save(T, F, [skip_flags]) end},
+             {options, fun() -> arbo_tree:load(T, F, #{checkpoint => 1}) end},
+             {option, fun() -> arbo_tree:load(T, F, [{progres, self()}]) end},
+             {option, fun() -> arbo_tree:load(T, F, [capture]) end},
+             {options, fun() -> arbo_file:load(T, F, {capture, true}) end}],
+    Wrong = [{What, Got} || {What, Call} <- Cases,
+                            Got <- [try Call() catch error:{badarg, {W, _}} -> W end], Got =/= What],
+    file:delete(F),
+    ?assertEqual([], Wrong),
+    ok = arbo_tree:close(T).
+
+%% ---- files that are not files ----------------------------------------------------
+
+%% A FIFO (whose open would block), a device (which never ends), a file that
+%% says it is empty and is not: prompt errors, nothing loaded.
+not_files_test() ->
+    Fifo = scratch_file("fifo"),
+    file:delete(Fifo),
+    "" = os:cmd("mkfifo " ++ Fifo),
+    T = arbo_tree:new(),
+    Cases = [{Fifo, not_regular}, {"/dev/zero", not_regular}, {"/dev/null", not_regular}, {"/tmp", not_regular},
+             {"/proc/self/status", changed}],
+    Answers = [{P, timer:tc(fun() -> {arbo_file:verify(P), arbo_tree:load(T, P)} end)} || {P, _} <- Cases],
+    file:delete(Fifo),
+    ?assertEqual([], [{P, A} || {{P, Why}, {P, {Us, A}}} <- lists:zip(Cases, Answers),
+                                A =/= {{error, {Why, 0}}, {error, {Why, 0}}} orelse Us > 1000000]),
+    ?assertEqual(0, maps:get(size, arbo_tree:info(T))),
+    ok = arbo_tree:close(T).
+
+%% ---- processes killed, callbacks that misbehave, many trees ---------------------
+
+%% Callers killed at random moments of their loads and saves leave no
+%% temporary file, no helper process, and the tree takes a writer.
+killed_callers_test_() ->
+    {timeout, 120, fun() ->
+        Dir = scratch_file("killed"),
+        os:cmd("rm -rf " ++ Dir ++ "; mkdir -p " ++ Dir),
+        Old = os:getenv("TMPDIR"),
+        os:putenv("TMPDIR", Dir),
+        try killed_callers(Dir)
+        after
+            case Old of false -> os:unsetenv("TMPDIR"); _ -> os:putenv("TMPDIR", Old) end,
+            os:cmd("rm -rf " ++ Dir)
+        end
+    end}.
+
+killed_callers(Dir) ->
+    File = filename:join(Dir, "big"),
+    T = arbo_tree:new(),
+    L = arbo_tree:add_list(T, arbo_tree:root(T), 1, sorted),
+    [ok = arbo_tree:set_value(T, arbo_tree:add(T, L, {int, N}), <<N:32>>) || N <- lists:seq(1, 100000)],
+    ok = arbo_tree:save(T, File),
+    {LoadUs, {ok, _}} = timer:tc(arbo_tree, load, [T, File]),
+    {SaveUs, ok} = timer:tc(arbo_tree, save, [T, File]),
+    Procs = erlang:system_info(process_count),
+    Kill = fun(Call, Us, I) ->
+                   {Pid, MRef} = spawn_monitor(Call),
+                   timer:sleep(I * Us div 8000),
+                   exit(Pid, kill),
+                   receive {'DOWN', MRef, _, _, _} -> ok end
+           end,
+    [Kill(fun() -> arbo_tree:load(T, File) end, LoadUs, I) || I <- lists:seq(0, 9)],
+    [Kill(fun() -> arbo_tree:save(T, File) end, SaveUs, I) || I <- lists:seq(0, 9)],
+    %% the helpers finish the loads of the dead callers, then go with
+    %% their copies; a writer gets in
+    ?assertEqual(ok, arbo_tree:clear(T)),
+    Clean = fun Wait(Ms) ->
+                    Now = {lists:sort(element(2, file:list_dir(Dir))), erlang:system_info(process_count)},
+                    if Now =:= {["big"], Procs}; Ms =< 0 -> Now;
+                       true -> timer:sleep(20), Wait(Ms - 20)
+                    end
+            end,
+    ?assertEqual({["big"], Procs}, Clean(30000)),
+    ?assertMatch({ok, #{nodes := 100001}}, arbo_tree:load(T, File)),
+    ok = arbo_tree:close(T).
+
+%% Callbacks that raise, exit, throw or block leave the gate free: a writer
+%% in another process gets through at once.
+callbacks_test() ->
+    T = arbo_tree:new(),
+    R = arbo_tree:root(T),
+    [arbo_tree:add_leaf(T, R, N) || N <- lists:seq(1, 100)],
+    Bad = [fun(_) -> error(boom) end, fun(_) -> exit(boom) end, fun(_) -> throw(boom) end],
+    Outcomes = [{How, catch Call(), writer(T)}
+                || F <- Bad,
+                   {How, Call} <- [{fold, fun() -> arbo_tree:fold(T, R, all, fun(C, A) -> F(C), A end, 0) end},
+                                   {reading, fun() -> arbo_tree:reading(T, F) end}]],
+    ?assertEqual([], [O || {_, _, W} = O <- Outcomes, not is_boolean(W)]),
+    %% a fold whose callback blocks holds no gate
+    Self = self(),
+    Blocked = spawn(fun() -> arbo_tree:fold(T, arbo_tree:root(T), all,
+                                            fun(_, A) -> Self ! blocked, receive never -> A end end, 0) end),
+    receive blocked -> ok end,
+    ?assertEqual(false, writer(T)),
+    exit(Blocked, kill),
+    ok = arbo_tree:close(T).
+
+%% A deletion in another process: its answer, or stuck after 2 s.
+writer(T) ->
+    Self = self(),
+    {Pid, MRef} = spawn_monitor(fun() -> Self ! {self(), arbo_tree:delete(T, arbo_tree:root(T), 1)} end),
+    Got = receive {Pid, G} -> G after 2000 -> exit(Pid, kill), stuck end,
+    receive {'DOWN', MRef, _, _, _} -> Got end.
+
+%% A process that reads thousands of trees other processes create and close
+%% keeps no dictionary entry of a closed one.
+many_trees_test_() ->
+    {timeout, 60, fun() ->
+        Self = self(),
+        Dict0 = length(get()),
+        Procs = erlang:system_info(process_count),
+        lists:foreach(fun(_) ->
+            Owner = spawn(fun() -> Self ! {tree, self(), arbo_tree:new()},
+                                   receive close -> ok end end),
+            receive {tree, Owner, T} -> ok end,
+            arbo_tree:root(T),
+            MRef = erlang:monitor(process, Owner),
+            Owner ! close,
+            receive {'DOWN', MRef, _, _, _} -> ok end
+        end, lists:seq(1, 3000)),
+        timer:sleep(50),
+        ?assert(length(get()) - Dict0 < 3),
+        ?assert(erlang:system_info(process_count) - Procs < 3)
+    end}.
+
+%% ---- the VM-wide table of wide flag values ------------------------------------
+
+%% It never shrinks and counts with 16 bits: wide values are refused with
+%% flags_table_full once it holds 30,000 distinct ones, by set_flags, add_flags,
+%% clear_flags and load alike; narrow values are always taken. In a child
+%% VM: the table is the VM's.
+wide_flags_test_() ->
+    {timeout, 300, fun() ->
+        Args = lists:append([["-pa", filename:absname(filename:dirname(code:which(M)))] || M <- [?MODULE, arbo_tree]]),
+        Peer = element(2, peer:start(#{connection => standard_io, args => Args})),
+        R = try peer:call(Peer, ?MODULE, wide_flags, [], 280000) catch C:E -> {child_vm_failed, C, E}
+            after catch peer:stop(Peer)
+            end,
+        ?assertEqual({30000, refused, refused, refused, refused, ok, ok, {error, flags_table_full}, 30000}, R)
+    end}.
+
+wide_flags() ->
+    T = arbo_tree:new(),
+    N = arbo_tree:add_leaf(T, arbo_tree:root(T), 1),
+    F = scratch_file("wide"),
+    %% a file with one wide value not in the table yet
+    ok = arbo_tree:set_flags(T, N, 16#7000000000),
+    ok = arbo_tree:save(T, F),
+    Fill = fun Loop(V) ->
+                   case arbo_tree:set_flags(T, N, V) of
+                       ok -> Loop(V + 1);
+                       {error, flags_table_full} -> ok
+                   end
+           end,
+    Fill(16#400000),
+    Used = fun() -> [_, {8, Cap, Free}] = arbo:alloc_info(), Cap - Free end,
+    Refused = fun(Call) -> case Call() of {error, flags_table_full} -> refused; X -> X end end,
+    R = {Used(),
+         Refused(fun() -> arbo_tree:set_flags(T, N, 16#400000) end),  % one already there too
+         Refused(fun() -> arbo_tree:set_flags(T, N, 1 bsl 40) end),
+         Refused(fun() -> arbo_tree:add_flags(T, N, 1 bsl 41) end),
+         Refused(fun() -> arbo_tree:clear_flags(T, arbo_tree:root(T), 0) =:= ok andalso
+                              arbo_tree:clear_flags(T, N, 1) end),
+         arbo_tree:set_flags(T, N, 16#3fffff),                          % narrow
+         arbo_tree:clear_flags(T, N, 16#3fffff),
+         arbo_tree:load(T, F),
+         Used()},
+    file:delete(F),
+    R.

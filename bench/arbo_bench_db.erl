@@ -1,0 +1,210 @@
+%% Durable stores (arbo_db) against mnesia (a disc_copies table, writes in
+%% mnesia:transaction and mnesia:sync_transaction) and DETS, all on the
+%% same disk in the same run, and against the disk's own rate of small
+%% appends each followed by fdatasync (median of 7 turns, taken alternately
+%% with the store's).
+%%
+%% A single-operation commit sets the value of an existing instance of a
+%% sorted list (arbo) or writes {kv, Key, Value} (mnesia, DETS), with a
+%% 16-byte value. mnesia does not sync its log per transaction and DETS
+%% only on dets:sync/1: the DETS row with a sync per insert is the durable
+%% peer. The open row builds a snapshot of N instances and a journal of N
+%% value changes after it (N = 1,000,000, or 100,000 with
+%% ARBO_BENCH_QUICK=1) and counts the journal's operations replayed per
+%% second: (open time - open time of the snapshot alone) / N.
+-module(arbo_bench_db).
+-export([rows/0]).
+
+-define(VALUE(K), <<"value:", K:80>>).
+
+rows() ->
+    Quick = arbo_bench:quick(),
+    Scale = case Quick of true -> 10; false -> 1 end,
+    Dir = filename:join("/tmp", "arbo_bench_db_" ++ os:getpid()),
+    os:cmd("rm -rf '" ++ Dir ++ "'"),
+    ok = filelib:ensure_dir(filename:join(Dir, "x")),
+    try measure(Dir, Scale, Quick)
+    after
+        _ = mnesia:stop(),
+        os:cmd("rm -rf '" ++ Dir ++ "'")
+    end.
+
+measure(Dir, Scale, Quick) ->
+    Keys = 10000,
+    %% arbo, sync => always, in turns with the disk's own rate: the disk of
+    %% a shared machine changes speed, the two sides see the same changes
+    Always = store(Dir, db_bench_always, #{sync => always}, Keys),
+    {ok, Fd} = file:open(filename:join(Dir, "fsync"), [raw, binary, append]),
+    [Ones, Fsyncs] =
+        arbo_bench:turns(7, [fun() -> rate(300 div Scale, fun(I) ->
+                                                                  {ok, _} = arbo_db:commit(Always, [set(I, Keys)])
+                                                          end) end,
+                             fun() -> rate(300 div Scale, fun(_) ->
+                                                                  ok = file:write(Fd, <<0:320>>),
+                                                                  ok = file:datasync(Fd)
+                                                          end) end]),
+    ok = file:close(Fd),
+    {One, Fsync} = {arbo_bench:median(Ones), arbo_bench:median(Fsyncs)},
+    Sixteen = parallel(16, 400 div Scale, fun(W, I) ->
+                                               {ok, _} = arbo_db:commit(Always, [set(W * 997 + I, Keys)])
+                                           end),
+    ok = arbo_db:close(Always),
+    %% arbo, {interval, 1000}
+    Interval = store(Dir, db_bench_interval, #{sync => {interval, 1000}}, Keys),
+    Single = best(3, fun() -> rate(50000 div Scale, fun(I) ->
+                                                             {ok, _} = arbo_db:commit(Interval, [set(I, Keys)])
+                                                     end) end),
+    #{journal_bytes := J0} = arbo_db:info(Interval),
+    ok = sets(Interval, 10000, Keys),
+    #{journal_bytes := J1} = arbo_db:info(Interval),
+    BytesPerOp = (J1 - J0) / 10000,
+    Batch = best(3, fun() -> batch_rate(Interval, 1000, 100 div Scale, Keys) end),
+    ok = arbo_db:close(Interval),
+    %% mnesia and DETS
+    {MnTrans, MnSync, Mn16, MnBatch, MnBytes} = mnesia_rates(Dir, Scale, Keys),
+    {Dets, DetsSync} = dets_rates(Dir, Scale, Keys),
+    %% opening a snapshot and a journal
+    N = 1000000 div Scale,
+    {OpenMs, SnapMs, NewMs, EmptyMs} = open_times(Dir, N),
+    Replay = N / max(1, OpenMs - SnapMs) * 1000,
+    ReplayNew = 2 * N / max(1, NewMs - EmptyMs) * 1000,
+    Label = integer_to_list(N div 1000) ++ "k",
+    [#{row => "commits/s, 1 committer, sync => always", arbo => One, peer => Fsync,
+       unit => "/s", peer_name => "write + fdatasync", target => "arbo/peer >= 0.8"},
+     #{row => "commits/s, 1 committer, sync => always", arbo => One, peer => DetsSync,
+       unit => "/s", peer_name => "dets:insert + dets:sync", target => "-"},
+     #{row => "commits/s, 16 committers, sync => always", arbo => Sixteen, peer => One,
+       unit => "/s", peer_name => "arbo_db, 1 committer", target => "arbo/peer >= 5"},
+     #{row => "commits/s, 16 committers, sync => always", arbo => Sixteen, peer => Mn16,
+       unit => "/s", peer_name => "mnesia:transaction x16", target => "-"},
+     #{row => "1-op commits/s, 1 committer, {interval, 1000}", arbo => Single, peer => MnTrans,
+       unit => "/s", peer_name => "mnesia:transaction", target => "arbo/peer >= 10"},
+     #{row => "1-op commits/s, 1 committer, {interval, 1000}", arbo => Single, peer => MnSync,
+       unit => "/s", peer_name => "mnesia:sync_transaction", target => "-"},
+     #{row => "1-op commits/s, 1 committer, {interval, 1000}", arbo => Single, peer => Dets,
+       unit => "/s", peer_name => "dets:insert", target => "-"},
+     #{row => "ops/s in 1,000-op commits, {interval, 1000}", arbo => Batch, peer => MnBatch,
+       unit => "ops/s", peer_name => "mnesia:transaction, 1,000 writes", target => "arbo >= 1000000"},
+     #{row => "journal bytes per 1-op commit (16-byte value)", arbo => BytesPerOp, peer => MnBytes,
+       unit => "bytes", peer_name => "mnesia LATEST.LOG", target => "-"},
+     #{row => "open: " ++ Label ++ "-instance snapshot + " ++ Label ++ "-op journal", arbo => OpenMs,
+       peer => SnapMs, unit => "ms", peer_name => "arbo_db, snapshot alone", target => "-"},
+     #{row => "journal ops replayed/s at open (value changes)", arbo => Replay, peer => none,
+       unit => "ops/s", peer_name => "-", target => "arbo >= 1000000"},
+     #{row => "journal ops replayed/s at open (" ++ Label ++ " new instances, each with a value)",
+       arbo => ReplayNew, peer => none, unit => "ops/s", peer_name => "-", target => "arbo >= 1000000"}]
+        ++ [#{row => "(quick run: figures at a tenth of the scale)", arbo => none, peer => none}
+            || Quick].
+
+set(I, Keys) -> K = I rem Keys + 1, {set, [1, K], ?VALUE(K)}.
+
+%% A store with a sorted list of Keys instances.
+store(Dir, Name, Opts, Keys) ->
+    {ok, Db} = arbo_db:open(Name, Opts#{dir => filename:join(Dir, atom_to_list(Name))}),
+    {ok, _} = arbo_db:commit(Db, [{list, [1], sorted} | [{instance, [1], K} || K <- lists:seq(1, Keys)]]),
+    Db.
+
+sets(Db, N, Keys) ->
+    lists:foreach(fun(I) -> {ok, _} = arbo_db:commit(Db, [set(I, Keys)]) end, lists:seq(1, N)).
+
+%% Operations per second of Fun(I) for I in 1..N, one after another.
+rate(N, Fun) ->
+    T0 = erlang:monotonic_time(microsecond),
+    lists:foreach(Fun, lists:seq(1, N)),
+    N / max(1, erlang:monotonic_time(microsecond) - T0) * 1000000.
+
+best(Runs, Fun) -> lists:max([Fun() || _ <- lists:seq(1, Runs)]).
+
+%% Operations per second of Workers processes each calling Fun(W, I) N times.
+parallel(Workers, N, Fun) ->
+    Self = self(),
+    T0 = erlang:monotonic_time(microsecond),
+    Pids = [spawn_link(fun() -> [Fun(W, I) || I <- lists:seq(1, N)], Self ! {done, self()} end)
+            || W <- lists:seq(1, Workers)],
+    [receive {done, P} -> ok end || P <- Pids],
+    Workers * N / max(1, erlang:monotonic_time(microsecond) - T0) * 1000000.
+
+batch_rate(Db, Size, Batches, Keys) ->
+    Bs = [[set(B * Size + I, Keys) || I <- lists:seq(1, Size)] || B <- lists:seq(1, Batches)],
+    T0 = erlang:monotonic_time(microsecond),
+    [{ok, _} = arbo_db:commit(Db, B) || B <- Bs],
+    Size * Batches / max(1, erlang:monotonic_time(microsecond) - T0) * 1000000.
+
+mnesia_rates(Dir, Scale, Keys) ->
+    MDir = filename:join(Dir, "mnesia"),
+    ok = application:set_env(mnesia, dir, MDir),
+    %% the log grows between dumps: bytes per transaction can be read off it
+    ok = application:set_env(mnesia, dump_log_write_threshold, 1000000),
+    ok = mnesia:create_schema([node()]),
+    ok = mnesia:start(),
+    {atomic, ok} = mnesia:create_table(kv, [{disc_copies, [node()]}]),
+    W = fun(I) -> K = I rem Keys + 1, mnesia:write({kv, K, ?VALUE(K)}) end,
+    lists:foreach(fun(K) -> {atomic, ok} = mnesia:transaction(fun() -> W(K) end) end,
+                  lists:seq(1, Keys)),
+    Log = filename:join(MDir, "LATEST.LOG"),
+    L0 = filelib:file_size(Log),
+    Trans = best(3, fun() -> rate(50000 div Scale, fun(I) -> {atomic, ok} = mnesia:transaction(fun() -> W(I) end) end) end),
+    L1 = filelib:file_size(Log),
+    Count = 3 * (50000 div Scale),
+    Sync = best(3, fun() -> rate(50000 div Scale, fun(I) -> {atomic, ok} = mnesia:sync_transaction(fun() -> W(I) end) end) end),
+    P16 = parallel(16, 2000 div Scale, fun(Wk, I) -> {atomic, ok} = mnesia:transaction(fun() -> W(Wk * 997 + I) end) end),
+    Batch = best(3, fun() ->
+                            T0 = erlang:monotonic_time(microsecond),
+                            [{atomic, _} = mnesia:transaction(fun() -> [W(B * 1000 + I) || I <- lists:seq(1, 1000)] end)
+                             || B <- lists:seq(1, 100 div Scale)],
+                            1000 * (100 div Scale) / max(1, erlang:monotonic_time(microsecond) - T0) * 1000000
+                    end),
+    stopped = mnesia:stop(),
+    {Trans, Sync, P16, Batch, (L1 - L0) / Count}.
+
+dets_rates(Dir, Scale, Keys) ->
+    {ok, T} = dets:open_file(arbo_bench_dets, [{file, filename:join(Dir, "kv.dets")}]),
+    Ins = fun(I) -> K = I rem Keys + 1, ok = dets:insert(T, {K, ?VALUE(K)}) end,
+    Plain = best(3, fun() -> rate(20000 div Scale, Ins) end),
+    Synced = rate(500 div Scale, fun(I) -> Ins(I), ok = dets:sync(T) end),
+    ok = dets:close(T),
+    {Plain, Synced}.
+
+%% Open times of a store holding an N-instance snapshot and an N-op journal
+%% of value changes after it, and of the same store once compacted (the
+%% snapshot alone); of a store whose journal makes N instances with values
+%% (2 N operations), and of the same store with that journal empty.
+open_times(Dir, N) ->
+    Path = filename:join(Dir, "open"),
+    Opts = #{dir => Path, sync => none, compact_bytes => 1 bsl 40},
+    {ok, Db} = arbo_db:open(db_bench_open, Opts),
+    {ok, _} = arbo_db:commit(Db, [{list, [1], sorted}]),
+    ok = arbo_db:snapshot(Db),
+    ok = arbo_db:close(Db),
+    Empty = best_open(Opts, 3, 0),
+    {ok, Db1} = arbo_db:open(db_bench_open, Opts),
+    Chunks = N div 1000,
+    [{ok, _} = arbo_db:commit(Db1, lists:append([[{instance, [1], C * 1000 + I},
+                                                  {set, [1, C * 1000 + I], ?VALUE(I)}]
+                                                 || I <- lists:seq(1, 1000)]))
+     || C <- lists:seq(0, Chunks - 1)],
+    ok = arbo_db:close(Db1),
+    New = best_open(Opts, 3, N),
+    {ok, Db3} = arbo_db:open(db_bench_open, Opts),
+    ok = arbo_db:snapshot(Db3),
+    [{ok, _} = arbo_db:commit(Db3, [{set, [1, C * 1000 + I], ?VALUE(I)} || I <- lists:seq(1, 1000)])
+     || C <- lists:seq(0, Chunks - 1)],
+    ok = arbo_db:close(Db3),
+    Full = best_open(Opts, 3, N),
+    {ok, Db2} = arbo_db:open(db_bench_open, Opts),
+    ok = arbo_db:snapshot(Db2),
+    ok = arbo_db:close(Db2),
+    Snap = best_open(Opts, 3, N),
+    {Full, Snap, New, Empty}.
+
+best_open(Opts, Runs, N) ->
+    lists:min([begin
+                   erlang:garbage_collect(),
+                   T0 = erlang:monotonic_time(microsecond),
+                   {ok, Db} = arbo_db:open(db_bench_open, Opts),
+                   Ms = (erlang:monotonic_time(microsecond) - T0) / 1000,
+                   T = arbo_db:tree(Db),
+                   N = arbo_tree:num_children(T, arbo_tree:lookup(T, [1])),
+                   ok = arbo_db:close(Db),
+                   Ms
+               end || _ <- lists:seq(1, Runs)]).
