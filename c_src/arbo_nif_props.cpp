@@ -13,7 +13,7 @@ ARBO_NIF_FN(get_flags) {
   if (!get_node(env, argv[1], &node)) return ARBO_BADARG(env);
   TableGuard g(env, argv[0], Lock::kShared);
   if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
-  if (node->type() == 0) return ARBO_INVALID_TYPE(env);
+  if (type_invalid(node)) return ARBO_INVALID_TYPE(env);
   return enif_make_uint64(env, _arbo_nif_get_flags(env, node));
 }
 
@@ -40,7 +40,7 @@ ERL_NIF_TERM do_flag(ErlNifEnv* env, const ERL_NIF_TERM argv[], flag_op op) {
   if (!enif_get_uint64(env, argv[2], &mask)) return ARBO_BADARG(env);
   TableGuard g(env, argv[0], Lock::kExclusive);
   if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
-  if (node->type() == 0) return ARBO_INVALID_TYPE(env);
+  if (type_invalid(node)) return ARBO_INVALID_TYPE(env);
   return enif_make_uint64(env, op(env, node, mask));
 }
 
@@ -82,7 +82,7 @@ ARBO_NIF_FN(get_attr_root) {
   if (!get_node(env, argv[1], &node)) return ARBO_BADARG(env);
   TableGuard g(env, argv[0], Lock::kShared);
   if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
-  if (node->type() == 0) return ARBO_INVALID_TYPE(env);
+  if (type_invalid(node)) return ARBO_INVALID_TYPE(env);
   return make_node(env, node->attr);
 }
 
@@ -94,7 +94,7 @@ ARBO_NIF_FN(get_attr) {
   if (!enif_get_uint(env, argv[2], &attr)) return ARBO_BADARG(env);
   TableGuard g(env, argv[0], Lock::kShared);
   if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
-  if (node->type() == 0) return ARBO_INVALID_TYPE(env);
+  if (type_invalid(node)) return ARBO_INVALID_TYPE(env);
   return _arbo_nif_attr_fetch(node, attr, env);
 }
 
@@ -110,7 +110,7 @@ ARBO_NIF_FN(set_attr) {
   if (!enif_inspect_binary(env, argv[3], &bin)) return ARBO_BADARG(env);
   TableGuard g(env, argv[0], Lock::kExclusive);
   if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
-  if (node->type() == 0) return ARBO_INVALID_TYPE(env);
+  if (type_invalid(node)) return ARBO_INVALID_TYPE(env);
   store_ctx ctx{g.table(), env};
   return make_node(env, _arbo_nif_attr_set_with_gen(node, attr, bin.data, bin.size, &ctx));
 }
@@ -121,7 +121,7 @@ ARBO_NIF_FN(get_val_raw) {
   if (!get_node(env, argv[1], &node)) return ARBO_BADARG(env);
   TableGuard g(env, argv[0], Lock::kShared);
   if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
-  if (node->type() == 0) return ARBO_INVALID_TYPE(env);
+  if (type_invalid(node)) return ARBO_INVALID_TYPE(env);
   return _arbo_nif_fetch_value(node, env);
 }
 
@@ -136,11 +136,14 @@ ARBO_NIF_FN(set_val) {
   if (!enif_inspect_binary(env, argv[3], &bin)) return ARBO_BADARG(env);
   TableGuard g(env, argv[0], Lock::kExclusive);
   if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
-  if (node->type() == 0) return ARBO_INVALID_TYPE(env);
+  if (type_invalid(node)) return ARBO_INVALID_TYPE(env);
   store_ctx ctx{g.table(), env};
   (void)_arbo_nif_set_val(node, &ctx, bin.data, bin.size, static_cast<int>(kind));
   return am_ok;
 }
+
+// Nodes a dump may hold and still be written on a normal scheduler.
+constexpr uint32_t kPrintInline = 16;
 
 // The dump is written whatever the printer meets; a path it cannot open
 // leaves no file and still answers ok.
@@ -150,6 +153,9 @@ ARBO_NIF_FN(file_print) {
   if (!get_nul_path(env, argv[1], &path)) return ARBO_BADARG(env);
   TableGuard g(env, argv[0], Lock::kShared);
   if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
+  // Opening a file and every line written are I/O: beyond a tiny tree the
+  // dump is written from a dirty I/O scheduler.
+  if (on_normal_scheduler() && g.table()->size > kPrintInline) return continue_dirty(env, true);
   _arbo_nif_print_nodes(env, g.table(), path);
   return am_ok;
 }
