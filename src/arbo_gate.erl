@@ -43,8 +43,9 @@
 %% its stamp, its address and its parent's. {@link own/2} refuses one of
 %% another tree (`wrong_table'); a reader section refuses one whose stamp is
 %% not the epoch it entered at (`stale_node'), and so does {@link fresh/2}
-%% on the writer side. A reference is only ever made by {@link mk/4}, with
-%% the stamp of the section that found the node.
+%% on the writer side. A reference is made by {@link mk/4} with the stamp
+%% of the section that found the node (a walk's children take their
+%% parent's, the stamp their chunk was read under: arbo_tree_walk).
 %%
 %% The interface the tree API uses:
 %% <ul>
