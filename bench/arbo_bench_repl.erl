@@ -15,9 +15,14 @@
 %%   from the leader's journal (operations/s, from its open to the last
 %%   frame applied);
 %%   a follower with an empty directory taking the leader's snapshot of
-%%   those 1M instances (MB/s, the same span).
+%%   those 1M instances (MB/s, the same span);
+%%   first, the disk: 100-byte appends each followed by an fdatasync, by
+%%   one writer, then by one writer on each node at once (syncs/s each):
+%%   a commit under `sync => always' and `ack => one' or `majority' waits
+%%   for such a sync on the leader and on a follower, so a lone committer
+%%   cannot go faster than the second figure.
 -module(arbo_bench_repl).
--export([rows/0, commits/4, catch_up/3, count/0]).
+-export([rows/0, commits/4, catch_up/3, count/0, syncs/2]).
 
 -define(DB, arbo_bench_repl_db).
 
@@ -32,11 +37,12 @@ rows() ->
     try
         Nodes = [start(Root, X) || X <- ["a", "b", "c"]],
         Ns = [N || {_, N} <- Nodes],
+        Disk = disk_rows(Root, Ns),
         Mnesia = mnesia_runs(Ns, Seq, Par),
         Arbo = [{{Ack, Sync}, arbo_runs(Root, Ns, Ack, Sync, Seq, Par)}
                 || Sync <- [always, {interval, 1000}], Ack <- [one, majority]],
         CatchUp = catch_up(Root, Ns, Behind),
-        commit_rows(Arbo, Mnesia) ++ CatchUp
+        Disk ++ commit_rows(Arbo, Mnesia) ++ CatchUp
     after
         [catch peer:stop(P) || P <- get(arbo_bench_repl_nodes)],
         os:cmd("rm -rf '" ++ Root ++ "'")
@@ -133,6 +139,29 @@ commit_rows(Arbo, M) ->
             Row("commit latency p99", p99, "us", "-"),
             Row("commits/s, 16 committers", par_rate, "commits/s", Goal)]
        end || {{Ack, Sync}, A} <- Arbo]).
+
+%% ---- the disk ------------------------------------------------------------------------
+
+disk_rows(Root, [N1 | _] = Ns) ->
+    File = fun(N) -> filename:join([Root, atom_to_list(N), "syncs"]) end,
+    One = erpc:call(N1, ?MODULE, syncs, [File(N1), 2000], infinity),
+    All = [erpc:receive_response(Q, infinity)
+           || Q <- [erpc:send_request(N, ?MODULE, syncs, [File(N), 2000]) || N <- Ns]],
+    [#{row => "disk: 100-byte append + fdatasync, one writer", arbo => One, peer => "-",
+       unit => "syncs/s", target => "-"},
+     #{row => "disk: 100-byte append + fdatasync, a writer on each of the 3 nodes at once (each)",
+       arbo => lists:sum(All) / length(All), peer => "-", unit => "syncs/s", target => "-"}].
+
+%% Count appends of 100 bytes, each synced, to a new file: syncs/s.
+-spec syncs(file:filename(), pos_integer()) -> float().
+syncs(Path, Count) ->
+    {ok, Fd} = file:open(Path, [write, raw, binary]),
+    T0 = erlang:monotonic_time(microsecond),
+    [begin ok = file:write(Fd, <<0:800>>), ok = file:datasync(Fd) end || _ <- lists:seq(1, Count)],
+    T = (erlang:monotonic_time(microsecond) - T0) / 1.0e6,
+    ok = file:close(Fd),
+    ok = file:delete(Path),
+    Count / T.
 
 %% ---- catching up --------------------------------------------------------------------
 

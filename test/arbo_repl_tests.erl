@@ -370,9 +370,10 @@ leader_lost_frames() ->
         same(A1, C, S2),
         ?assertNot(has(B, 20)),
         ?assert(has(B, 104)),
-        %% A sync that fails on the leader after its followers had the frames.
+        %% A sync that fails on the leader after its followers had the
+        %% frames: a majority holds them, yet the commit is not acknowledged.
         ok = erpc:call(NA, arbo_db, close, [?NAME]),
-        open(Root, A1, #{replicas => [NB, NC], ack => none, fail_at => journal_sync}),
+        open(Root, A1, #{replicas => [NB, NC], ack => majority, fail_at => journal_sync}),
         following(A1, 2, 100),
         ?assertEqual({error, injected}, commit(A1, batch(200))),
         ?assertEqual({error, injected}, commit(A1, batch(201))),
