@@ -195,32 +195,21 @@ random_round_trip_test() ->
     ?assertEqual(true, proper:quickcheck(Prop, [{numtests, 150}, quiet]) orelse proper:counterexample()).
 
 build_op() ->
-    oneof([{list, range(1, 3), oneof([sorted, user_order, sorted_length_first])},
-           {inst, range(1, 3), oneof([{int, integer()}, {pair, range(1, 255), integer(-3, 3)},
-                                      {tuple, [{uint32, range(0, 5)}]}, {opaque, binary(2)}])},
-           {leaf, range(1, 3), oneof([range(0, 4), {range(1, 3), range(0, 4)}])},
-           {value, range(1, 3), oneof([binary(), {uint32, range(0, 100)}, {string, binary(3)}])},
-           {flags, range(1, 3), oneof([range(0, 16#3fffff), range(16#400000, 16#400003)])},
-           {attr, range(1, 3), range(1, 3), {bool, boolean()}},
-           {inactive, range(1, 3)},
-           {move, range(1, 3), integer(-1, 4)}]).
+    T = range(1, 3),
+    oneof([[add_list, T, oneof([sorted, user_order, sorted_length_first])],
+           [add, T, oneof([{int, integer()}, {pair, range(1, 255), integer(-3, 3)}, {tuple, [{uint32, range(0, 5)}]}, {opaque, binary(2)}])],
+           [add_leaf, T, oneof([range(0, 4), {range(1, 3), range(0, 4)}])],
+           [set_value, T, oneof([binary(), {uint32, range(0, 100)}, {string, binary(3)}])],
+           [set_flags, T, oneof([range(0, 16#3fffff), range(16#400000, 16#400003)])],
+           [set_attr, T, range(1, 3), {bool, boolean()}], [set_active, T, false], [move_to, T, integer(-1, 4)]]).
 
-%% Ops address the lists at the root by tag and their first instance.
-build(T, {list, Tag, Order}) -> catch arbo_tree:add_list(T, arbo_tree:root(T), Tag, Order);
-build(T, {inst, Tag, K}) -> on_list(T, Tag, fun(L) -> catch arbo_tree:add(T, L, K) end);
-build(T, {leaf, Tag, Name}) -> on_first(T, Tag, fun(I) -> catch arbo_tree:add_leaf(T, I, Name) end);
-build(T, {value, Tag, V}) -> on_first(T, Tag, fun(I) -> catch arbo_tree:set_value(T, I, V) end);
-build(T, {flags, Tag, F}) -> on_first(T, Tag, fun(I) -> arbo_tree:set_flags(T, I, F) end);
-build(T, {attr, Tag, Id, V}) -> on_first(T, Tag, fun(I) -> arbo_tree:set_attr(T, I, Id, V) end);
-build(T, {inactive, Tag}) -> on_first(T, Tag, fun(I) -> arbo_tree:set_active(T, I, false) end);
-build(T, {move, Tag, Pos}) ->
-    on_list(T, Tag, fun(L) -> case arbo_tree:type(T, L) of
-                                  {list, user_order} -> [arbo_tree:move_to(T, I, Pos) || I <- [arbo_tree:last_child(T, L)], I =/= none];
-                                  _ -> ok
-                              end end).
-
-on_list(T, Tag, F) -> [F(L) || L <- [arbo_tree:find(T, arbo_tree:root(T), Tag)], L =/= none].
-on_first(T, Tag, F) -> on_list(T, Tag, fun(L) -> [F(I) || I <- [arbo_tree:first_child(T, L)], I =/= none] end).
+%% An op names the function and the list at the root by its tag: add acts on
+%% the list, move_to on its last instance, the others on its first.
+build(T, [add_list, Tag, Order]) -> catch arbo_tree:add_list(T, arbo_tree:root(T), Tag, Order);
+build(T, [F, Tag | Args]) ->
+    L = arbo_tree:find(T, arbo_tree:root(T), Tag),
+    At = if L =:= none -> none; F =:= add -> L; F =:= move_to -> arbo_tree:last_child(T, L); true -> arbo_tree:first_child(T, L) end,
+    At =/= none andalso catch apply(arbo_tree, F, [T, At | Args]).
 
 %% A load that stops before the end of the file is an error naming the
 %% record it stopped at (the records before it stay applied), never `ok'.
@@ -295,7 +284,7 @@ hide_inactive_test() ->
                                       {select, arbo_tree:select(T, L, all), [I2, I4]},
                                       {fold, arbo_tree:fold(T, L, all, fun(C, A) -> [C | A] end, []), [I4, I2]},
                                       {child_index, [arbo_tree:child_index(T, I) || I <- [I2, I4, I5]], [2, 4, 5]}],
-                not same(Got, Want)],
+                Got =/= Want],
     ?assertEqual([], Wrong),
     %% every instance inactive: nothing to step to from either end
     L = arbo_tree:add_list(T, arbo_tree:root(T), 3, sorted),
@@ -314,12 +303,6 @@ inactive_list(T, Order) ->
 
 tag(user_order) -> 1;
 tag(sorted) -> 2.
-
-same(A, B) when is_list(A), is_list(B) -> length(A) =:= length(B) andalso lists:all(fun({X, Y}) -> same(X, Y) end, lists:zip(A, B));
-same(none, none) -> true;
-same(A, B) when is_integer(A) -> A =:= B;
-same(A, B) when is_tuple(A), is_tuple(B) -> arbo_tree:is_same(A, B);
-same(_, _) -> false.
 
 %% Which calls move the epoch, as the module documentation says.
 epoch_moves_test() ->
@@ -365,17 +348,13 @@ closed_for_everyone_test() ->
 
 calls(T, N) ->
     Ro = case T of {_, _, _, {_, {read_only, _}, _, _}} -> true; _ -> false end,
-    [try F(), returned
+    [try apply(arbo_tree, F, [T | A]), returned
      catch error:{arbo_closed, _} -> closed;
            error:{read_only, _} when Ro -> closed;
            C:E -> {C, E}
      end
-     || F <- [fun() -> arbo_tree:root(T) end, fun() -> arbo_tree:value(T, N) end,
-              fun() -> arbo_tree:find(T, N, 1) end, fun() -> arbo_tree:info(T) end,
-              fun() -> arbo_tree:set_value(T, N, <<"x">>) end, fun() -> arbo_tree:delete(T, N) end,
-              fun() -> arbo_tree:clear(T) end, fun() -> arbo_tree:children(T, N) end,
-              fun() -> arbo_tree:save(T, scratch_file("closed")) end,
-              fun() -> arbo_tree:reading(T, fun(Rd) -> arbo_tree:root(Rd) end) end]]
+     || {F, A} <- [{root, []}, {value, [N]}, {find, [N, 1]}, {info, []}, {set_value, [N, <<"x">>]}, {delete, [N]}, {clear, []},
+                   {children, [N]}, {save, [scratch_file("closed")]}, {reading, [fun(Rd) -> arbo_tree:root(Rd) end]}]]
         ++ [case arbo_tree:close(T) of ok -> closed; X -> X end || not Ro].
 
 %% A keeper killed: the tree is closed by the first call that needs it;
@@ -396,19 +375,16 @@ keeper_killed_inside_write_test_() ->
         T = arbo_tree:new(),
         L = arbo_tree:add_list(T, arbo_tree:root(T), 1, sorted),
         [arbo_tree:add(T, L, {int, N}) || N <- lists:seq(1, 200000)],
-        F = scratch_file("keeper_write"),
-        ok = arbo_tree:save(T, F),
+        ok = arbo_tree:save(T, F = scratch_file("keeper_write")),
         R = arbo_tree:root(T),
-        {arbo, _, _, {arbo_gate, Keeper, _, _}} = T,
+        {arbo, _, _, {arbo_gate, Keeper, _, Word}} = T,
         Self = self(),
         %% a reader with its word registered, which the writer bit reaches
         Reader = spawn(fun() -> A = arbo_tree:attach(T), arbo_tree:root(A),
                                 receive go -> Self ! {self(), catch arbo_tree:num_children(A, R)} end end),
         spawn(fun() -> catch arbo_tree:load(T, F) end),
         %% the keeper is inside the load once the writer bit shows
-        {arbo, _, _, {arbo_gate, _, _, Word}} = T,
-        Inside = fun Wait() -> atomics:get(Word, 1) band (1 bsl 22) =/= 0 orelse (erlang:yield() =:= true andalso Wait()) end,
-        Inside(),
+        (fun Wait() -> atomics:get(Word, 1) band (1 bsl 22) =/= 0 orelse (erlang:yield() =:= true andalso Wait()) end)(),
         exit(Keeper, kill),
         Reader ! go,
         Got = receive {Reader, G} -> G after 20000 -> stuck end,
@@ -524,18 +500,14 @@ many_trees_test_() ->
         Self = self(),
         Dict0 = length(get()),
         Procs = erlang:system_info(process_count),
-        lists:foreach(fun(_) ->
-            Owner = spawn(fun() -> Self ! {tree, self(), arbo_tree:new()},
-                                   receive close -> ok end end),
-            receive {tree, Owner, T} -> ok end,
-            arbo_tree:root(T),
-            MRef = erlang:monitor(process, Owner),
-            Owner ! close,
-            receive {'DOWN', MRef, _, _, _} -> ok end
-        end, lists:seq(1, 3000)),
+        [begin
+             {Owner, MRef} = spawn_monitor(fun() -> Self ! {tree, self(), arbo_tree:new()}, receive close -> ok end end),
+             receive {tree, Owner, T} -> arbo_tree:root(T) end,
+             Owner ! close,
+             receive {'DOWN', MRef, _, _, _} -> ok end
+         end || _ <- lists:seq(1, 3000)],
         timer:sleep(50),
-        ?assert(length(get()) - Dict0 < 3),
-        ?assert(erlang:system_info(process_count) - Procs < 3)
+        ?assertMatch({D, P} when D < 3 andalso P < 3, {length(get()) - Dict0, erlang:system_info(process_count) - Procs})
     end}.
 
 %% ---- the VM-wide table of wide flag values ------------------------------------
@@ -547,36 +519,27 @@ many_trees_test_() ->
 wide_flags_test_() ->
     {timeout, 300, fun() ->
         Args = lists:append([["-pa", filename:absname(filename:dirname(code:which(M)))] || M <- [?MODULE, arbo_tree]]),
-        Peer = element(2, peer:start(#{connection => standard_io, args => Args})),
-        R = try peer:call(Peer, ?MODULE, wide_flags, [], 280000) catch C:E -> {child_vm_failed, C, E}
-            after catch peer:stop(Peer)
-            end,
-        ?assertEqual({30000, refused, refused, refused, refused, ok, ok, {error, flags_table_full}, 30000}, R)
+        {ok, Peer, _} = peer:start(#{connection => standard_io, args => Args}),
+        R = try peer:call(Peer, ?MODULE, wide_flags, [], 280000) after catch peer:stop(Peer) end,
+        Full = {error, flags_table_full},
+        ?assertEqual({30000, Full, Full, Full, Full, ok, ok, Full, 30000}, R)
     end}.
 
 wide_flags() ->
     T = arbo_tree:new(),
     N = arbo_tree:add_leaf(T, arbo_tree:root(T), 1),
-    F = scratch_file("wide"),
     %% a file with one wide value not in the table yet
     ok = arbo_tree:set_flags(T, N, 16#7000000000),
-    ok = arbo_tree:save(T, F),
-    Fill = fun Loop(V) ->
-                   case arbo_tree:set_flags(T, N, V) of
-                       ok -> Loop(V + 1);
-                       {error, flags_table_full} -> ok
-                   end
-           end,
+    ok = arbo_tree:save(T, F = scratch_file("wide")),
+    Fill = fun Loop(V) -> arbo_tree:set_flags(T, N, V) =:= ok andalso Loop(V + 1) end,
     Fill(16#400000),
     Used = fun() -> [_, {8, Cap, Free}] = arbo:alloc_info(), Cap - Free end,
-    Refused = fun(Call) -> case Call() of {error, flags_table_full} -> refused; X -> X end end,
     R = {Used(),
-         Refused(fun() -> arbo_tree:set_flags(T, N, 16#400000) end),  % one already there too
-         Refused(fun() -> arbo_tree:set_flags(T, N, 1 bsl 40) end),
-         Refused(fun() -> arbo_tree:add_flags(T, N, 1 bsl 41) end),
-         Refused(fun() -> arbo_tree:clear_flags(T, arbo_tree:root(T), 0) =:= ok andalso
-                              arbo_tree:clear_flags(T, N, 1) end),
-         arbo_tree:set_flags(T, N, 16#3fffff),                          % narrow
+         arbo_tree:set_flags(T, N, 16#400000),  % one already there too
+         arbo_tree:set_flags(T, N, 1 bsl 40),
+         arbo_tree:add_flags(T, N, 1 bsl 41),
+         arbo_tree:clear_flags(T, arbo_tree:root(T), 0) =:= ok andalso arbo_tree:clear_flags(T, N, 1),
+         arbo_tree:set_flags(T, N, 16#3fffff),  % narrow
          arbo_tree:clear_flags(T, N, 16#3fffff),
          arbo_tree:load(T, F),
          Used()},
