@@ -368,7 +368,7 @@ options_test() ->
              {option, arbo_tree, save, [T, F, [skip_flags]]}, {options, arbo_tree, load, [T, F, #{checkpoint => 1}]},
              {option, arbo_tree, load, [T, F, [{progres, self()}]]}, {option, arbo_tree, load, [T, F, [capture]]},
              {options, arbo_file, load, [T, F, {capture, true}]}],
-    Wrong = [{What, F, A, Got} || {What, M, Fn, A} <- Cases, Got <- [try apply(M, Fn, A) catch error:{badarg, {W, _}} -> W end], Got =/= What],
+    Wrong = [{What, Fn, A, Got} || {What, M, Fn, A} <- Cases, Got <- [try apply(M, Fn, A) catch error:{badarg, {W, _}} -> W end], Got =/= What],
     {ok, ok} = {file:delete(F), arbo_tree:close(T)},
     ?assertEqual([], Wrong).
 
@@ -455,10 +455,8 @@ callbacks_test() ->
 
 %% A deletion in another process: its answer, or stuck after 2 s.
 writer(T) ->
-    Self = self(),
-    {Pid, MRef} = spawn_monitor(fun() -> Self ! {self(), arbo_tree:delete(T, arbo_tree:root(T), 1)} end),
-    Got = receive {Pid, G} -> G after 2000 -> exit(Pid, kill), stuck end,
-    receive {'DOWN', MRef, _, _, _} -> Got end.
+    {Pid, MRef} = spawn_monitor(fun() -> exit({answer, arbo_tree:delete(T, arbo_tree:root(T), 1)}) end),
+    receive {'DOWN', MRef, _, _, {answer, G}} -> G after 2000 -> exit(Pid, kill), stuck end.
 
 %% A process that reads thousands of trees other processes create and close
 %% keeps no dictionary entry of a closed one.
