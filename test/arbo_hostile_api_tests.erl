@@ -244,12 +244,16 @@ safe_load(Bin, C) ->
     end).
 
 raw_load(Bin, C) ->
-    with_file(Bin, fun(F, H) ->
+    F = scratch_file("ckpt_raw"),
+    ok = file:write_file(F, Bin),
+    H = arbo_tree:new(),
+    try
         {true, {Trans, _, Size, _, _, Ckpt, _, Where}} =
             arbo_tree:exclusive(H, fun(Raw, _) -> {arbo:load_nif(Raw, <<(list_to_binary(F))/binary, 0>>, C, 0, undefined), true} end),
         {#{nodes => Size, transactions => Trans, checkpoint => Ckpt,
            truncated_at => case Where of undefined -> undefined; {checkpoint, N} -> N - 1 end}, dump(H)}
-    end).
+    after arbo_tree:close(H), file:delete(F)
+    end.
 
 %% ---- documented answers --------------------------------------------------------
 
@@ -281,83 +285,6 @@ hide_inactive_test() ->
 
 inactive(T, I, 1) -> ok = arbo_tree:set_active(T, I, false), I;
 inactive(_, I, _) -> I.
-
-%% Which calls move the epoch, as the module documentation says.
-epoch_moves_test() ->
-    T = arbo_tree:new(),
-    R = fun() -> arbo_tree:root(T) end,
-    F = scratch_file("epoch"),
-    {Leaf, I} = {fun() -> arbo_tree:find(T, R(), {3, 3}) end, fun(N) -> arbo_tree:lookup(T, [1, {int, N}]) end},
-    %% {Name, whether it moves the epoch, Call}, in order
-    Calls = [{add_leaf, false, fun() -> arbo_tree:add_leaf(T, R(), {3, 3}) end},
-             {add_list, false, fun() -> arbo_tree:add_list(T, R(), 1, user_order) end},
-             {add, false, fun() -> [arbo_tree:add(T, arbo_tree:find(T, R(), 1), {int, N}) || N <- [1, 2]] end},
-             {set_value, false, fun() -> arbo_tree:set_value(T, Leaf(), <<"v">>) end},
-             {set_flags, false, fun() -> arbo_tree:set_flags(T, R(), 7) end}, {move_to, false, fun() -> arbo_tree:move_to(T, I(2), 0) end},
-             {set_attr, false, fun() -> arbo_tree:set_attr(T, R(), 1, {bool, true}) end},
-             {rename_ns, false, fun() -> arbo_tree:rename_ns(T, Leaf(), 4) end},
-             {delete_nothing, false, fun() -> arbo_tree:delete(T, R(), 99) end}, {save, false, fun() -> arbo_tree:save(T, F) end},
-             {rename, true, fun() -> arbo_tree:rename(T, I(2), {int, 3}) end}, {delete, true, fun() -> arbo_tree:delete(T, I(3)) end},
-             {delete_key, true, fun() -> arbo_tree:delete(T, R(), {4, 3}) end}, {load, true, fun() -> arbo_tree:load(T, F) end},
-             {delete_ns, true, fun() -> arbo_tree:delete_ns(T, R(), 4) end}, {clear, true, fun() -> arbo_tree:clear(T) end}],
-    Epoch = fun() -> maps:get(epoch, arbo_tree:info(T)) end,
-    Wrong = [{Name, Moves} || {Name, Moves, Call} <- Calls, E0 <- [Epoch()], _ <- [Call()], (Epoch() =/= E0) =/= Moves],
-    {ok, _} = {file:delete(F), arbo_tree:close(T)},
-    ?assertEqual([], Wrong).
-
-%% After close/1 returns, every call raises arbo_closed, whoever makes it
-%% and through whichever handle; closing again is ok from anywhere.
-closed_for_everyone_test() ->
-    T = arbo_tree:new(),
-    N = arbo_tree:add_leaf(T, arbo_tree:root(T), 1),
-    Self = self(),
-    Reader = spawn(fun() -> A = arbo_tree:attach(T), _ = arbo_tree:value(A, N), Self ! ready,
-                            receive go -> Self ! {self(), calls(A, N)} end end),
-    Known = spawn(fun() -> _ = arbo_tree:value(T, N), Self ! ready,
-                           receive go -> Self ! {self(), calls(T, N)} end end),
-    [receive ready -> ok end || _ <- [1, 2]],
-    ok = arbo_tree:close(T),
-    Fresh = spawn(fun() -> Self ! {self(), calls(T, N)} end),
-    [P ! go || P <- [Reader, Known]],
-    Answers = [calls(T, N), calls(arbo_tree:read_only(T), N)
-               | [receive {P, A} -> A after 5000 -> timeout end || P <- [Reader, Known, Fresh]]],
-    ?assertEqual([], [A || As <- Answers, A <- As, A =/= closed]).
-
-calls(T, N) ->
-    Ro = case T of {_, _, _, {_, {read_only, _}, _, _}} -> true; _ -> false end,
-    [try apply(arbo_tree, F, [T | A]) of
-         ok when F =:= close -> closed;   % closing again is ok
-         _ -> returned
-     catch error:{arbo_closed, _} when F =/= close -> closed;
-           error:{read_only, _} when Ro -> closed;
-           C:E -> {C, E}
-     end
-     || {F, A} <- [{root, []}, {value, [N]}, {find, [N, 1]}, {info, []}, {set_value, [N, <<"x">>]}, {delete, [N]}, {clear, []},
-                   {children, [N]}, {save, [scratch_file("closed")]}, {reading, [fun(Rd) -> arbo_tree:root(Rd) end]}, {close, []}]].
-
-%% A keeper killed in the middle of a write (here a load it runs) leaves
-%% no reader waiting for ever: they answer arbo_closed.
-keeper_killed_inside_write_test_() ->
-    {timeout, 60, fun() ->
-        T = arbo_tree:new(),
-        L = arbo_tree:add_list(T, arbo_tree:root(T), 1, sorted),
-        [arbo_tree:add(T, L, {int, N}) || N <- lists:seq(1, 200000)],
-        ok = arbo_tree:save(T, F = scratch_file("keeper_write")),
-        R = arbo_tree:root(T),
-        {arbo, _, _, {arbo_gate, Keeper, _, Word}} = T,
-        Self = self(),
-        %% a reader with its word registered, which the writer bit reaches
-        Reader = spawn(fun() -> A = arbo_tree:attach(T), arbo_tree:root(A),
-                                receive go -> Self ! {self(), catch arbo_tree:num_children(A, R)} end end),
-        spawn(fun() -> catch arbo_tree:load(T, F) end),
-        %% the keeper is inside the load once the writer bit shows
-        (fun Wait() -> atomics:get(Word, 1) band (1 bsl 22) =/= 0 orelse (erlang:yield() =:= true andalso Wait()) end)(),
-        exit(Keeper, kill),
-        Reader ! go,
-        Got = receive {Reader, G} -> G after 20000 -> stuck end,
-        file:delete(F),
-        ?assertMatch({'EXIT', {{arbo_closed, _}, _}}, Got)
-    end}.
 
 %% Options that are not a list, and unknown or misspelled ones, are badarg.
 options_test() ->
