@@ -286,6 +286,107 @@ hide_inactive_test() ->
 inactive(T, I, 1) -> ok = arbo_tree:set_active(T, I, false), I;
 inactive(_, I, _) -> I.
 
+%% Which calls move the epoch, as the module documentation says.
+epoch_moves_test() ->
+    T = arbo_tree:new(),
+    R = fun() -> arbo_tree:root(T) end,
+    F = scratch_file("epoch"),
+    Calls = [{add_leaf, false, fun() -> arbo_tree:add_leaf(T, R(), {3, 3}) end},
+             {add_list, false, fun() -> arbo_tree:add_list(T, R(), 1, user_order) end},
+             {add, false, fun() -> [arbo_tree:add(T, arbo_tree:find(T, R(), 1), {int, N}) || N <- [1, 2]] end},
+             {set_value, false, fun() -> arbo_tree:set_value(T, arbo_tree:find(T, R(), {3, 3}), <<"v">>) end},
+             {set_flags, false, fun() -> arbo_tree:set_flags(T, R(), 7) end},
+             {set_attr, false, fun() -> arbo_tree:set_attr(T, R(), 1, {bool, true}) end},
+             {move_to, false, fun() -> arbo_tree:move_to(T, arbo_tree:lookup(T, [1, {int, 2}]), 0) end},
+             {rename_ns, false, fun() -> arbo_tree:rename_ns(T, arbo_tree:find(T, R(), {3, 3}), 4) end},
+             {delete_nothing, false, fun() -> arbo_tree:delete(T, R(), 99) end},
+             {save, false, fun() -> arbo_tree:save(T, F) end},
+             {rename, true, fun() -> arbo_tree:rename(T, arbo_tree:lookup(T, [1, {int, 2}]), {int, 3}) end},
+             {delete, true, fun() -> arbo_tree:delete(T, arbo_tree:lookup(T, [1, {int, 3}])) end},
+             {delete_key, true, fun() -> arbo_tree:delete(T, R(), {4, 3}) end},
+             {load, true, fun() -> arbo_tree:load(T, F) end},
+             {delete_ns, true, fun() -> arbo_tree:delete_ns(T, R(), 4) end},
+             {clear, true, fun() -> arbo_tree:clear(T) end}],
+    Epoch = fun() -> maps:get(epoch, arbo_tree:info(T)) end,
+    Wrong = [{Name, Moves} || {Name, Moves, Call} <- Calls,
+                              E0 <- [Epoch()], _ <- [Call()], (Epoch() =/= E0) =/= Moves],
+    file:delete(F),
+    ?assertEqual([], Wrong),
+    ok = arbo_tree:close(T).
+
+%% After close/1 returns, every call raises arbo_closed, whoever makes it
+%% and through whichever handle; closing again is ok from anywhere.
+closed_for_everyone_test() ->
+    T = arbo_tree:new(),
+    N = arbo_tree:add_leaf(T, arbo_tree:root(T), 1),
+    Self = self(),
+    Reader = spawn(fun() -> A = arbo_tree:attach(T), _ = arbo_tree:value(A, N), Self ! ready,
+                            receive go -> Self ! {self(), calls(A, N)} end end),
+    Known = spawn(fun() -> _ = arbo_tree:value(T, N), Self ! ready,
+                           receive go -> Self ! {self(), calls(T, N)} end end),
+    [receive ready -> ok end || _ <- [1, 2]],
+    ok = arbo_tree:close(T),
+    Fresh = spawn(fun() -> Self ! {self(), calls(T, N)} end),
+    [P ! go || P <- [Reader, Known]],
+    Answers = [calls(T, N), calls(arbo_tree:read_only(T), N)
+               | [receive {P, A} -> A after 5000 -> timeout end || P <- [Reader, Known, Fresh]]],
+    ?assertEqual([], [A || As <- Answers, A <- As, A =/= closed]),
+    ?assertEqual(ok, arbo_tree:close(T)).
+
+calls(T, N) ->
+    Ro = case T of {_, _, _, {_, {read_only, _}, _, _}} -> true; _ -> false end,
+    [try F(), returned
+     catch error:{arbo_closed, _} -> closed;
+           error:{read_only, _} when Ro -> closed;
+           C:E -> {C, E}
+     end
+     || F <- [fun() -> arbo_tree:root(T) end, fun() -> arbo_tree:value(T, N) end,
+              fun() -> arbo_tree:find(T, N, 1) end, fun() -> arbo_tree:info(T) end,
+              fun() -> arbo_tree:set_value(T, N, <<"x">>) end, fun() -> arbo_tree:delete(T, N) end,
+              fun() -> arbo_tree:clear(T) end, fun() -> arbo_tree:children(T, N) end,
+              fun() -> arbo_tree:save(T, scratch_file("closed")) end,
+              fun() -> arbo_tree:reading(T, fun(Rd) -> arbo_tree:root(Rd) end) end]]
+        ++ [case arbo_tree:close(T) of ok -> closed; X -> X end || not Ro].
+
+%% A keeper killed: the tree is closed by the first call that needs it;
+%% nothing hangs.
+killed_keeper_test() ->
+    T = arbo_tree:new(),
+    N = arbo_tree:add_leaf(T, arbo_tree:root(T), 1),
+    {arbo, _, _, {arbo_gate, Keeper, _, _}} = T,
+    MRef = erlang:monitor(process, Keeper),
+    exit(Keeper, kill),
+    receive {'DOWN', MRef, _, _, _} -> ok end,
+    ?assertError({arbo_closed, _}, arbo_tree:delete(T, N)),
+    ?assertEqual([], [A || A <- calls(T, N), A =/= closed]).
+
+%% A keeper killed in the middle of a write (here a load it runs) leaves
+%% no reader waiting for ever: they answer arbo_closed.
+keeper_killed_inside_write_test_() ->
+    {timeout, 60, fun() ->
+        T = arbo_tree:new(),
+        L = arbo_tree:add_list(T, arbo_tree:root(T), 1, sorted),
+        [arbo_tree:add(T, L, {int, N}) || N <- lists:seq(1, 200000)],
+        F = scratch_file("keeper_write"),
+        ok = arbo_tree:save(T, F),
+        R = arbo_tree:root(T),
+        {arbo, _, _, {arbo_gate, Keeper, _, _}} = T,
+        Self = self(),
+        %% a reader with its word registered, which the writer bit reaches
+        Reader = spawn(fun() -> A = arbo_tree:attach(T), arbo_tree:root(A),
+                                receive go -> Self ! {self(), catch arbo_tree:num_children(A, R)} end end),
+        spawn(fun() -> catch arbo_tree:load(T, F) end),
+        %% the keeper is inside the load once the writer bit shows
+        {arbo, _, _, {arbo_gate, _, _, Word}} = T,
+        Inside = fun Wait() -> atomics:get(Word, 1) band (1 bsl 22) =/= 0 orelse (erlang:yield() =:= true andalso Wait()) end,
+        Inside(),
+        exit(Keeper, kill),
+        Reader ! go,
+        Got = receive {Reader, G} -> G after 20000 -> stuck end,
+        file:delete(F),
+        ?assertMatch({'EXIT', {{arbo_closed, _}, _}}, Got)
+    end}.
+
 %% Options that are not a list, and unknown or misspelled ones, are badarg.
 options_test() ->
     T = arbo_tree:new(),
