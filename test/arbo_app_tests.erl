@@ -76,7 +76,8 @@ nif_path_test() ->
            end,
     Set = fun(Os, App) ->
                   _ = case Os of false -> os:unsetenv("ARBO_NIF_DIR"); _ -> os:putenv("ARBO_NIF_DIR", Os) end,
-                  case App of undefined -> application:unset_env(arbo, nif_dir); {ok, V} -> application:set_env(arbo, nif_dir, V) end
+                  case App of undefined -> application:unset_env(arbo, nif_dir);
+                              {ok, V} -> application:set_env(arbo, nif_dir, V) end
           end,
     Saved = [os:getenv("ARBO_NIF_DIR"), application:get_env(arbo, nif_dir)],
     Cases = [{"/os", {ok, "/app"}, "/os/arbo_nif"}, {false, {ok, "/app"}, "/app/arbo_nif"},

@@ -18,8 +18,10 @@ small() ->
     T = arbo_tree:new(),
     R = arbo_tree:root(T),
     L = arbo_tree:add_leaf(T, arbo_tree:add_container(T, R, 1), {2, 3}),
-    [ok = apply(arbo_tree, F, [T, L | A]) || {F, A} <- [{set_value, [{uint32, 7}]}, {set_flags, [5]}, {set_attr, [1, {string, <<"a">>}]}]],
-    [arbo_tree:add(T, arbo_tree:add_list(T, R, Tag, Order), {int, K}) || {Tag, Order, Ks} <- [{4, sorted, [3, 1, 2]}, {5, user_order, [30, 10, 20]}], K <- Ks],
+    [ok = apply(arbo_tree, F, [T, L | A])
+     || {F, A} <- [{set_value, [{uint32, 7}]}, {set_flags, [5]}, {set_attr, [1, {string, <<"a">>}]}]],
+    [arbo_tree:add(T, arbo_tree:add_list(T, R, Tag, Order), {int, K})
+     || {Tag, Order, Ks} <- [{4, sorted, [3, 1, 2]}, {5, user_order, [30, 10, 20]}], K <- Ks],
     T.
 
 %% Every changing function, called through the read-only handle Ro with
@@ -94,15 +96,18 @@ one_form_per_user_list_test() ->
     R = arbo_tree:root(T),
     Lists = [{Form, arbo_tree:add_list(T, R, Tag, user_order), [Key(N) || N <- lists:seq(1, 200)]}
              || {Tag, Form, Key} <- [{1, int, fun(N) -> {int, N} end}, {2, pair, fun(N) -> {pair, 7, N} end},
-                                     {3, tuple, fun(N) -> {tuple, [{uint32, N}]} end}, {4, opaque, fun(N) -> {opaque, <<N:16>>} end}]],
+                                     {3, tuple, fun(N) -> {tuple, [{uint32, N}]} end},
+                                     {4, opaque, fun(N) -> {opaque, <<N:16>>} end}]],
     [arbo_tree:add(T, L, K) || {_, L, Keys} <- Lists, K <- Keys],
     %% keys the index would take for listed ones: of another form refused,
     %% of the list's form their own instance; every key finds its own
     Others = [{int, 5}, {pair, 7, 5}, {pair, 8, 5}, {tuple, []}, {opaque, <<>>}, {opaque, <<0, 5>>}],
     ?assertEqual([], [{Form, K, Got} || {Form, L, _} <- Lists, K <- Others, form(K) =/= Form,
                                         Got <- [raised(fun() -> arbo_tree:add(T, L, K) end)], Got =/= key_form]),
-    ?assertEqual([], [{K, Got} || {_, L, Keys} <- Lists, K <- Keys, Got <- [arbo_tree:key(T, arbo_tree:find(T, L, K))], K =/= Got]),
-    ?assertEqual([], [{Form, K} || {Form, L, Keys} <- Lists, K <- Others, not lists:member(K, Keys), arbo_tree:find(T, L, K) =/= none]),
+    ?assertEqual([], [{K, Got} || {_, L, Keys} <- Lists, K <- Keys,
+                                  Got <- [arbo_tree:key(T, arbo_tree:find(T, L, K))], K =/= Got]),
+    ?assertEqual([], [{Form, K} || {Form, L, Keys} <- Lists, K <- Others, not lists:member(K, Keys),
+                                   arbo_tree:find(T, L, K) =/= none]),
     ?assertEqual([], [K || {Form, L, Keys} <- Lists, K <- Others ++ [{pair, 7, 500}], form(K) =:= Form,
                            not lists:member(K, Keys), K =/= arbo_tree:key(T, arbo_tree:add(T, L, K))]),
     ok = arbo_tree:close(T).
@@ -120,14 +125,17 @@ rename_then_delete_test() ->
     Epoch = fun() -> maps:get(epoch, arbo_tree:info(T)) end,
     L = fun() -> arbo_tree:find(T, arbo_tree:root(T), 1) end,
     I = arbo_tree:find(T, L(), {int, 7}),
-    ?assertEqual([key_form, key_form], [raised(fun() -> arbo_tree:rename(T, I, K) end) || K <- [{tuple, [{uint32, 7}]}, {pair, 3, 7}]]),
+    ?assertEqual([key_form, key_form],
+                 [raised(fun() -> arbo_tree:rename(T, I, K) end) || K <- [{tuple, [{uint32, 7}]}, {pair, 3, 7}]]),
     E0 = Epoch(),
-    ?assertEqual({false, true}, {arbo_tree:rename(T, I, {int, 8}), arbo_tree:rename(T, arbo_tree:find(T, L(), {int, 7}), {int, 1000})}),
+    ?assertEqual({false, true}, {arbo_tree:rename(T, I, {int, 8}),
+                                 arbo_tree:rename(T, arbo_tree:find(T, L(), {int, 7}), {int, 1000})}),
     ?assert(Epoch() > E0),
     ?assertEqual({stale_node, {uint32, 7}, none}, {raised(fun() -> arbo_tree:value(T, I) end),
                  arbo_tree:value(T, arbo_tree:find(T, L(), {int, 1000})), arbo_tree:find(T, L(), {int, 7})}),
     ?assertEqual({true, false}, {arbo_tree:delete(T, L(), {int, 1000}), arbo_tree:delete(T, L(), {int, 7})}),
-    ?assertEqual([{uint32, N} || N <- lists:seq(1, 300), N =/= 7], [arbo_tree:value(T, C) || C <- arbo_tree:children(T, L())]),
+    ?assertEqual([{uint32, N} || N <- lists:seq(1, 300), N =/= 7],
+                 [arbo_tree:value(T, C) || C <- arbo_tree:children(T, L())]),
     ok = arbo_tree:close(T).
 
 %% Encoded keys the library's order takes for one (a comparison that stops
@@ -144,8 +152,8 @@ clashing_keys_test() ->
             Added = [B || B <- Valid, raised(fun() -> arbo_tree:add(T, L, {encoded, B}) end) =:= returned],
             Keys = [K || {tuple, _} = K0 <- [arbo_tree:key(T, C) || C <- arbo_tree:children(T, L)],
                          K <- [arbo_key:encode(element(2, K0))]],
-            Finds = [{B, [arbo_key:encode(element(2, arbo_tree:key(T, N))) || N <- [arbo_tree:find(T, L, {encoded, B})], N =/= none]}
-                     || B <- Valid],
+            Finds = [{B, [arbo_key:encode(element(2, arbo_tree:key(T, N)))
+                          || N <- [arbo_tree:find(T, L, {encoded, B})], N =/= none]} || B <- Valid],
             ok = arbo_tree:close(T),
             lists:sort(Keys) =:= Added andalso lists:all(fun({B, F}) -> F =:= [B] orelse F =:= [] end, Finds)
         end),
@@ -187,7 +195,8 @@ random_round_trip_test() ->
 build_op() ->
     T = range(1, 3),
     oneof([[add_list, T, oneof([sorted, user_order, sorted_length_first])],
-           [add, T, oneof([{int, integer()}, {pair, range(1, 255), integer(-3, 3)}, {tuple, [{uint32, range(0, 5)}]}, {opaque, binary(2)}])],
+           [add, T, oneof([{int, integer()}, {pair, range(1, 255), integer(-3, 3)},
+                           {tuple, [{uint32, range(0, 5)}]}, {opaque, binary(2)}])],
            [add_leaf, T, oneof([range(0, 4), {range(1, 3), range(0, 4)}])],
            [set_value, T, oneof([binary(), {uint32, range(0, 100)}, {string, binary(3)}])],
            [set_flags, T, oneof([range(0, 16#3fffff), range(16#400000, 16#400003)])],
@@ -198,7 +207,8 @@ build_op() ->
 build(T, [add_list, Tag, Order]) -> catch arbo_tree:add_list(T, arbo_tree:root(T), Tag, Order);
 build(T, [F, Tag | Args]) ->
     L = arbo_tree:find(T, arbo_tree:root(T), Tag),
-    At = if L =:= none -> none; F =:= add -> L; F =:= move_to -> arbo_tree:last_child(T, L); true -> arbo_tree:first_child(T, L) end,
+    At = if L =:= none -> none; F =:= add -> L;
+            F =:= move_to -> arbo_tree:last_child(T, L); true -> arbo_tree:first_child(T, L) end,
     At =/= none andalso catch apply(arbo_tree, F, [T, At | Args]).
 
 %% A load that stops before the end of the file is an error naming the
@@ -266,12 +276,17 @@ hide_inactive_test() ->
              || {Tag, Order} <- [{1, user_order}, {2, sorted}],
                 L <- [arbo_tree:add_list(T, arbo_tree:root(T), Tag, Order)],
                 [_, I2, _, I4, I5] <- [[inactive(T, arbo_tree:add(T, L, {int, N}), N rem 2) || N <- lists:seq(1, 5)]],
-                {Name, Got, Want} <- [{find, arbo_tree:find(T, L, {int, 1}), none}, {first_child, arbo_tree:first_child(T, L), I2},
-                                      {lookup, arbo_tree:lookup(T, [Tag, {int, 3}]), none}, {last_child, arbo_tree:last_child(T, L), I4},
-                                      {next_sibling, arbo_tree:next_sibling(T, I2), I4}, {prev_sibling, arbo_tree:prev_sibling(T, I4), I2},
-                                      {prev_sibling_first, arbo_tree:prev_sibling(T, I2), none}, {nth_child, arbo_tree:nth_child(T, L, 2), I4},
-                                      {nth_child_past, arbo_tree:nth_child(T, L, 3), none}, {num_children, arbo_tree:num_children(T, L), 2},
-                                      {children, arbo_tree:children(T, L), [I2, I4]}, {select, arbo_tree:select(T, L, all), [I2, I4]},
+                {Name, Got, Want} <- [{find, arbo_tree:find(T, L, {int, 1}), none},
+                                      {lookup, arbo_tree:lookup(T, [Tag, {int, 3}]), none},
+                                      {first_child, arbo_tree:first_child(T, L), I2}, {last_child, arbo_tree:last_child(T, L), I4},
+                                      {next_sibling, arbo_tree:next_sibling(T, I2), I4},
+                                      {prev_sibling, arbo_tree:prev_sibling(T, I4), I2},
+                                      {prev_sibling_first, arbo_tree:prev_sibling(T, I2), none},
+                                      {nth_child, arbo_tree:nth_child(T, L, 2), I4},
+                                      {nth_child_past, arbo_tree:nth_child(T, L, 3), none},
+                                      {num_children, arbo_tree:num_children(T, L), 2},
+                                      {children, arbo_tree:children(T, L), [I2, I4]},
+                                      {select, arbo_tree:select(T, L, all), [I2, I4]},
                                       {fold, arbo_tree:fold(T, L, all, fun(C, A) -> [C | A] end, []), [I4, I2]},
                                       {child_index, [arbo_tree:child_index(T, I) || I <- [I2, I4, I5]], [2, 4, 5]}],
                 Got =/= Want],
@@ -396,7 +411,8 @@ options_test() ->
              {option, arbo_tree, save, [T, F, [skip_flags]]}, {options, arbo_tree, load, [T, F, #{checkpoint => 1}]},
              {option, arbo_tree, load, [T, F, [{progres, self()}]]}, {option, arbo_tree, load, [T, F, [capture]]},
              {options, arbo_file, load, [T, F, {capture, true}]}],
-    Wrong = [{What, Fn, A, Got} || {What, M, Fn, A} <- Cases, Got <- [try apply(M, Fn, A) catch error:{badarg, {W, _}} -> W end], Got =/= What],
+    Wrong = [{What, Fn, A, Got} || {What, M, Fn, A} <- Cases,
+                                   Got <- [try apply(M, Fn, A) catch error:{badarg, {W, _}} -> W end], Got =/= What],
     {ok, ok} = {file:delete(F), arbo_tree:close(T)},
     ?assertEqual([], Wrong).
 
