@@ -35,7 +35,7 @@ supervised_keepers_test() ->
     {Owner, T} = tree_of_helper(),
     ?assert(lists:keymember(arbo, 1, application:which_applications())),
     ?assert(lists:member(keeper(T), arbo_sup:keepers())),
-    #{size := Size, mem := Mem} = arbo_tree:info(T),
+    #{size := 51 = Size, mem := Mem} = arbo_tree:info(T),   % the list and its 50 instances
     ?assertMatch([#{owner := Owner, size := Size, mem := Mem, readers := 1}], listed(T)),
     %% the owner's exit still closes the tree, and ends its keeper
     Owner ! stop,
