@@ -1,7 +1,8 @@
 %% Replication rows of the benchmark harness: three nodes on this machine
 %% (peers of the benchmark VM), a store led on the first and followed on the
 %% other two, against a mnesia table with disc_copies on the same three
-%% nodes written with mnesia:sync_transaction. Every commit runs on the
+%% nodes written with mnesia:sync_transaction, each arbo run back to back with a
+%% mnesia run of its own. Every commit runs on the
 %% first node (the committers live there), one record each: on arbo a
 %% batch that makes a list instance with a leaf and sets its value, on
 %% mnesia a write of {Key, Value}.
@@ -15,9 +16,14 @@
 %%   from the leader's journal (operations/s, from its open to the last
 %%   frame applied);
 %%   a follower with an empty directory taking the leader's snapshot of
-%%   those 1M instances (MB/s, the same span).
+%%   those 1M instances (MB/s, the same span);
+%%   first, the disk: 100-byte appends each followed by an fdatasync, by
+%%   one writer, then by one writer on each node at once (syncs/s each):
+%%   a commit under `sync => always' and `ack => one' or `majority' waits
+%%   for such a sync on the leader and on a follower, so a lone committer
+%%   cannot go faster than the second figure.
 -module(arbo_bench_repl).
--export([rows/0, commits/4, catch_up/3, count/0]).
+-export([rows/0, commits/4, catch_up/3, count/0, syncs/2]).
 
 -define(DB, arbo_bench_repl_db).
 
@@ -32,11 +38,17 @@ rows() ->
     try
         Nodes = [start(Root, X) || X <- ["a", "b", "c"]],
         Ns = [N || {_, N} <- Nodes],
-        Mnesia = mnesia_runs(Ns, Seq, Par),
-        Arbo = [{{Ack, Sync}, arbo_runs(Root, Ns, Ack, Sync, Seq, Par)}
-                || Sync <- [always, {interval, 1000}], Ack <- [one, majority]],
+        Disk = disk_rows(Root, Ns),
+        mnesia_start(Ns),
+        %% Each arbo run and a mnesia run back to back: both sides see the
+        %% machine as it is at that moment.
+        Arbo = [{{Ack, Sync}, arbo_runs(Root, Ns, Ack, Sync, Seq, Par),
+                 erpc:call(hd(Ns), ?MODULE, commits, [mnesia, Seq, Par, 100000000 * I], infinity)}
+                || {I, {Sync, Ack}} <- lists:enumerate([{S, A} || S <- [always, {interval, 1000}],
+                                                                  A <- [one, majority]])],
+        [erpc:call(N, mnesia, stop, []) || N <- Ns],
         CatchUp = catch_up(Root, Ns, Behind),
-        commit_rows(Arbo, Mnesia) ++ CatchUp
+        Disk ++ commit_rows(Arbo) ++ CatchUp
     after
         [catch peer:stop(P) || P <- get(arbo_bench_repl_nodes)],
         os:cmd("rm -rf '" ++ Root ++ "'")
@@ -89,15 +101,12 @@ one(mnesia, K) ->
     {atomic, ok} = mnesia:sync_transaction(fun() -> mnesia:write({bench, K, V}) end),
     ok.
 
-mnesia_runs([N1 | _] = Ns, Seq, Par) ->
+mnesia_start([N1 | _] = Ns) ->
     ok = erpc:call(N1, mnesia, create_schema, [Ns]),
     [ok = erpc:call(N, mnesia, start, []) || N <- Ns],
     {atomic, ok} = erpc:call(N1, mnesia, create_table,
                              [bench, [{disc_copies, Ns}, {attributes, [k, v]}]]),
-    ok = erpc:call(N1, mnesia, wait_for_tables, [[bench], 30000]),
-    R = erpc:call(N1, ?MODULE, commits, [mnesia, Seq, Par, 0], infinity),
-    [erpc:call(N, mnesia, stop, []) || N <- Ns],
-    R.
+    ok = erpc:call(N1, mnesia, wait_for_tables, [[bench], 30000]).
 
 arbo_runs(Root, [N1 | Fs] = Ns, Ack, Sync, Seq, Par) ->
     Name = fun(N) -> filename:join([Root, atom_to_list(N), "db-" ++ atom_to_list(Ack) ++
@@ -118,7 +127,7 @@ wait_joined(N1, Fs) ->
     [ok = erpc:call(N, arbo_db, wait_for, [?DB, S, 30000]) || N <- Fs],
     ok.
 
-commit_rows(Arbo, M) ->
+commit_rows(Arbo) ->
     lists:append(
       [begin
            Label = "ack " ++ atom_to_list(Ack) ++ case Sync of always -> ""; _ -> ", sync 1 s" end,
@@ -132,7 +141,31 @@ commit_rows(Arbo, M) ->
             Row("commit latency median", median, "us", "-"),
             Row("commit latency p99", p99, "us", "-"),
             Row("commits/s, 16 committers", par_rate, "commits/s", Goal)]
-       end || {{Ack, Sync}, A} <- Arbo]).
+       end || {{Ack, Sync}, A, M} <- Arbo]).
+
+%% ---- the disk ------------------------------------------------------------------------
+
+disk_rows(Root, [N1 | _] = Ns) ->
+    File = fun(N) -> filename:join([Root, atom_to_list(N), "syncs"]) end,
+    One = erpc:call(N1, ?MODULE, syncs, [File(N1), 2000], infinity),
+    All = [erpc:receive_response(Q, infinity)
+           || Q <- [erpc:send_request(N, ?MODULE, syncs, [File(N), 2000]) || N <- Ns]],
+    [#{row => "disk: 100-byte append + fdatasync, one writer", arbo => One, peer => "-",
+       unit => "syncs/s", target => "-"},
+     #{row => "disk: 100-byte append + fdatasync, a writer on each of the 3 nodes at once (each)",
+       arbo => lists:sum(All) / length(All), peer => "-", unit => "syncs/s", target => "-"}].
+
+%% Count appends of 100 bytes, each synced, to a new file: syncs/s.
+-spec syncs(file:filename(), pos_integer()) -> float().
+syncs(Path, Count) ->
+    ok = filelib:ensure_dir(Path),
+    {ok, Fd} = file:open(Path, [write, raw, binary]),
+    T0 = erlang:monotonic_time(microsecond),
+    [begin ok = file:write(Fd, <<0:800>>), ok = file:datasync(Fd) end || _ <- lists:seq(1, Count)],
+    T = (erlang:monotonic_time(microsecond) - T0) / 1.0e6,
+    ok = file:close(Fd),
+    ok = file:delete(Path),
+    Count / T.
 
 %% ---- catching up --------------------------------------------------------------------
 

@@ -47,7 +47,7 @@
 -export([open/2, commit/2, tree/1, sync/1, snapshot/1, info/1, close/1]).
 -export([subscribe/1, frames_since/2, append/2]).
 -export([start_link/2, init_it/3]).
--export([init/1, handle_call/3, handle_cast/2, handle_info/2, terminate/2]).
+-export([init/1, handle_call/3, handle_cast/2, handle_continue/2, handle_info/2, terminate/2]).
 -export_type([db/0, op/0]).
 
 -include_lib("kernel/include/file.hrl").
@@ -197,8 +197,9 @@ close(Db) -> gen_server:call(Db, close, infinity).
 
 %% @doc Frames as they reach the journal, for followers: the calling
 %% process receives `{arbo_db_frames, Name, [{Seq, Payload}]}' after each
-%% write of the journal (after its sync with `sync => always'), the frames
-%% in sequence order.
+%% write of the journal and before its sync, the frames in sequence order.
+%% A write or sync that fails takes the frames back out of the journal:
+%% `{arbo_db_cut, Name}' follows, and {@link info/1} gives the `seq' kept.
 -spec subscribe(db()) -> ok.
 subscribe(Db) -> gen_server:call(Db, {subscribe, self()}, infinity).
 
@@ -328,6 +329,16 @@ handle_call(Other, _, S) -> noreply_with({error, {badarg, Other}}, S).
 handle_cast(_, S) -> {noreply, S}.
 
 %% @private
+handle_continue({replay, Frames}, S) ->
+    case arbo_db_journal:replay(S#s.tree, S#s.scratch, [P || {_, P} <- Frames]) of
+        ok -> {noreply, S, 0};
+        {error, R} ->
+            logger:error("arbo_db ~p: frames ~p..~p written but not applied: ~p",
+                         [S#s.name, element(1, hd(Frames)), element(1, lists:last(Frames)), R]),
+            {noreply, rebuild(S), 0}
+    end.
+
+%% @private
 handle_info(timeout, S) ->
     S1 = flush(S),
     case S1#s.jsize > lists:max([S1#s.compact, S1#s.snap_size, S1#s.retry_at])
@@ -407,7 +418,10 @@ flush(#s{fd = Fd, buf = Buf, sync = Sync} = S) ->
     Bytes = [arbo_db_journal:frame(Seq, P) || {Seq, P} <- Frames],
     Size = iolist_size(Bytes),
     R = case file:write(Fd, Bytes) of
-            ok when Sync =:= always -> file:datasync(Fd);
+            ok ->
+                %% Followers write the frames while this node syncs them.
+                [Pid ! {arbo_db_frames, S#s.name, Frames} || {Pid, _} <- S#s.subs],
+                case step(S, journal_sync) of ok when Sync =:= always -> file:datasync(Fd); R0 -> R0 end;
             Other -> Other
         end,
     case R of
@@ -419,11 +433,11 @@ flush(#s{fd = Fd, buf = Buf, sync = Sync} = S) ->
                          S1#s{timer = erlang:send_after(Ms, self(), sync_tick)};
                      _ -> S1
                  end,
-            [Pid ! {arbo_db_frames, S#s.name, Frames} || {Pid, _} <- S#s.subs],
             reply_all(S2);
         {error, Reason} ->
             [gen_server:reply(From, {error, Reason}) || {From, _} <- S#s.pending],
             S1 = S#s{buf = [], pending = []},
+            [Pid ! {arbo_db_cut, S#s.name} || {Pid, _} <- S#s.subs],
             rebuild(cut(S1, Reason))
     end.
 
@@ -705,11 +719,16 @@ repl_call({append, Frames}, #s{seq = Seq} = S) ->
     case [Sq || {Sq, _} <- Frames] =:= lists:seq(Seq + 1, Seq + length(Frames)) of
         false -> {reply, {error, {out_of_order, Seq + 1}}, S};
         true ->
-            case arbo_db_journal:replay(S#s.tree, S#s.scratch, [P || {_, P} <- Frames]) of
-                ok ->
+            %% Durable first and answered (the follower acknowledges them),
+            %% then applied: a call to this store waits for the tree.
+            case [ok || {_, P} <- Frames, arbo_db_journal:parts(P) =:= error] of
+                [] ->
                     S1 = flush(S#s{seq = Seq + length(Frames), buf = lists:reverse(Frames)}),
-                    {reply, {ok, S1#s.seq}, S1, 0};
-                {error, R} -> {reply, {error, R}, rebuild(S)}
+                    case S1#s.seq > Seq of
+                        true -> {reply, {ok, S1#s.seq}, S1, {continue, {replay, Frames}}};
+                        false -> {reply, {ok, S1#s.seq}, S1, 0}
+                    end;
+                _ -> {reply, {error, bad_payload}, S}
             end
     end;
 %% A follower takes its leader's snapshot in place of all it holds.

@@ -17,6 +17,15 @@
 %% the follower's last epoch with its own history: a follower holding
 %% frames past where that epoch ended on the leader (a former leader's
 %% unacknowledged suffix) is rebuilt from the leader's snapshot.
+%%
+%% A leader ships frames once written, while it syncs them: a follower may
+%% hold frames its leader then loses (a failed sync, or the leader's
+%% machine down before its sync). A leader therefore keeps, for each time
+%% it takes the lead, the sequence number it started from (`base') and the
+%% nodes found to hold only its frames since (`joined'): a follower of the
+%% same epoch that joins with more than `base' and is not among them is
+%% rebuilt from the snapshot, and a failed sync starts again from the seq
+%% kept, every follower asked to join anew.
 -module(arbo_repl).
 -behaviour(gen_server).
 
@@ -34,7 +43,7 @@
             snap}).
 -record(r, {name, db, dir, role, epochs = [], members = [], ack = none, timeout = 5000,
             leader, lpid, seq = 0, fs = #{}, pending = [], snap, tried = 0,
-            subscribed = false, synced = false}).
+            subscribed = false, synced = false, base = 0, joined = []}).
 
 %% ---------------------------------------------------------------------------
 %% Called by the store
@@ -173,6 +182,14 @@ handle_info({arbo_db_frames, _, Frames}, #r{role = leader} = R) ->
     R1 = R#r{seq = Last},
     Fs = maps:map(fun(Pid, F) -> live(Pid, F, Frames, Last, R1) end, R1#r.fs),
     {noreply, settle(R1#r{fs = Fs})};
+handle_info({arbo_db_cut, _}, #r{role = leader, fs = Fs} = R) ->
+    #{seq := Seq} = db(fun() -> arbo_db:info(R#r.db) end),
+    [begin
+         erlang:demonitor(F#f.mref, [flush]),
+         close_snap(F),
+         Pid ! {rejoin, self()}
+     end || {Pid, F} <- maps:to_list(Fs)],
+    {noreply, R#r{seq = Seq, base = Seq, joined = [], fs = #{}}};
 handle_info({committed, P}, #r{role = leader} = R) ->
     Deadline = erlang:monotonic_time(millisecond) + R#r.timeout,
     {noreply, settle(R#r{pending = R#r.pending ++ [{Seq, From, Deadline} || {From, Seq} <- P]})};
@@ -184,7 +201,12 @@ handle_info({ack, Pid, Seq}, #r{role = leader, fs = Fs} = R) ->
     case Fs of
         #{Pid := F} ->
             F1 = F#f{acked = max(Seq, F#f.acked), infl = [S || S <- F#f.infl, S > Seq]},
-            {noreply, settle(R#r{fs = Fs#{Pid := feed(Pid, F1, R)}})};
+            %% Out of snapshot mode, a follower holds only this leader's frames.
+            R1 = case F#f.mode of
+                     snapshot -> R;
+                     _ -> R#r{joined = lists:usort([F#f.node | R#r.joined])}
+                 end,
+            {noreply, settle(R1#r{fs = Fs#{Pid := feed(Pid, F1, R1)}})};
         _ -> {noreply, R}
     end;
 handle_info({snap_ack, Pid}, #r{role = leader, fs = Fs} = R) ->
@@ -217,6 +239,9 @@ handle_info({frames, Pid, _, _}, R) ->
     %% Not from this node's leader: an older epoch's, told of the newer.
     Pid ! {newer_epoch, epoch(R)},
     {noreply, R};
+handle_info({rejoin, Pid}, #r{role = follower, lpid = Pid} = R) ->
+    close_tmp(R),
+    {noreply, rejoin(R#r{snap = undefined})};
 handle_info({snap_begin, Pid, SnapSeq}, #r{role = follower, lpid = Pid, dir = Dir} = R) ->
     close_tmp(R),
     Tmp = filename:join(Dir, ".replication.snapshot"),
@@ -261,7 +286,9 @@ lead(#r{subscribed = false} = R) ->
     ok = arbo_db:subscribe(R#r.db),
     lead(R#r{subscribed = true});
 lead(R) ->
-    R1 = publish(R#r{role = leader, lpid = undefined, leader = node(), synced = true}),
+    #{seq := Seq} = db(fun() -> arbo_db:info(R#r.db) end),
+    R1 = publish(R#r{role = leader, lpid = undefined, leader = node(), synced = true,
+                     seq = Seq, base = Seq, joined = []}),
     hello(R1#r{tried = erlang:monotonic_time(millisecond)}).
 
 become_follower(R, Leader) ->
@@ -365,7 +392,9 @@ join(Pid, Epochs, Seq, #r{role = leader, fs = Fs} = R) ->
                                       close_snap(F),
                                       maps:remove(P, A)
                               end, Fs, Old),
-            Same = consistent(Epochs, Seq, R#r.epochs, Last),
+            Same = consistent(Epochs, Seq, R#r.epochs, Last)
+                andalso (Seq =< R#r.base orelse last_epoch(Epochs) =/= epoch(R)
+                         orelse lists:member(node(Pid), R#r.joined)),
             Pid ! {welcome, self(), R#r.epochs, R#r.members, R#r.ack, R#r.timeout, Same},
             Mode = case Same of
                        true when Seq >= SnapSeq -> catchup;
@@ -374,7 +403,12 @@ join(Pid, Epochs, Seq, #r{role = leader, fs = Fs} = R) ->
             %% A diverged follower holds nothing of this leader's yet.
             F = #f{node = node(Pid), mref = erlang:monitor(process, Pid),
                    acked = case Same of true -> Seq; false -> 0 end, sent = Seq, mode = Mode},
-            settle(R#r{seq = max(Last, R#r.seq), fs = Fs1#{Pid => feed(Pid, F, R)}})
+            Joined = case Mode of
+                         snapshot -> R#r.joined;
+                         _ -> lists:usort([node(Pid) | R#r.joined])
+                     end,
+            R1 = R#r{seq = max(Last, R#r.seq), joined = Joined},
+            settle(R1#r{fs = Fs1#{Pid => feed(Pid, F, R1)}})
     end;
 join(Pid, _, _, R) ->
     Pid ! {newer_epoch, epoch(R)},

@@ -154,7 +154,13 @@ repl_test_() ->
                          {"a promoted follower holds every majority commit; the old leader converges",
                           fun promote_after_leader_killed/0},
                          {"a split fails majority commits with no_quorum and heals",
-                          fun split_and_heal/0}]].
+                          fun split_and_heal/0},
+                         {"followers holding frames their leader lost are rebuilt from its snapshot",
+                          fun leader_lost_frames/0},
+                         {"promote refuses when a more advanced member compacted past the node",
+                          fun promote_behind/0},
+                         {"a follower outside replicas counts for ack one, not for majority",
+                          fun unlisted_follower/0}]].
 
 equal_after_batches() ->
     with_nodes(fun(Root, [A, B, C]) ->
@@ -331,6 +337,128 @@ split_and_heal() ->
         same(B, C, S3),
         ?assertNot(has(A, 3)),
         ?assertEqual({error, {not_leader, NB}}, commit(A, batch(6)))
+    end).
+
+%% Frames go to the followers while the leader syncs them: the leader can
+%% lose what they hold, by a sync that fails (its frames are cut back out
+%% of its journal) or by its machine going down before the sync (the last
+%% frames written are missing when it comes back). Either way its next
+%% frames reuse those sequence numbers, and the followers must be rebuilt.
+leader_lost_frames() ->
+    with_nodes(fun(Root, [A, B, C]) ->
+        S0 = majority_group(Root, A, B, C),
+        [{ok, _} = commit(A, batch(I)) || I <- lists:seq(1, 20)],
+        S1 = S0 + 20,
+        same(A, B, S1),
+        same(A, C, S1),
+        {_, NA} = A,
+        {_, NB} = B,
+        {_, NC} = C,
+        [ok = erpc:call(N, arbo_db, close, [?NAME]) || N <- [NB, NC]],
+        kill(A),
+        drop_last_frames(dir(Root, A), 3),
+        %% A comes back 3 frames short and, while its followers are away,
+        %% commits past where they stand.
+        A1 = restart(A),
+        open(Root, A1, #{replicas => [NB, NC], ack => none}),
+        ?assertEqual(S1 - 3, seq(A1)),
+        [{ok, _} = commit(A1, batch(I)) || I <- lists:seq(100, 104)],
+        follower(Root, B, A1),
+        follower(Root, C, A1),
+        {ok, S2} = commit(A1, batch(105)),
+        same(A1, B, S2),
+        same(A1, C, S2),
+        ?assertNot(has(B, 20)),
+        ?assert(has(B, 104)),
+        %% A sync that fails on the leader after its followers had the
+        %% frames: a majority holds them, yet the commit is not acknowledged.
+        ok = erpc:call(NA, arbo_db, close, [?NAME]),
+        open(Root, A1, #{replicas => [NB, NC], ack => majority, fail_at => journal_sync}),
+        following(A1, 2, 100),
+        ?assertEqual({error, injected}, commit(A1, batch(200))),
+        ?assertEqual({error, injected}, commit(A1, batch(201))),
+        ?assertEqual(S2, seq(A1)),
+        converged(A1, [B, C], 100),
+        ?assertNot(has(B, 200)),
+        ?assertNot(has(C, 201))
+    end).
+
+%% Cut the last N frames off a store's journal.
+drop_last_frames(Dir, N) ->
+    [Path] = filelib:wildcard(filename:join(Dir, "journal-*.log")),
+    {ok, Bin} = file:read_file(Path),
+    {ok, SnapSeq, _} = arbo_db_journal:parse_header(Bin),
+    {ok, #{frames := Frames}} = arbo_db_journal:scan(Bin, SnapSeq),
+    Drop = lists:sum([16 + byte_size(P) || {_, P} <- lists:nthtail(length(Frames) - N, Frames)]),
+    {ok, Fd} = file:open(Path, [read, write, raw, binary]),
+    {ok, _} = file:position(Fd, byte_size(Bin) - Drop),
+    ok = file:truncate(Fd),
+    ok = file:close(Fd).
+
+%% The leader feeds Count followers.
+following({_, N}, Count, Tries) ->
+    Repl = erpc:call(N, erlang, whereis, [list_to_atom("arbo_repl " ++ atom_to_list(?NAME))]),
+    [Fs] = [X || X <- tuple_to_list(erpc:call(N, sys, get_state, [Repl])), is_map(X)],
+    case map_size(Fs) >= Count orelse Tries =:= 0 of
+        true -> ?assertEqual(Count, map_size(Fs));
+        false -> timer:sleep(100), following({x, N}, Count, Tries - 1)
+    end.
+
+%% Followers that end with the leader's sequence number and tree.
+converged(L, Fs, 0) -> [?assertEqual({seq(L), dump_of(L)}, {seq(F), dump_of(F)}) || F <- Fs];
+converged(L, Fs, N) ->
+    case lists:all(fun(F) -> seq(F) =:= seq(L) andalso dump_of(F) =:= dump_of(L) end, Fs) of
+        true -> ok;
+        false -> timer:sleep(100), converged(L, Fs, N - 1)
+    end.
+
+%% B, away, falls behind; C has compacted past it; the leader is lost.
+%% Promoting B would drop what C holds: B refuses and names C; C can be
+%% promoted, and B then takes its snapshot.
+promote_behind() ->
+    with_nodes(fun(Root, [A, B, C]) ->
+        S0 = majority_group(Root, A, B, C),
+        same(A, B, S0),
+        {_, NB} = B,
+        {_, NC} = C,
+        ok = erpc:call(NB, arbo_db, close, [?NAME]),
+        [{ok, _} = commit(A, batch(I)) || I <- lists:seq(1, 10)],
+        {ok, S1} = commit(A, []),
+        ok = erpc:call(NC, arbo_db, wait_for, [?NAME, S1, 20000]),
+        ok = erpc:call(NC, arbo_db, snapshot, [?NAME]),
+        ?assertMatch(#{snapshot_seq := S1}, info(C)),
+        kill(A),
+        follower(Root, B, A),
+        ?assertEqual({error, {behind, NC}}, erpc:call(NB, arbo_db, promote, [?NAME])),
+        ?assertEqual(follower, role(B)),
+        {ok, _} = erpc:call(NC, arbo_db, promote, [?NAME]),
+        {ok, S2} = commit(C, batch(11)),
+        same(C, B, S2),
+        ?assert(has(B, 10)),
+        ?assertMatch(#{replication := #{leader := NC}}, info(B))
+    end).
+
+%% C follows A without being one of A's replicas: it is fed, and it
+%% counts for ack => one; a majority is of A and its replicas only.
+unlisted_follower() ->
+    with_nodes(fun(Root, [A, B, C]) ->
+        leader(Root, A, [B], majority),
+        follower(Root, B, A),
+        follower(Root, C, A),
+        {ok, S0} = commit(A, base()),
+        same(A, C, S0),
+        {_, NA} = A,
+        {_, NB} = B,
+        ok = erpc:call(NB, arbo_db, close, [?NAME]),
+        ?assertEqual({error, no_quorum}, commit(A, batch(1))),
+        ?assert(has(C, 1) orelse begin timer:sleep(500), has(C, 1) end),
+        ok = erpc:call(NA, arbo_db, close, [?NAME]),
+        leader(Root, A, [B], one),
+        {ok, S1} = retry_commit(A, batch(2), 5),
+        same(A, C, S1),
+        %% Without C, nothing meets ack => one.
+        ok = erpc:call(element(2, C), arbo_db, close, [?NAME]),
+        ?assertEqual({error, no_quorum}, commit(A, batch(3)))
     end).
 
 %% A former leader learns of the newer epoch when it reaches a member.
