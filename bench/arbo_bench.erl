@@ -16,7 +16,8 @@
 
 -export([main/0, groups/0, quick/0, median/1, ns_per_op/3, turns/2, holds/3]).
 
-groups() -> [arbo_bench_store, arbo_bench_walk, arbo_bench_io, arbo_bench_api, arbo_bench_db].
+groups() -> [arbo_bench_store, arbo_bench_walk, arbo_bench_io, arbo_bench_api, arbo_bench_db, arbo_bench_repl,
+            arbo_bench_sched].
 
 quick() -> os:getenv("ARBO_BENCH_QUICK") =:= "1".
 

@@ -140,6 +140,27 @@ static_assert(sizeof(load_result) == 64, "eight 64-bit words");
 // "ok" with the tree unchanged; the generation is incremented in any case.
 int32_t _arbo_nif_io_load(ErlNifEnv* env, arbo_t* table, const char* path, int64_t checkpoint,
                           int32_t capture, const ErlNifPid* progress_pid, load_result* result);
+// Why a load ended. Every operation handler that ends a load says which
+// of these it is. Those marked "ok" set no result code: the load answers
+// "ok" although the rest of the file was not applied (the file format keeps
+// them so); callers that must know put a marker record before each record
+// and count the markers reached (see arbo_file).
+enum class load_stop : uint8_t {
+  kEnd,                // the end of the file: every record applied
+  kCode,               // a result code was set: an error, or "truncate"
+  kAboveRoot,          // "ok": cd_up_1 or cd_up with only the root on the stack
+  kValueAtRoot,        // "ok": insert, insert_bin0 or insert_bin at the root
+  kChildRefused,       // "ok": cd, cd_int or cd_dyn made no child (another kind
+                       //       holds the key, or the node takes no such child)
+  kListKeyForm,        // "ok": cd_dyn with a key of a kind above 1
+  kListMode,           // "ok": cd_dyn with an ordering mode above 4
+  kNamespaceKeyForm,   // "ok": delete_ns with a key of a kind other than 0
+  kMoveTargetMissing,  // "ok": move of a child that is not there
+};
+// Skipped without ending the load: rename_ns and rename_instance_2 of a
+// missing child, move_rel_2 when either instance is missing or the
+// reference key is a tag.
+
 // Atom text of a load result code; "undefined_error" above 11.
 const char* _arbo_nif_io_load_res_str(uint32_t code);
 

@@ -1,13 +1,18 @@
 // Module lifecycle, the table handle and the table of exported functions.
 #include "arbo_nif.h"
 
+#include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <thread>
+#include <utility>
 
 #include "arbo_alloc.h"
 #include "arbo_stack.h"
 #include "arbo_store.h"
+#include "arbo_walk.h"
 
 namespace arbo {
 
@@ -18,30 +23,111 @@ ERL_NIF_TERM raise_error(ErlNifEnv* env, const char* reason, const char* file, i
   return enif_raise_exception(env, t);
 }
 
+// ---- scheduling ----------------------------------------------------------------------
+
+namespace {
+// The call the current normal-scheduler thread is running, set by the entry
+// trampoline of its row in the function table.
+struct CurrentCall {
+  const ErlNifFunc* row = nullptr;
+  ERL_NIF_TERM (*fn)(ErlNifEnv*, int, const ERL_NIF_TERM[]) = nullptr;
+  int argc = 0;
+  const ERL_NIF_TERM* argv = nullptr;
+};
+thread_local CurrentCall t_call;
+}  // namespace
+
+bool on_normal_scheduler() { return t_call.row != nullptr; }
+
+ERL_NIF_TERM continue_dirty(ErlNifEnv* env, bool io) {
+  ARBO_ASSERT(t_call.row != nullptr);
+  return enif_schedule_nif(env, t_call.row->name,
+                           io ? ERL_NIF_DIRTY_JOB_IO_BOUND : ERL_NIF_DIRTY_JOB_CPU_BOUND,
+                           t_call.fn, t_call.argc, t_call.argv);
+}
+
+bool long_chain(const arbo_node* first) {
+  if (!on_normal_scheduler()) return false;
+  uint64_t steps = 0;
+  for (const arbo_node* c = first; c != nullptr; c = sibling(c))
+    if (++steps > kStepBudget) return true;
+  return false;
+}
+
+// Runs one row's function with the thread marked as a normal scheduler.
+class EntryScope {
+ public:
+  EntryScope(const ErlNifFunc* row, decltype(CurrentCall::fn) fn, int argc,
+             const ERL_NIF_TERM* argv) {
+    t_call = {row, fn, argc, argv};
+  }
+  ~EntryScope() { t_call = {}; }
+  EntryScope(const EntryScope&) = delete;
+  EntryScope& operator=(const EntryScope&) = delete;
+};
+
 // ---- handle ------------------------------------------------------------------------
 
-bool get_arbo_t(ErlNifEnv* env, ERL_NIF_TERM term, arbo_t** table, uint32_t* options, bool write,
-                bool* closed) {
-  *closed = false;
+namespace {
+
+// Decodes the handle tuple; the table is not locked.
+bool decode_handle(ErlNifEnv* env, ERL_NIF_TERM term, arbo_t** table, unsigned* opts) {
   int arity = 0;
   const ERL_NIF_TERM* el = nullptr;
   void* obj = nullptr;
-  unsigned opts = 0;
   if (!enif_get_tuple(env, term, &arity, &el) || arity != 4) return false;
   // Atoms are unique immediates: equal exactly when identical. The runtime's
   // general comparison would compare the atoms' texts on every call.
   if (el[0] != am_arbo) return false;
   if (!enif_get_resource(env, el[1], arbo_type, &obj)) return false;
-  if (!enif_get_uint(env, el[2], &opts)) return false;
-  arbo_t* t = static_cast<arbo_t*>(obj);
+  if (!enif_get_uint(env, el[2], opts)) return false;
+  *table = static_cast<arbo_t*>(obj);
+  return true;
+}
+
+void unlock_table(arbo_t* t, bool write) {
+  if (write) enif_rwlock_rwunlock(t->lock);
+  else enif_rwlock_runlock(t->lock);
+}
+
+// The lock is taken; a closed table is refused with the lock released.
+bool refuse_closed(arbo_t* t, bool write, bool* closed) {
+  if (t->root != nullptr) return false;
+  unlock_table(t, write);
+  *closed = true;
+  return true;
+}
+
+}  // namespace
+
+bool get_arbo_t(ErlNifEnv* env, ERL_NIF_TERM term, arbo_t** table, uint32_t* options, bool write,
+                bool* closed) {
+  *closed = false;
+  arbo_t* t = nullptr;
+  unsigned opts = 0;
+  if (!decode_handle(env, term, &t, &opts)) return false;
   if (write) enif_rwlock_rwlock(t->lock);
   else enif_rwlock_rlock(t->lock);
-  if (t->root == nullptr) {
-    if (write) enif_rwlock_rwunlock(t->lock);
-    else enif_rwlock_runlock(t->lock);
-    *closed = true;
+  if (refuse_closed(t, write, closed)) return false;
+  *table = t;
+  if (options) *options = opts;
+  return true;
+}
+
+bool get_arbo_t_try(ErlNifEnv* env, ERL_NIF_TERM term, arbo_t** table, uint32_t* options,
+                    bool write, bool* closed, bool* busy) {
+  *busy = false;
+  if (!on_normal_scheduler()) return get_arbo_t(env, term, table, options, write, closed);
+  *closed = false;
+  arbo_t* t = nullptr;
+  unsigned opts = 0;
+  if (!decode_handle(env, term, &t, &opts)) return false;
+  const int r = write ? enif_rwlock_tryrwlock(t->lock) : enif_rwlock_tryrlock(t->lock);
+  if (r != 0) {
+    *busy = true;
     return false;
   }
+  if (refuse_closed(t, write, closed)) return false;
   *table = t;
   if (options) *options = opts;
   return true;
@@ -49,7 +135,8 @@ bool get_arbo_t(ErlNifEnv* env, ERL_NIF_TERM term, arbo_t** table, uint32_t* opt
 
 TableGuard::TableGuard(ErlNifEnv* env, ERL_NIF_TERM handle, Lock mode) : mode_(mode) {
   arbo_t* t = nullptr;
-  if (get_arbo_t(env, handle, &t, &options_, mode == Lock::kExclusive, &closed_)) table_ = t;
+  if (get_arbo_t_try(env, handle, &t, &options_, mode == Lock::kExclusive, &closed_, &busy_))
+    table_ = t;
 }
 
 TableGuard::TableGuard(arbo_t* table, Lock mode) : table_(table), mode_(mode) {
@@ -67,6 +154,7 @@ void TableGuard::unlock() {
 }
 
 ERL_NIF_TERM TableGuard::raise(ErlNifEnv* env, int line) const {
+  if (busy_) return continue_dirty(env);
   return raise_error(env, closed_ ? "arbo_closed" : "badarg", __FILE_NAME__, line);
 }
 
@@ -165,6 +253,8 @@ ARBO_NIF_FN(close_arbo) {
   (void)argc;
   TableGuard g(env, argv[0], Lock::kExclusive);
   if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
+  if (on_normal_scheduler() && _arbo_nif_subtree_exceeds(g.table()->root, 1, kFreeBudget))
+    return continue_dirty(env);
   free_tree(g.table(), env);
   g.table()->generation++;
   return am_ok;
@@ -200,9 +290,41 @@ ARBO_NIF_FN(get_mem) {
 
 // ---- resource types and module callbacks ---------------------------------------
 
+// Trees dropped without close are freed here, off whatever thread happened to
+// collect the handle. Unload waits until none is left in progress.
+std::atomic<int> g_reaping{0};
+
+static void reap(arbo_t* orphan) {
+  _arbo_nif_rehome_indexes(orphan->root, orphan);
+  free_tree(orphan, nullptr);
+  enif_free(orphan);
+  g_reaping.fetch_sub(1);
+}
+
 static void arbo_type_destroy(ErlNifEnv* env, void* obj) {
   auto* t = static_cast<arbo_t*>(obj);
-  // Nobody else holds a reference any more: no lock needed.
+  // Nobody else holds a reference any more: no lock needed. A big tree goes
+  // to a thread of its own with a copy of the handle's fields (the handle's
+  // memory is the runtime's once this returns); the library counter, which
+  // it updates, is atomic.
+  if (t->root != nullptr && _arbo_nif_subtree_exceeds(t->root, 1, kFreeBudget)) {
+    iter_nodes_free_all(t);
+    t->iter_nodes = nullptr;
+    auto* orphan = static_cast<arbo_t*>(enif_alloc(sizeof(arbo_t)));
+    if (orphan != nullptr) {
+      std::memcpy(static_cast<void*>(orphan), t, sizeof(arbo_t));
+      orphan->lock = nullptr;
+      g_reaping.fetch_add(1);
+      try {
+        std::thread(reap, orphan).detach();
+        t->root = nullptr;
+        t->pool = nullptr;
+      } catch (...) {
+        g_reaping.fetch_sub(1);
+        enif_free(orphan);
+      }
+    }
+  }
   if (t->root != nullptr) free_tree(t, env);
   _arbo_pool_destroy(t->pool);
   t->pool = nullptr;
@@ -263,6 +385,8 @@ static int upgrade(ErlNifEnv* env, void** priv, void** old_priv, ERL_NIF_TERM in
 
 static void unload(ErlNifEnv* env, void* priv) {
   (void)env;
+  // The code of a tree being freed in the background must stay mapped.
+  while (g_reaping.load() != 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
   if (priv != nullptr) arbo_nif_alloc_finish(static_cast<arbo_alloc_state*>(priv));
 }
 
@@ -328,6 +452,29 @@ static ErlNifFunc nif_funcs[] = {
     {"save_nif", 3, arbo::save_nif, ERL_NIF_DIRTY_JOB_IO_BOUND},
 };
 
+// Every row without a dirty flag is entered through a trampoline that marks
+// the thread as a normal scheduler for the length of the call, so that a call
+// can tell where it runs and start over dirty with its own function (the
+// rows' names, arities and flags stay as they are).
+namespace {
+using NifFn = ERL_NIF_TERM (*)(ErlNifEnv*, int, const ERL_NIF_TERM[]);
+constexpr size_t kFuncs = sizeof(nif_funcs) / sizeof(nif_funcs[0]);
+NifFn g_body[kFuncs];
+
+template <size_t I>
+ERL_NIF_TERM entry(ErlNifEnv* env, int argc, const ERL_NIF_TERM argv[]) {
+  arbo::EntryScope scope(&nif_funcs[I], g_body[I], argc, argv);
+  return g_body[I](env, argc, argv);
+}
+
+template <size_t... I>
+void route_entries(std::index_sequence<I...>) {
+  (((nif_funcs[I].flags == 0) ? (g_body[I] = nif_funcs[I].fptr, nif_funcs[I].fptr = entry<I>)
+                              : nif_funcs[I].fptr),
+   ...);
+}
+}  // namespace
+
 // Older headers named the dirty-scheduler option bit; newer ones only document
 // that the field is 1 when dirty NIFs are used.
 #ifndef ERL_NIF_DIRTY_NIF_OPTION
@@ -339,6 +486,11 @@ static ErlNifFunc nif_funcs[] = {
 extern "C" {
 __attribute__((visibility("default"))) ErlNifEntry* nif_init(void);
 ErlNifEntry* nif_init(void) {
+  static bool routed = false;
+  if (!routed) {
+    route_entries(std::make_index_sequence<kFuncs>{});
+    routed = true;
+  }
   static ErlNifEntry entry = {
       2,
       15,

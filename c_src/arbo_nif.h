@@ -31,6 +31,10 @@ ERL_NIF_TERM raise_error(ErlNifEnv* env, const char* reason, const char* file, i
 // nothing locked; `closed` tells a closed table from a malformed handle.
 bool get_arbo_t(ErlNifEnv* env, ERL_NIF_TERM term, arbo_t** table, uint32_t* options, bool write,
                 bool* closed);
+// The same, but on a normal scheduler a lock held by another caller is only
+// tried: false with `busy` set and nothing locked when it is taken.
+bool get_arbo_t_try(ErlNifEnv* env, ERL_NIF_TERM term, arbo_t** table, uint32_t* options,
+                    bool write, bool* closed, bool* busy);
 
 enum class Lock { kShared, kExclusive };
 
@@ -49,7 +53,8 @@ class TableGuard {
   bool ok() const { return table_ != nullptr; }
   arbo_t* table() const { return table_; }
   uint32_t options() const { return options_; }
-  // The exception for a failed decode: "arbo_closed" or "badarg".
+  // The exception for a failed decode: "arbo_closed" or "badarg"; or, when
+  // the lock was busy on a normal scheduler, the call continued dirty.
   ERL_NIF_TERM raise(ErlNifEnv* env, int line) const;
   void unlock();
   // Leaves the lock held for good. Only for paths whose contract keeps it.
@@ -59,8 +64,46 @@ class TableGuard {
   arbo_t* table_ = nullptr;
   uint32_t options_ = 0;
   bool closed_ = false;
+  bool busy_ = false;
   Lock mode_;
 };
+
+// ---- scheduling ----------------------------------------------------------------
+// A call entered from Erlang runs on a normal scheduler, where the VM expects
+// it back within about a millisecond. Work that may take longer (long sibling
+// chains, big subtrees to free, a dump) is measured against a budget first
+// and, past it, the call starts over on a dirty scheduler with the same
+// arguments (enif_schedule_nif): the result, effect and locking are those of
+// one uninterrupted call, since the dirty run does all of the work under one
+// hold of the lock. A lock held by someone else is not waited for on a normal
+// scheduler either: the guard only tries it, and the call waits on a dirty
+// scheduler instead.
+
+// True while the current call runs on a normal scheduler.
+bool on_normal_scheduler();
+// Starts the current call over on a dirty scheduler (CPU-bound unless `io`).
+// Only valid on a normal scheduler; the caller returns the term as it is.
+ERL_NIF_TERM continue_dirty(ErlNifEnv* env, bool io = false);
+// Sibling steps a walk may take on a normal scheduler (about 0.3 ms of
+// pointer chasing through cold memory).
+constexpr uint64_t kStepBudget = 1u << 14;
+// Nodes and index entries a deletion may free on a normal scheduler.
+constexpr uint64_t kFreeBudget = 1u << 12;
+
+// Counts the steps of a walk; on a dirty scheduler it never runs out.
+class StepBudget {
+ public:
+  StepBudget() : left_(on_normal_scheduler() ? kStepBudget : UINT64_MAX) {}
+  // False once spent: the caller gives up and continues dirty.
+  bool step() { return left_-- != 0; }
+
+ private:
+  uint64_t left_;
+};
+
+// True, on a normal scheduler only, when the chain from `first` is longer
+// than the step budget.
+bool long_chain(const arbo_node* first);
 
 // Raise the guard's decode failure with this line.
 #define ARBO_RAISE_HANDLE(env, guard) (guard).raise((env), __LINE__)

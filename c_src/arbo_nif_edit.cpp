@@ -10,6 +10,7 @@
 #include "arbo_alloc.h"
 #include "arbo_nif.h"
 #include "arbo_store.h"
+#include "mirel_hashtable.h"
 
 namespace arbo {
 
@@ -32,6 +33,27 @@ bool type_invalid(const arbo_node* n) { return n->type() == 0; }
 
 }  // namespace
 
+// On a normal scheduler: whether adding a child to `parent` may outlast the
+// budget. An integer child chain is walked to find the place; a big
+// user-ordered list's index may grow, which moves every entry at once.
+static bool long_add(const arbo_node* parent) {
+  if (!on_normal_scheduler()) return false;
+  if (!parent->is_dyn()) return long_chain(parent->child);
+  const dyn_node* d = as_dyn(parent);
+  if (d->cmp != 3 || d->head[2] == nullptr) return false;
+  const auto* h = reinterpret_cast<const mirel_hashtable*>(d->head[2]);
+  return _mirel_hashtable_count(h) > kFreeBudget && _mirel_hashtable_grows_on_insert(h) != 0;
+}
+
+// On a normal scheduler: whether deleting `target` (null: not found) from
+// `parent` may outlast the budget: the search along a long integer chain, or
+// the nodes and index entries to free.
+static bool long_delete(const arbo_node* parent, const arbo_node* target) {
+  if (!on_normal_scheduler()) return false;
+  if (!parent->is_dyn() && long_chain(parent->child)) return true;
+  return target != nullptr && _arbo_nif_subtree_exceeds(target, 0, kFreeBudget);
+}
+
 ARBO_NIF_FN(add_hkey_dyn) {
   (void)argc;
   arbo_node* parent = nullptr;
@@ -43,6 +65,7 @@ ARBO_NIF_FN(add_hkey_dyn) {
   TableGuard g(env, argv[0], Lock::kExclusive);
   if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
   if (type_invalid(parent)) return ARBO_INVALID_TYPE(env);
+  if (long_add(parent)) return continue_dirty(env);
   store_ctx ctx{g.table(), env};
   arbo_node* n =
       _arbo_nif_add_hkey_int(parent, tag, ns, &ctx, kAddList, static_cast<uint8_t>(mode));
@@ -60,6 +83,7 @@ ARBO_NIF_FN(add_hkey_internal) {
   if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
   if (parent->is_dyn()) return ARBO_BADARG(env);
   if (type_invalid(parent)) return ARBO_INVALID_TYPE(env);
+  if (long_add(parent)) return continue_dirty(env);
   store_ctx ctx{g.table(), env};
   arbo_node* n = _arbo_nif_add_hkey_int(parent, tag, 0, &ctx, kAddContainer, 0);
   if (n == nullptr) return ARBO_BADARG(env);
@@ -99,6 +123,7 @@ ARBO_NIF_FN(add_hkey) {
       // Byte keys go straight to the list: no type check, the store sets the flags.
       ErlNifBinary bin;
       if (!enif_inspect_binary(env, argv[2], &bin)) return ARBO_BADARG(env);
+      if (parent->is_dyn() && long_add(parent)) return continue_dirty(env);
       arbo_node* n =
           _arbo_nif_add_hkey_bin(parent, bin.data, bin.size, &ctx, static_cast<int>(code));
       if (n == nullptr) return ARBO_BADARG(env);
@@ -117,6 +142,7 @@ ARBO_NIF_FN(add_hkey) {
       return ARBO_BADARG(env);
   }
   if (type_invalid(parent)) return ARBO_INVALID_TYPE(env);
+  if (long_add(parent)) return continue_dirty(env);
   arbo_node* n = _arbo_nif_add_hkey_int(parent, tag, ns, &ctx, add_kind, 0);
   if (n == nullptr) return ARBO_BADARG(env);
   // Also on an existing node: the flag says how Erlang last named the key.
@@ -146,6 +172,9 @@ ARBO_NIF_FN(del_hkey) {
       if (!parent->is_dyn()) return am_false;
       ErlNifBinary bin;
       if (!enif_inspect_binary(env, argv[2], &bin)) return ARBO_BADARG(env);
+      if (long_delete(parent, _arbo_nif_find_child_bin(parent, code == kDelBinTuple, bin.data,
+                                                       bin.size)))
+        return continue_dirty(env);
       if (!_arbo_nif_del_hkey_bin(parent, code == kDelBinTuple, bin.data, bin.size, &ctx))
         return am_false;
       g.table()->generation++;
@@ -162,6 +191,7 @@ ARBO_NIF_FN(del_hkey) {
       return ARBO_BADARG(env);
   }
   if (type_invalid(parent)) return ARBO_INVALID_TYPE(env);
+  if (long_delete(parent, _arbo_nif_find_child_int(parent, tag, ns))) return continue_dirty(env);
   if (!_arbo_nif_del_hkey_int(parent, tag, ns, &ctx)) return am_false;
   g.table()->generation++;
   return am_true;
@@ -214,6 +244,8 @@ ARBO_NIF_FN(del_ns) {
   TableGuard g(env, argv[0], Lock::kExclusive);
   if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
   if (type_invalid(parent)) return ARBO_INVALID_TYPE(env);
+  if (on_normal_scheduler() && _arbo_nif_subtree_exceeds(parent->child, 1, kFreeBudget))
+    return continue_dirty(env);
   store_ctx ctx{g.table(), env};
   if (!_arbo_nif_del_ns_int(parent, ns, &ctx)) return am_false;
   g.table()->generation++;
@@ -233,6 +265,7 @@ ARBO_NIF_FN(rename_ns) {
   // Only namespaced children of an integer list move; everything else is a
   // plain "false" (no type check here by contract).
   if (child->type() < T_DYN_NODE || node_ns(child) == 0 || parent->is_dyn()) return am_false;
+  if (long_chain(parent->child)) return continue_dirty(env);
   store_ctx ctx{g.table(), env};
   if (!_arbo_nif_rename_ns(parent, child, new_ns, &ctx)) return am_false;
   g.table()->generation++;
@@ -291,6 +324,8 @@ ARBO_NIF_FN(del_all) {
   TableGuard g(env, argv[0], Lock::kExclusive);
   if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
   arbo_node* root = g.table()->root;
+  if (on_normal_scheduler() && _arbo_nif_subtree_exceeds(root->child, 1, kFreeBudget))
+    return continue_dirty(env);
   if (root->child != nullptr) {
     store_ctx ctx{g.table(), env};
     // The first child and every later sibling; iterators on them fall back to 0.

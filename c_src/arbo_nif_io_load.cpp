@@ -115,6 +115,7 @@ struct load_state {
   int64_t file_size;  // -1 when it cannot be measured
   uint64_t consumed = 0;
   int32_t result = LOAD_OK;
+  load_stop stop = load_stop::kEnd;  // why the load ended
   int32_t in_trans = 0;
   // path stack; hints[i] serves the list at stack[i]
   arbo_node* cur = nullptr;
@@ -378,6 +379,12 @@ void forget_hints(load_state* st) {
 
 // ---- operations ----------------------------------------------------------------------
 
+// Ends the load without a result code: the caller sees "ok".
+int stop(load_state* st, load_stop why) {
+  st->stop = why;
+  return 0;
+}
+
 int _load_op_zero(load_state* st, uint8_t) {
   st->result = LOAD_NOT_IMPLEMENTED;
   return 0;
@@ -446,17 +453,19 @@ int _load_op_cd(load_state* st, uint8_t form) {
       break;
     default: st->result = LOAD_INVALID_DATA; return 0;
   }
-  if (n == nullptr) return 0;
+  if (n == nullptr) return stop(st, load_stop::kChildRefused);
   return enter_node(st, n);
 }
 
-int _load_op_cd_up_1(load_state* st, uint8_t) { return stack_pop(st); }
+int _load_op_cd_up_1(load_state* st, uint8_t) {
+  return stack_pop(st) ? 1 : stop(st, load_stop::kAboveRoot);
+}
 
 int _load_op_cd_up(load_state* st, uint8_t) {
   uint8_t count = 0;
   if (!read_u8(st, &count)) return 0;
   for (uint8_t i = 0; i < count; ++i)
-    if (!stack_pop(st)) return 0;
+    if (!stack_pop(st)) return stop(st, load_stop::kAboveRoot);
   return 1;
 }
 
@@ -495,7 +504,7 @@ bool csval_in_buffer(load_state* st, const unsigned char** bytes, size_t* len) {
 }
 
 int _load_op_insert(load_state* st, uint8_t) {
-  if (st->at_root()) return 0;
+  if (st->at_root()) return stop(st, load_stop::kValueAtRoot);
   const unsigned char* bytes = nullptr;
   size_t len = 0;
   if (csval_in_buffer(st, &bytes, &len)) {
@@ -604,7 +613,7 @@ int _load_op_set_flags8(load_state* st, uint8_t) {
 int _load_op_delete_ns(load_state* st, uint8_t form) {
   decoded_key k;
   if (!_load_key(st, form, &k)) return 0;
-  if (k.kind != 0) return 0;
+  if (k.kind != 0) return stop(st, load_stop::kNamespaceKeyForm);
   forget_hints(st);
   _arbo_nif_del_ns_int(st->cur, k.tag, &st->ctx);
   return 1;
@@ -632,13 +641,13 @@ int insert_bin(load_state* st, uint64_t len, bool capture) {
 }
 
 int _load_op_insert_bin0(load_state* st, uint8_t) {
-  if (st->at_root()) return 0;
+  if (st->at_root()) return stop(st, load_stop::kValueAtRoot);
   uint8_t len = 0;
   return read_u8(st, &len) && insert_bin(st, len, true);
 }
 
 int _load_op_insert_bin(load_state* st, uint8_t) {
-  if (st->at_root()) return 0;
+  if (st->at_root()) return stop(st, load_stop::kValueAtRoot);
   uint32_t len = 0;
   return read_u32(st, &len) && insert_bin(st, len, false);
 }
@@ -652,7 +661,7 @@ int _load_op_cd_int(load_state* st, uint8_t form) {
   decoded_key k;
   if (!_load_key(st, form, &k)) return 0;
   arbo_node* n = _arbo_nif_add_hkey_int(st->cur, k.tag, 0, &st->ctx, 2, 0);
-  if (n == nullptr) return 0;
+  if (n == nullptr) return stop(st, load_stop::kChildRefused);
   stack_push(st, n);
   return 1;
 }
@@ -664,14 +673,14 @@ int cd_dyn(load_state* st, uint8_t form, bool old) {
   }
   decoded_key k;
   if (!_load_key(st, form, &k)) return 0;
-  if (!old && k.kind > 1) return 0;
+  if (!old && k.kind > 1) return stop(st, load_stop::kListKeyForm);
   uint8_t mode = 0;
   if (!read_u8(st, &mode)) return 0;
   uint8_t cmp_mode = mode;
   if (old) cmp_mode = mode == 0 ? 0 : (mode == 255 ? 3 : 1);
-  else if (mode > 4) return 0;
+  else if (mode > 4) return stop(st, load_stop::kListMode);
   arbo_node* n = _arbo_nif_add_hkey_int(st->cur, k.tag, k.ns, &st->ctx, 0, cmp_mode);
-  if (n == nullptr) return 0;
+  if (n == nullptr) return stop(st, load_stop::kChildRefused);
   stack_push(st, n);
   return 1;
 }
@@ -702,7 +711,7 @@ int _load_op_move(load_state* st, uint8_t form) {
   uint32_t pos = 0;
   if (!_load_key(st, form, &k) || !read_u32(st, &pos)) return 0;
   arbo_node* child = _arbo_nif_io_find_child(st->cur, &k);
-  if (child == nullptr) return 0;
+  if (child == nullptr) return stop(st, load_stop::kMoveTargetMissing);
   forget_hints(st);
   _arbo_nif_dl_move_to(st->cur, child, static_cast<int>(pos));
   return 1;
@@ -821,7 +830,10 @@ void run(load_state* st) {
       st->result = LOAD_INVALID_OP;
       return;
     }
-    if (!kHandlers[op & 0x1f](st, static_cast<uint8_t>(op >> 5))) return;
+    if (!kHandlers[op & 0x1f](st, static_cast<uint8_t>(op >> 5))) {
+      if (st->result != LOAD_OK) st->stop = load_stop::kCode;
+      return;
+    }
   }
 }
 

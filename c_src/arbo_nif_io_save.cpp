@@ -9,6 +9,7 @@
 #include "arbo_alloc.h"
 #include "arbo_io.h"
 #include "arbo_store.h"
+#include "arbo_walk.h"
 
 namespace arbo {
 
@@ -243,30 +244,33 @@ int write_attributes(save_ctx* c, const arbo_node* n) {
 
 }  // namespace
 
+// Depth first: a node's records, its children, then its "up" record, then
+// the next sibling; the walk keeps its path off the C stack.
 int _save_children(save_ctx* c, const arbo_node* parent) {
-  for (const arbo_node* n = parent->child; n != nullptr; n = sibling(n)) {
-    if (c->skip_mask != 0 &&
-        (_arbo_nif_get_flags(c->env, n) & c->skip_mask) == c->skip_mask)
-      continue;
+  auto enter = [c](const arbo_node* n) {
+    if (c->skip_mask != 0 && (_arbo_nif_get_flags(c->env, n) & c->skip_mask) == c->skip_mask)
+      return Step::kSkip;
     key_bytes key{nullptr, 0};
     const int pc = path_code(n, &key);
     if (pc < 0) {
       c->err = SAVE_NO_KEY;
-      return 0;
+      return Step::kStop;
     }
-    if (!kPathWriters[pc](c, n, key)) return 0;
+    if (!kPathWriters[pc](c, n, key)) return Step::kStop;
     bin_ref v{0, nullptr};
     const int fetched = _arbo_nif_fetch_bin_value(n, &v);
-    if (!kValueWriters[value_code(fetched, v.len)](c, v)) return 0;
+    if (!kValueWriters[value_code(fetched, v.len)](c, v)) return Step::kStop;
     const uint64_t flags = _arbo_nif_get_flags(c->env, n);
-    if (!kFlagsWriters[flags_code(flags)](c, flags)) return 0;
-    if (!write_attributes(c, n)) return 0;
-    if (!_save_children(c, n)) return 0;
+    if (!kFlagsWriters[flags_code(flags)](c, flags)) return Step::kStop;
+    if (!write_attributes(c, n)) return Step::kStop;
+    return Step::kEnter;
+  };
+  auto leave = [c] {
     rec_header up;
     up.u8(OP_CD_UP_1);
-    if (!write_rec(c, up, nullptr, 0)) return 0;
-  }
-  return 1;
+    return write_rec(c, up, nullptr, 0) != 0;
+  };
+  return walk_below(parent, sibling, enter, leave) ? 1 : 0;
 }
 
 int _arbo_nif_io_save(ErlNifEnv* env, arbo_t* table, const char* path, uint64_t skip_mask) {

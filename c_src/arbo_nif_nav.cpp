@@ -13,6 +13,7 @@
 #include "arbo_filter.h"
 #include "arbo_nif.h"
 #include "arbo_store.h"
+#include "arbo_walk.h"
 
 namespace arbo {
 
@@ -43,9 +44,42 @@ bool hidden(uint32_t options, const arbo_node* n) {
   return (options & kOptHideInactive) != 0 && is_inactive(n);
 }
 
+// A list node that keeps its count of inactive instances in attribute 0.
+bool has_cached_inactive(const arbo_node* n) {
+  return n->is_dyn() && n->attr != nullptr && n->attr->hkey() == 0;
+}
+
 bool user_ordered(const arbo_node* n) { return n->is_dyn() && as_dyn(n)->cmp == kUserOrdered; }
 
 ERL_NIF_TERM zero(ErlNifEnv* env) { return enif_make_uint64(env, 0); }
+
+// On a normal scheduler, with inactive nodes hidden: whether the run of
+// inactive siblings from `start` is longer than the budget (the walk skips
+// such a run in one go, before it examines anything).
+bool long_hidden_run(const arbo_node* start, uint32_t options) {
+  if ((options & kOptHideInactive) == 0 || !on_normal_scheduler()) return false;
+  uint64_t steps = 0;
+  for (const arbo_node* n = start; n != nullptr && is_inactive(n); n = sibling(n))
+    if (++steps > kStepBudget) return true;
+  return false;
+}
+
+// The filtered walk, charged to the caller: every call reports the time it
+// took (at least 1% of a time slice), so that a long select made of many
+// calls is descheduled like any busy process, whether its calls end in a
+// yield or in a match.
+ERL_NIF_TERM walk(ErlNifEnv* env, arbo_node* start, int match_flag, uint32_t options,
+                  ERL_NIF_TERM filter, node_stack* stack) {
+  const ErlNifTime t0 = enif_monotonic_time(ERL_NIF_USEC);
+  ERL_NIF_TERM r = filter_match_next(env, start, match_flag, options, filter, stack);
+  if (on_normal_scheduler()) {
+    // A time slice is about a millisecond: one percent per 10 us begun.
+    const ErlNifTime us = enif_monotonic_time(ERL_NIF_USEC) - t0;
+    const int pct = us >= 1000 ? 100 : static_cast<int>(us / 10) + 1;
+    (void)enif_consume_timeslice(env, pct);
+  }
+  return r;
+}
 
 // Shared by first_child_nif and next_sibling_nif/4: the plain step when
 // nothing is filtered or hidden, else the filtered walk from `start`.
@@ -56,8 +90,9 @@ ERL_NIF_TERM step_or_walk(ErlNifEnv* env, arbo_node* start, ERL_NIF_TERM filter,
       return enif_make_tuple2(env, make_node(env, start), am_match_full);
     return make_node(env, start);
   }
+  if (long_hidden_run(start, options)) return continue_dirty(env);
   StackPtr stack = new_stack();
-  return filter_match_next(env, start, match_flag, options, filter, stack.get());
+  return walk(env, start, match_flag, options, filter, stack.get());
 }
 
 // has_child_with_flags / has_child_without_flags: the first visible child
@@ -70,7 +105,9 @@ ERL_NIF_TERM has_child_flags(ErlNifEnv* env, const ERL_NIF_TERM argv[], bool wan
   TableGuard g(env, argv[0], Lock::kShared);
   if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
   if (type_invalid(node)) return ARBO_INVALID_TYPE(env);
+  StepBudget budget;
   for (arbo_node* c = node->child; c != nullptr; c = sibling(c)) {
+    if (!budget.step()) return continue_dirty(env);
     const bool any = (mask & _arbo_nif_get_flags(env, c)) != 0;
     if (any == wanted && !hidden(g.options(), c)) return am_true;
   }
@@ -87,12 +124,17 @@ ARBO_NIF_FN(num_children) {
   if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
   if (type_invalid(node)) return ARBO_INVALID_TYPE(env);
   uint32_t count = 0;
+  const bool hide = (g.options() & kOptHideInactive) != 0;
+  // Counting walks the chain, and so does counting the inactive children
+  // unless a list caches that number.
+  if ((!node->is_dyn() || (hide && !has_cached_inactive(node))) && long_chain(node->child))
+    return continue_dirty(env);
   if (node->is_dyn()) {
     count = static_cast<uint32_t>(as_dyn(node)->size);
   } else {
     for (arbo_node* c = node->child; c != nullptr; c = sibling(c)) ++count;
   }
-  if (g.options() & kOptHideInactive) count -= _arbo_nif_attr_inactive_count(nullptr, node);
+  if (hide) count -= _arbo_nif_attr_inactive_count(nullptr, node);
   return enif_make_uint(env, count);
 }
 
@@ -106,8 +148,11 @@ ARBO_NIF_FN(num_children_with_flag) {
   if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
   if (type_invalid(node)) return ARBO_INVALID_TYPE(env);
   uint32_t count = 0;
-  for (arbo_node* c = node->child; c != nullptr; c = sibling(c))
+  StepBudget budget;
+  for (arbo_node* c = node->child; c != nullptr; c = sibling(c)) {
+    if (!budget.step()) return continue_dirty(env);
     if ((mask & _arbo_nif_get_flags(env, c)) != 0 && !hidden(g.options(), c)) ++count;
+  }
   return enif_make_uint(env, count);
 }
 
@@ -122,8 +167,11 @@ ARBO_NIF_FN(has_descendant_with_flags4) {
   TableGuard g(env, argv[0], Lock::kShared);
   if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
   if (type_invalid(node)) return ARBO_INVALID_TYPE(env);
-  return make_bool(_arbo_nif_has_descendant_with_flags(env, node, mask, static_cast<int>(arg)) !=
-                   0);
+  const uint64_t budget = on_normal_scheduler() ? kStepBudget : kUnlimited;
+  const int found =
+      _arbo_nif_has_descendant_budget(env, node, mask, static_cast<int>(arg), budget);
+  if (found < 0) return continue_dirty(env);
+  return make_bool(found != 0);
 }
 
 ARBO_NIF_FN(has_child_with_flags3) {
@@ -168,7 +216,8 @@ ARBO_NIF_FN(next_sibling_nif) {
     stack.release();
     return ARBO_BADARG(env);
   }
-  return filter_match_next(env, node, match_flag, g.options(), argv[2], stack.get());
+  if (long_hidden_run(node, g.options())) return continue_dirty(env);
+  return walk(env, node, match_flag, g.options(), argv[2], stack.get());
 }
 
 ARBO_NIF_FN(last_child) {
@@ -181,8 +230,12 @@ ARBO_NIF_FN(last_child) {
   // An empty sorted list answers its header view, not 0: callers know it.
   if (node->is_dyn()) return make_node(env, _arbo_nif_dn_last_child(node));
   arbo_node* last = node->child;
+  StepBudget budget;
   if (last != nullptr)
-    while (sibling(last) != nullptr) last = sibling(last);
+    while (sibling(last) != nullptr) {
+      if (!budget.step()) return continue_dirty(env);
+      last = sibling(last);
+    }
   return make_node(env, last);
 }
 
@@ -196,8 +249,11 @@ ARBO_NIF_FN(prev_sibling) {
   if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
   if (user_ordered(parent)) return make_node(env, as_gen(node)->next[1]);
   arbo_node* prev = nullptr;
-  for (arbo_node* c = parent->child; c != nullptr; prev = c, c = sibling(c))
+  StepBudget budget;
+  for (arbo_node* c = parent->child; c != nullptr; prev = c, c = sibling(c)) {
+    if (!budget.step()) return continue_dirty(env);
     if (c == node) return make_node(env, prev);
+  }
   return zero(env);
 }
 
@@ -210,12 +266,20 @@ ARBO_NIF_FN(get_child) {
   if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
   if (type_invalid(node)) return ARBO_INVALID_TYPE(env);
   const uint32_t opts = g.options();
+  StepBudget budget;
   arbo_node* c = node->child;
-  while (c != nullptr && hidden(opts, c)) c = sibling(c);
+  while (c != nullptr && hidden(opts, c)) {
+    if (!budget.step()) return continue_dirty(env);
+    c = sibling(c);
+  }
   // N counts from 1; N = 0 wraps to 2^32 - 1 steps, which runs off the end.
   for (uint32_t steps = n - 1; c != nullptr && steps > 0; --steps) {
+    if (!budget.step()) return continue_dirty(env);
     c = sibling(c);
-    while (c != nullptr && hidden(opts, c)) c = sibling(c);
+    while (c != nullptr && hidden(opts, c)) {
+      if (!budget.step()) return continue_dirty(env);
+      c = sibling(c);
+    }
   }
   return make_node(env, c);
 }
@@ -229,6 +293,10 @@ ARBO_NIF_FN(find_child) {
   TableGuard g(env, argv[0], Lock::kShared);
   if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
   if (type_invalid(node)) return ARBO_INVALID_TYPE(env);
+  // Integer keys are looked up along the child chain outside lists.
+  const bool walks =
+      !node->is_dyn() && (code == kFindTag10 || code == kFindTag11 || code == kFindPair);
+  if (walks && long_chain(node->child)) return continue_dirty(env);
   arbo_node* found = nullptr;
   switch (code) {
     case kFindTag10:
@@ -299,8 +367,9 @@ ARBO_NIF_FN(find_next_nif) {
   }
   if ((g.options() & kOptHideInactive) == 0 && !enif_is_tuple(env, argv[5]))
     return make_node(env, found);
+  if (long_hidden_run(found, g.options())) return continue_dirty(env);
   StackPtr stack = new_stack();
-  return filter_match_next(env, found, 0, g.options(), argv[5], stack.get());
+  return walk(env, found, 0, g.options(), argv[5], stack.get());
 }
 
 ARBO_NIF_FN(move_to) {
@@ -314,6 +383,9 @@ ARBO_NIF_FN(move_to) {
   TableGuard g(env, argv[0], Lock::kExclusive);
   if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
   if (!user_ordered(list)) return ARBO_BADARG(env);
+  // The target position is reached by walking from the first instance.
+  if (pos > 0 && static_cast<uint64_t>(pos) > kStepBudget && long_chain(list->child))
+    return continue_dirty(env);
   if (_arbo_nif_dl_move_to(list, instance, pos) == 0) return am_false;
   g.table()->generation++;
   return am_true;
@@ -348,8 +420,11 @@ ARBO_NIF_FN(child_index) {
   if (child == 0) return enif_make_uint(env, 0);
   if (type_invalid(parent)) return ARBO_INVALID_TYPE(env);
   uint32_t pos = 1;
-  for (arbo_node* c = parent->child; c != nullptr; c = sibling(c), ++pos)
+  StepBudget budget;
+  for (arbo_node* c = parent->child; c != nullptr; c = sibling(c), ++pos) {
+    if (!budget.step()) return continue_dirty(env);
     if (reinterpret_cast<uintptr_t>(c) == child) return enif_make_uint(env, pos);
+  }
   return enif_make_uint(env, 0);
 }
 

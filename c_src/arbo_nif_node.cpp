@@ -8,6 +8,7 @@
 #include "arbo_nif_node.h"
 #include "arbo_stack.h"
 #include "arbo_store.h"
+#include "arbo_walk.h"
 #include "mirel_hashtable.h"
 
 namespace arbo {
@@ -238,9 +239,10 @@ uint32_t _arbo_nif_attr_inactive_inc(store_ctx* ctx, arbo_node* dnode, int32_t d
 
 // ---- deletion --------------------------------------------------------------------------------
 
-void _arbo_nif_do_del_node(arbo_node* node, store_ctx* ctx, int with_siblings,
-                           uintptr_t replacement) {
-  if (node == nullptr) return;
+namespace {
+
+// Steps 1 to 4 of a deletion: everything the node owns except other nodes.
+void release_owned(arbo_node* node, store_ctx* ctx, uintptr_t replacement) {
   // 1. Iterators standing on the node move to the replacement.
   iter_nodes_fixup(ctx->table, node, replacement);
   // 2. A user-ordered list's hash index and its key records.
@@ -252,31 +254,136 @@ void _arbo_nif_do_del_node(arbo_node* node, store_ctx* ctx, int with_siblings,
   if (_arbo_node_key_is_bin(node)) _arbo_node_free_bin_key(&node->key, ctx);
   // 4. A binary value.
   release_bin_value(node, ctx);
-  // 5. Attributes.
-  if (node->attr != nullptr) _arbo_nif_do_del_node(node->attr, ctx, 1, kNoFixup);
-  // 6. Following siblings, iteratively: lists can be long.
-  if (with_siblings) {
-    arbo_node* s = sibling(node);
-    while (s != nullptr) {
-      arbo_node* next = sibling(s);
-      _arbo_nif_do_del_node(s, ctx, 0, kNoFixup);
-      s = next;
+}
+
+// One pending deletion: the node, whether its later siblings go too, and how
+// far its own work has come.
+struct DelFrame {
+  arbo_node* node;
+  arbo_node* cursor;  // the next sibling to delete (stage kSiblings)
+  uint8_t stage;
+  uint8_t with_siblings;
+};
+enum : uint8_t { kAttrs, kSiblings, kChildren, kRecord };
+
+}  // namespace
+
+// The order of work is that of the natural recursion (own data, attributes,
+// later siblings one by one, children, the record), kept on an explicit stack
+// so that a tree of any depth is freed without exhausting the C stack.
+void _arbo_nif_do_del_node(arbo_node* node, store_ctx* ctx, int with_siblings,
+                           uintptr_t replacement) {
+  if (node == nullptr) return;
+  WalkStack<DelFrame> stack;
+  release_owned(node, ctx, replacement);
+  stack.push({node, nullptr, kAttrs, static_cast<uint8_t>(with_siblings != 0)});
+  while (!stack.empty()) {
+    DelFrame& f = stack.top();
+    arbo_node* n = f.node;
+    switch (f.stage) {
+      case kAttrs:
+        // 5. Attributes, with their own later siblings.
+        f.stage = kSiblings;
+        if (n->attr != nullptr) {
+          release_owned(n->attr, ctx, kNoFixup);
+          stack.push({n->attr, nullptr, kAttrs, 1});
+        }
+        break;
+      case kSiblings:
+        // 6. Following siblings, each read before its predecessor's turn ends.
+        if (f.with_siblings) {
+          f.cursor = sibling(n);
+          f.with_siblings = 0;
+        }
+        if (arbo_node* s = f.cursor; s != nullptr) {
+          f.cursor = sibling(s);
+          release_owned(s, ctx, kNoFixup);
+          stack.push({s, nullptr, kAttrs, 0});
+        } else {
+          f.stage = kChildren;
+        }
+        break;
+      case kChildren:
+        // 7. Children, with their siblings.
+        f.stage = kRecord;
+        if (n->child != nullptr) {
+          release_owned(n->child, ctx, kNoFixup);
+          stack.push({n->child, nullptr, kAttrs, 1});
+        }
+        break;
+      default:
+        // 8. The record.
+        stack.pop();
+        _arbo_nif_node_free(n, ctx);
+        break;
     }
   }
-  // 7. Children.
-  if (node->child != nullptr) _arbo_nif_do_del_node(node->child, ctx, 1, kNoFixup);
-  // 8. The record.
-  _arbo_nif_node_free(node, ctx);
+}
+
+bool _arbo_nif_subtree_exceeds(const arbo_node* node, int with_siblings, uint64_t budget) {
+  if (node == nullptr) return false;
+  uint64_t seen = 0;
+  auto weigh = [&](const arbo_node* n) {
+    seen += 1;
+    // A user-ordered list's index is freed entry by entry as well.
+    if (n->is_dyn() && as_dyn(n)->cmp == 3 && as_dyn(n)->head[2] != nullptr)
+      seen += static_cast<uint32_t>(as_dyn(n)->size);
+    return seen > budget;
+  };
+  WalkStack<const arbo_node*> stack;
+  if (weigh(node)) return true;
+  if (node->attr != nullptr) stack.push(node->attr);
+  if (node->child != nullptr) stack.push(node->child);
+  if (with_siblings && sibling(node) != nullptr) stack.push(sibling(node));
+  while (!stack.empty()) {
+    const arbo_node* n = stack.top();
+    stack.pop();
+    if (weigh(n)) return true;
+    if (sibling(n) != nullptr) stack.push(sibling(n));
+    if (n->attr != nullptr) stack.push(n->attr);
+    if (n->child != nullptr) stack.push(n->child);
+  }
+  return false;
+}
+
+void _arbo_nif_rehome_indexes(arbo_node* node, arbo_t* table) {
+  WalkStack<arbo_node*> stack;
+  stack.push(node);
+  while (!stack.empty()) {
+    arbo_node* n = stack.top();
+    stack.pop();
+    if (n->is_dyn() && as_dyn(n)->cmp == 3 && as_dyn(n)->head[2] != nullptr)
+      _mirel_hashtable_set_freekey_arg(reinterpret_cast<mirel_hashtable*>(as_dyn(n)->head[2]),
+                                       static_cast<uint64_t>(reinterpret_cast<uintptr_t>(table)));
+    for (arbo_node* c = n->child; c != nullptr; c = sibling(c)) stack.push(c);
+  }
 }
 
 // ---- descendant flags ----------------------------------------------------------------------
 
+int _arbo_nif_has_descendant_budget(ErlNifEnv* env, const arbo_node* node, uint64_t mask,
+                                    int include_self, uint64_t budget) {
+  if (include_self && (_arbo_nif_get_flags(env, node) & mask) != 0) return 1;
+  // Each node before its children, the children before the later siblings:
+  // the order of the natural recursion.
+  int found = 0;
+  walk_below(node, sibling, [&](const arbo_node* c) {
+    if (budget-- == 0) {
+      found = -1;
+      return Step::kStop;
+    }
+    if ((_arbo_nif_get_flags(env, c) & mask) != 0) {
+      found = 1;
+      return Step::kStop;
+    }
+    return Step::kEnter;
+  }, [] { return true; });
+  return found;
+}
+
 int _arbo_nif_has_descendant_with_flags(ErlNifEnv* env, const arbo_node* node, uint64_t mask,
                                         int include_self) {
-  if (include_self && (_arbo_nif_get_flags(env, node) & mask) != 0) return 1;
-  for (const arbo_node* c = node->child; c != nullptr; c = sibling(c))
-    if (_arbo_nif_has_descendant_with_flags(env, c, mask, 1)) return 1;
-  return 0;
+  return _arbo_nif_has_descendant_budget(env, node, mask, include_self, kUnlimited);
 }
 
 }  // namespace arbo

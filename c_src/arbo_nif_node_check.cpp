@@ -5,6 +5,7 @@
 #include "arbo_keys.h"
 #include "arbo_nif_node.h"
 #include "arbo_store_check.h"
+#include "arbo_walk.h"
 #include "mirel_hashtable.h"
 
 namespace arbo {
@@ -186,19 +187,38 @@ bool attr_check_invariants(const arbo_node* node, check_msg* why) {
   return true;
 }
 
+namespace {
+bool node_check_invariants(const arbo_node* n, check_msg* why) {
+  if (!value_flags_ok(n, why) || !attr_check_invariants(n, why)) return false;
+  return n->is_dyn() ? dn_check_invariants(n, why) : int_list_check_invariants(n, why);
+}
+}  // namespace
+
 bool tree_check_invariants(const arbo_node* node, check_msg* why) {
-  if (!value_flags_ok(node, why) || !attr_check_invariants(node, why)) return false;
-  if (node->is_dyn() ? !dn_check_invariants(node, why) : !int_list_check_invariants(node, why))
-    return false;
-  for (const arbo_node* c = node->child; c != nullptr; c = sibling(c))
-    if (!tree_check_invariants(c, why)) return false;
-  return true;
+  // Parents before children, children before later siblings, without
+  // recursion: a checked tree may be as deep as any other.
+  if (!node_check_invariants(node, why)) return false;
+  return walk_below(node, sibling, [why](const arbo_node* c) {
+    return node_check_invariants(c, why) ? Step::kEnter : Step::kStop;
+  }, [] { return true; });
 }
 
 size_t subtree_node_count(const arbo_node* node) {
   size_t n = 0;
-  for (const arbo_node* a = node->attr; a != nullptr; a = sibling(a)) n += 1 + subtree_node_count(a);
-  for (const arbo_node* c = node->child; c != nullptr; c = sibling(c)) n += 1 + subtree_node_count(c);
+  WalkStack<const arbo_node*> stack;
+  stack.push(node);
+  while (!stack.empty()) {
+    const arbo_node* at = stack.top();
+    stack.pop();
+    for (const arbo_node* a = at->attr; a != nullptr; a = sibling(a)) {
+      ++n;
+      stack.push(a);
+    }
+    for (const arbo_node* c = at->child; c != nullptr; c = sibling(c)) {
+      ++n;
+      stack.push(c);
+    }
+  }
   return n;
 }
 

@@ -142,6 +142,9 @@ ARBO_NIF_FN(set_val) {
   return am_ok;
 }
 
+// Nodes a dump may hold and still be written on a normal scheduler.
+constexpr uint32_t kPrintInline = 16;
+
 // The dump is written whatever the printer meets; a path it cannot open
 // leaves no file and still answers ok.
 ARBO_NIF_FN(file_print) {
@@ -150,6 +153,9 @@ ARBO_NIF_FN(file_print) {
   if (!get_nul_path(env, argv[1], &path)) return ARBO_BADARG(env);
   TableGuard g(env, argv[0], Lock::kShared);
   if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
+  // Opening a file and every line written are I/O: beyond a tiny tree the
+  // dump is written from a dirty I/O scheduler.
+  if (on_normal_scheduler() && g.table()->size > kPrintInline) return continue_dirty(env, true);
   _arbo_nif_print_nodes(env, g.table(), path);
   return am_ok;
 }

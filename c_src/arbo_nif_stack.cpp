@@ -17,10 +17,17 @@ ARBO_NIF_FN(push_iter_node) {
   arbo_t* t = g.table();
   iter_stack* s = iter_nodes_find_stack(env, t);
   if (s == nullptr) {
-    s = iter_nodes_new_stack();
-    enif_self(env, &s->owner_pid);
-    int rc = enif_monitor_process(env, t, &s->owner_pid, &s->monitor);
+    ErlNifPid self;
+    ErlNifMonitor monitor;
+    enif_self(env, &self);
+    const int rc = enif_monitor_process(env, t, &self, &monitor);
+    // A caller killed while its call waited on a dirty scheduler is gone for
+    // good: nobody reads this answer, and a stack it cannot own would leak.
+    if (rc > 0 && !on_normal_scheduler()) return am_ok;
     ARBO_ASSERT_MSG(rc == 0, "0");
+    s = iter_nodes_new_stack();
+    s->owner_pid = self;
+    s->monitor = monitor;
     s->next = t->iter_nodes;
     t->iter_nodes = s;
   }

@@ -129,6 +129,16 @@ void _arbo_nif_do_del_node(arbo_node* node, store_ctx* ctx, int with_siblings,
                            uintptr_t replacement);
 int _arbo_nif_has_descendant_with_flags(ErlNifEnv* env, const arbo_node* node, uint64_t mask,
                                         int include_self);
+// The same search, giving up after `budget` nodes looked at: -1 then.
+int _arbo_nif_has_descendant_budget(ErlNifEnv* env, const arbo_node* node, uint64_t mask,
+                                    int include_self, uint64_t budget);
+// Points the key-release argument of every user-ordered list index in the
+// subtree at `table`: a tree whose nodes move to another handle record (a
+// dropped tree freed in the background) releases its keys through it.
+void _arbo_nif_rehome_indexes(arbo_node* node, arbo_t* table);
+// True when deleting `node` (with its later siblings when `with_siblings`)
+// would free more than `budget` nodes and index entries; stops counting there.
+bool _arbo_nif_subtree_exceeds(const arbo_node* node, int with_siblings, uint64_t budget);
 // ---- value-length table of encoded values -----------------------------------
 // Inline: the loader asks it once per value record.
 

@@ -207,7 +207,18 @@ void* _mirel_hashtable_remove(mirel_hashtable* h, const void* key) {
 }
 
 void _mirel_hashtable_destroy(mirel_hashtable* h, int free_values) {
-  for (uint32_t i = 0; i < h->tablelength; ++i) {
+  // Chains start at random addresses: the entries a few buckets ahead, and
+  // the keys of those a little nearer, are fetched while this bucket is
+  // released, so a big index is torn down at the speed of the memory bus
+  // rather than one cache miss after another. The order of release is the
+  // same bucket-by-bucket, chain-by-chain order as always.
+  constexpr uint32_t kAhead = 16, kKeyAhead = 8;
+  const uint32_t n = h->tablelength;
+  for (uint32_t i = 0; i < n; ++i) {
+    if (i + kAhead < n && h->table[i + kAhead] != nullptr)
+      __builtin_prefetch(h->table[i + kAhead]);
+    if (i + kKeyAhead < n && h->table[i + kKeyAhead] != nullptr)
+      __builtin_prefetch(h->table[i + kKeyAhead]->k);
     entry* e = h->table[i];
     while (e != nullptr) {
       entry* next = e->next;
@@ -222,6 +233,14 @@ void _mirel_hashtable_destroy(mirel_hashtable* h, int free_values) {
 }
 
 uint32_t _mirel_hashtable_bucket_count(const mirel_hashtable* h) { return h->tablelength; }
+
+void _mirel_hashtable_set_freekey_arg(mirel_hashtable* h, uint64_t freekey_arg) {
+  h->freekey_arg = freekey_arg;
+}
+
+int _mirel_hashtable_grows_on_insert(const mirel_hashtable* h) {
+  return h->entrycount + 1 > h->loadlimit && h->primeindex + 1 < kPrimeCount;
+}
 
 int _mirel_hashtable_check(const mirel_hashtable* h) {
   if (h->primeindex >= kPrimeCount || kPrimes[h->primeindex] != h->tablelength) return 0;

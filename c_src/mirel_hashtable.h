@@ -41,6 +41,10 @@ void _mirel_hashtable_destroy(mirel_hashtable* h, int free_values);
 // its stored hash, that hash is still the key's, the chains hold exactly
 // `count` entries and the load limit matches the bucket count.
 uint32_t _mirel_hashtable_bucket_count(const mirel_hashtable* h);
+// The argument handed to the key-release function from now on.
+void _mirel_hashtable_set_freekey_arg(mirel_hashtable* h, uint64_t freekey_arg);
+// 1 when the next insert moves every entry to a bigger bucket array.
+int _mirel_hashtable_grows_on_insert(const mirel_hashtable* h);
 int _mirel_hashtable_check(const mirel_hashtable* h);
 
 }  // namespace arbo

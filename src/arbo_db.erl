@@ -47,10 +47,11 @@
 -export([open/2, commit/2, tree/1, sync/1, snapshot/1, info/1, close/1]).
 -export([subscribe/1, frames_since/2, append/2]).
 -export([start_link/2, init_it/3]).
--export([init/1, handle_call/3, handle_cast/2, handle_info/2, terminate/2]).
+-export([init/1, handle_call/3, handle_cast/2, handle_continue/2, handle_info/2, terminate/2]).
 -export_type([db/0, op/0]).
 
 -include_lib("kernel/include/file.hrl").
+-export([promote/1, wait_for/3]).
 
 -type db() :: pid() | atom().
 -type op() :: arbo_db_batch:op().
@@ -58,7 +59,8 @@
                      compact_bytes => non_neg_integer(), recover => boolean(),
                      atom() => term()}.
 
--record(s, {name, dir, tree, fd, jpath, jsize, seq, snap_seq, snap_id, snap_size,
+-record(s, {repl = none,
+            name, dir, tree, fd, jpath, jsize, seq, snap_seq, snap_id, snap_size,
             sync, compact, last_sync, pending = [], buf = [], timer, failed, subs = [],
             scratch, crash_at, direct, retry_at = 0}).
 
@@ -183,7 +185,9 @@ snapshot(Db) -> gen_server:call(Db, snapshot, infinity).
 
 %% @doc `seq' (last committed), `snapshot_seq', `journal_bytes',
 %% `last_sync' (monotonic milliseconds of the last sync, or `undefined'),
-%% `dir', `sync'.
+%% `dir', `sync', and `replication': `#{role => none}', or for a replicated
+%% store its `role' (`leader' or `follower'), `leader', `epoch', `members'
+%% and `synced' (see {@link wait_for/3}).
 -spec info(db()) -> map().
 info(Db) -> gen_server:call(Db, info, infinity).
 
@@ -193,8 +197,9 @@ close(Db) -> gen_server:call(Db, close, infinity).
 
 %% @doc Frames as they reach the journal, for followers: the calling
 %% process receives `{arbo_db_frames, Name, [{Seq, Payload}]}' after each
-%% write of the journal (after its sync with `sync => always'), the frames
-%% in sequence order.
+%% write of the journal and before its sync, the frames in sequence order.
+%% A write or sync that fails takes the frames back out of the journal:
+%% `{arbo_db_cut, Name}' follows, and {@link info/1} gives the `seq' kept.
 -spec subscribe(db()) -> ok.
 subscribe(Db) -> gen_server:call(Db, {subscribe, self()}, infinity).
 
@@ -248,13 +253,16 @@ init({Name, Opts}) ->
                        end,
             direct = maps:get(direct_max, Opts, 64)},
     case recover(S0, maps:get(recover, Opts, false)) of
-        {ok, S} -> {ok, S};
+        {ok, S} -> {ok, S#s{repl = arbo_repl:start(Name, Opts, self())}};
         {error, R} -> arbo_tree:close(T), {stop, R}
     end.
 
 %% @private
 handle_call({commit, _}, _, #s{failed = F} = S) when F =/= undefined ->
     {reply, {error, {store_failed, F}}, S};
+handle_call({commit, _}, _, #s{repl = #{role := follower, leader := L}} = S) ->
+    {reply, {error, {not_leader, L}}, S};
+handle_call({repl, Req}, _, S) -> repl_call(Req, flush(S));
 handle_call({commit, []}, From, #s{seq = Seq} = S) ->
     noreply(S#s{pending = [{From, Seq} | S#s.pending]});
 handle_call({commit, Ops}, From, #s{tree = T, seq = Seq} = S) ->
@@ -309,7 +317,8 @@ handle_call(snapshot, _, S) ->
 handle_call(info, _, S) ->
     S1 = flush(S),
     {reply, #{seq => S1#s.seq, snapshot_seq => S1#s.snap_seq, journal_bytes => S1#s.jsize,
-              last_sync => S1#s.last_sync, dir => S1#s.dir, sync => S1#s.sync}, S1};
+              last_sync => S1#s.last_sync, dir => S1#s.dir, sync => S1#s.sync,
+              replication => maps:without([pid], arbo_repl:info(S1#s.repl))}, S1};
 handle_call(close, _, S) ->
     S1 = flush(S),
     {_, S2} = datasync(S1),
@@ -318,6 +327,16 @@ handle_call(Other, _, S) -> noreply_with({error, {badarg, Other}}, S).
 
 %% @private
 handle_cast(_, S) -> {noreply, S}.
+
+%% @private
+handle_continue({replay, Frames}, S) ->
+    case arbo_db_journal:replay(S#s.tree, S#s.scratch, [P || {_, P} <- Frames]) of
+        ok -> {noreply, S, 0};
+        {error, R} ->
+            logger:error("arbo_db ~p: frames ~p..~p written but not applied: ~p",
+                         [S#s.name, element(1, hd(Frames)), element(1, lists:last(Frames)), R]),
+            {noreply, rebuild(S), 0}
+    end.
 
 %% @private
 handle_info(timeout, S) ->
@@ -399,7 +418,10 @@ flush(#s{fd = Fd, buf = Buf, sync = Sync} = S) ->
     Bytes = [arbo_db_journal:frame(Seq, P) || {Seq, P} <- Frames],
     Size = iolist_size(Bytes),
     R = case file:write(Fd, Bytes) of
-            ok when Sync =:= always -> file:datasync(Fd);
+            ok ->
+                %% Followers write the frames while this node syncs them.
+                [Pid ! {arbo_db_frames, S#s.name, Frames} || {Pid, _} <- S#s.subs],
+                case step(S, journal_sync) of ok when Sync =:= always -> file:datasync(Fd); R0 -> R0 end;
             Other -> Other
         end,
     case R of
@@ -411,11 +433,11 @@ flush(#s{fd = Fd, buf = Buf, sync = Sync} = S) ->
                          S1#s{timer = erlang:send_after(Ms, self(), sync_tick)};
                      _ -> S1
                  end,
-            [Pid ! {arbo_db_frames, S#s.name, Frames} || {Pid, _} <- S#s.subs],
             reply_all(S2);
         {error, Reason} ->
             [gen_server:reply(From, {error, Reason}) || {From, _} <- S#s.pending],
             S1 = S#s{buf = [], pending = []},
+            [Pid ! {arbo_db_cut, S#s.name} || {Pid, _} <- S#s.subs],
             rebuild(cut(S1, Reason))
     end.
 
@@ -424,7 +446,10 @@ flush(#s{fd = Fd, buf = Buf, sync = Sync} = S) ->
 %% for other stores to hold its frame would be held back here.
 reply_all(#s{pending = []} = S) -> S;
 reply_all(#s{pending = P} = S) ->
-    [gen_server:reply(From, {ok, Seq}) || {From, Seq} <- lists:reverse(P)],
+    case arbo_repl:committed(S#s.repl, lists:reverse(P)) of
+        true -> ok;
+        false -> [gen_server:reply(From, {ok, Seq}) || {From, Seq} <- lists:reverse(P)]
+    end,
     S#s{pending = []}.
 
 %% Take a failed write back out of the journal.
@@ -671,3 +696,50 @@ opened(S, Fd, JPath, Size, Last, Seq, Id, Snap) ->
     _ = file:delete(S#s.scratch),
     S#s{fd = Fd, jpath = JPath, jsize = Size, seq = Last, snap_seq = Seq, snap_id = Id,
         snap_size = filelib:file_size(Snap), failed = undefined}.
+
+%% ---------------------------------------------------------------------------
+%% Replication (arbo_repl): where a store's files meet its replicas
+
+%% @doc Make this follower the leader of its replicas under a new, higher
+%% epoch (see the README's Replication section).
+-spec promote(db()) -> {ok, term()} | {error, term()}.
+promote(Db) -> arbo_repl:promote(Db).
+
+%% @doc Wait until the store has applied sequence number `Seq' (on a
+%% follower: the leader's commit that answered `{ok, Seq}', and its leader
+%% has accepted its journal as a prefix of its own): `ok', or `{error,
+%% timeout}' after `Timeout' milliseconds.
+-spec wait_for(db(), non_neg_integer(), timeout()) -> ok | {error, timeout}.
+wait_for(Db, Seq, Timeout) -> arbo_repl:wait_for(Db, Seq, Timeout).
+
+repl_call({set, Repl}, S) -> {reply, ok, S#s{repl = Repl}};
+%% A follower's frames (the next ones, in order): applied in one pass of
+%% the loader, written in one write.
+repl_call({append, Frames}, #s{seq = Seq} = S) ->
+    case [Sq || {Sq, _} <- Frames] =:= lists:seq(Seq + 1, Seq + length(Frames)) of
+        false -> {reply, {error, {out_of_order, Seq + 1}}, S};
+        true ->
+            %% Durable first and answered (the follower acknowledges them),
+            %% then applied: a call to this store waits for the tree.
+            case [ok || {_, P} <- Frames, arbo_db_journal:parts(P) =:= error] of
+                [] ->
+                    S1 = flush(S#s{seq = Seq + length(Frames), buf = lists:reverse(Frames)}),
+                    case S1#s.seq > Seq of
+                        true -> {reply, {ok, S1#s.seq}, S1, {continue, {replay, Frames}}};
+                        false -> {reply, {ok, S1#s.seq}, S1, 0}
+                    end;
+                _ -> {reply, {error, bad_payload}, S}
+            end
+    end;
+%% A follower takes its leader's snapshot in place of all it holds.
+repl_call({install, Tmp, SnapSeq}, #s{dir = Dir, tree = T} = S) ->
+    _ = file:close(S#s.fd),
+    {ok, Names} = file:list_dir(Dir),
+    [ok = file:delete(filename:join(Dir, N)) || N <- Names, parse_name(N) =/= none],
+    ok = file:rename(Tmp, filename:join(Dir, snap_name(SnapSeq, rand:bytes(16)))),
+    ok = sync_dir(Dir),
+    ok = arbo_tree:clear(T),
+    case recover(S#s{fd = undefined}, false) of
+        {ok, S1} -> {reply, {ok, S1#s.seq}, S1};
+        {error, R} -> {stop, {install_failed, R}, {error, R}, S}
+    end.

@@ -43,7 +43,7 @@
 %% loader's path stands at that node: {ParentPath, ParentChain, ParentId,
 %% ParentKind, NodeId}; none after any other operation.
 -record(v, {t, nodes, links = #{}, stack = [root], run = none, parts = [], next = 1,
-            acts = [], want = true, moved = false, near = none}).
+            acts = [], want = true, moved = false, forms = #{}, near = none}).
 
 %% ---------------------------------------------------------------------------
 
@@ -194,7 +194,9 @@ op({rename, P, NewKey}, V) ->
     kind(Id, V1) =:= instance orelse refuse(wrong_node_type),
     ListId = lists:last(Parent),
     {instance, Old, Ref, Gone} = maps:get(Id, V1#v.nodes),
-    case instance_key(NewKey) of
+    New0 = instance_key(NewKey),
+    form(New0) =:= form(Old) orelse refuse({key_form, NewKey}),
+    case New0 of
         Old -> refuse(key_taken);
         New ->
             case child(ListId, New, V1) of
@@ -202,9 +204,12 @@ op({rename, P, NewKey}, V) ->
                     {F, B} = key_bytes(New),
                     V3 = emit([key_record(27, Old), F, B], navigate(Parent, V2)),
                     #v{nodes = Nodes, links = Links} = V3,
+                    %% a rename moves the tree's epoch: later actions name
+                    %% their nodes by path
                     {{rename, target(Chain, V1), New},
                      V3#v{nodes = Nodes#{Id := {instance, New, Ref, Gone}},
-                          links = Links#{{ListId, Old} => deleted, {ListId, New} => Id}}};
+                          links = Links#{{ListId, Old} => deleted, {ListId, New} => Id},
+                          moved = true}};
                 {_, _} -> refuse(key_taken)
             end
     end;
@@ -256,7 +261,8 @@ create(P, Kind, V) when is_list(P), P =/= [] ->
     Kind =/= container orelse is_integer(Key) orelse refuse({bad_key, Last}),
     Act = {create, target(Chain, V1), Kind, Key},
     case child(PId, Key, V1) of
-        {none, V2} ->
+        {none, V20} ->
+            V2 = one_form(PId, PKind, Key, Last, V20),
             #v{nodes = Nodes, links = Links, next = Id} = V2,
             V3 = V2#v{nodes = Nodes#{Id => {Kind, Key, undefined, []}},
                       links = Links#{{PId, Key} => Id}, next = Id + 1},
@@ -310,6 +316,33 @@ child(PId, Key, #v{t = T, nodes = Nodes, links = Links, next = Next} = V) ->
             end
     end.
 
+%% A user-ordered list holds instances of one key form (its hash index
+%% would take keys of two forms for one): the form of its first instance,
+%% in the tree or made earlier in the batch, is the only one it takes.
+one_form(PId, {list, user_order}, Key, Asked, #v{forms = Forms} = V) ->
+    Form = case Forms of
+               #{PId := F} -> F;
+               _ -> tree_form(PId, V)
+           end,
+    Form =:= none orelse Form =:= form(Key) orelse refuse({key_form, Asked}),
+    V#v{forms = Forms#{PId => form(Key)}};
+one_form(_, _, _, _, V) -> V.
+
+tree_form(PId, #v{t = T, nodes = Nodes}) ->
+    case maps:get(PId, Nodes) of
+        {_, _, undefined, _} -> none;
+        {_, _, Ref, _} ->
+            case arbo_tree:first_child(T, Ref) of
+                none -> none;
+                First -> form(arbo_tree:key(T, First))
+            end
+    end.
+
+form({int, _}) -> int;
+form({pair, Ns, _}) -> {pair, Ns};
+form({opaque, _}) -> opaque;
+form(_) -> tuple.
+
 kind(Id, #v{nodes = Nodes}) -> element(1, maps:get(Id, Nodes)).
 key(Id, #v{nodes = Nodes}) -> element(2, maps:get(Id, Nodes)).
 keys(_, #v{want = false}) -> [];
@@ -354,7 +387,7 @@ instance_key(N) when ?I32(N) -> {int, N};
 instance_key({int, N} = K) when ?I32(N) -> K;
 %% A pair's namespace travels in one byte, and the byte 12 marks another
 %% kind of key: those pairs could not be replayed.
-instance_key({pair, Ns, N} = K) when ?I32(N), is_integer(Ns), Ns >= 0, Ns =< 255, Ns =/= 12 -> K;
+instance_key({pair, Ns, N} = K) when ?I32(N), is_integer(Ns), Ns >= 1, Ns =< 255, Ns =/= 12 -> K;
 instance_key({tuple, Elems}) -> instance_key(Elems);
 instance_key(Elems) when is_list(Elems) ->
     try {encoded, arbo_key:encode(Elems)}

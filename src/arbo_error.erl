@@ -37,7 +37,13 @@ explain({keeper_not_started, Why}) ->
     fmt("the tree's keeper process could not be started: ~tP", [Why, 12]);
 explain({stale_node, _}) ->
     "the node reference was made before a change that can free nodes (a deletion, clear/1, "
-    "load, close/1): find the node again";
+    "load, an instance's rename, close/1): find the node again";
+explain({read_only, _}) -> "the handle is read-only (arbo_tree:read_only/1): it cannot change the tree";
+explain({key_form, _}) ->
+    "a user-ordered list holds one key form (integers, pairs of one namespace, tuples or "
+    "opaque binaries), and a rename keeps an instance's form";
+explain({key_clash, _}) ->
+    "the list's order takes this key for another instance's key: it cannot hold both";
 explain({wrong_table, _}) -> "the node reference belongs to another tree";
 explain({wrong_node_type, _}) -> "the operation does not apply to this kind of node";
 explain({not_user_ordered, _}) -> "only instances of a user-ordered list can be moved";
@@ -57,11 +63,12 @@ explain({bad_mode, _}) -> "the key order is one of 0..3 (sorted, length first, .
 explain(_) -> none.
 
 badarg({option, O}) -> fmt("unknown option ~tP", [O, 12]);
+badarg({options, _}) -> "options are a list";
 badarg({tag, _}) -> "a tag is an integer 0..4294967295";
 badarg({namespace, _}) -> "a namespace is an integer 0..4294967295";
 badarg({name, _}) -> "a name is a tag 0..4294967295 or {Namespace, Tag}";
-badarg({key, _}) -> "not an instance key: {int, N}, {pair, Ns, N}, {tuple, Elements}, "
-                    "{encoded, Bytes} or {opaque, Binary}";
+badarg({key, _}) -> "not an instance key: {int, N}, {pair, Ns, N} (Ns 1..255 but 12), "
+                    "{tuple, Elements}, {encoded, Bytes} or {opaque, Binary}";
 badarg({key, _, Why}) -> fmt("the encoded key does not check: ~tP", [Why, 12]);
 badarg({order, _}) -> "an order is sorted, sorted_length_first, sorted_length_first_but_last "
                       "or user_order";

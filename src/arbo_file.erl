@@ -31,7 +31,7 @@
          | deprecated_op, offset()}
       | {{bad_key, arbo_key:reason()}, offset()}
       | {{bad_value, arbo_val:reason()}, offset()}
-      | {file:posix() | badarg | terminated | system_limit, offset()}.
+      | {file:posix() | badarg | terminated | system_limit | not_regular | changed, offset()}.
 -type load_info() :: #{nodes := non_neg_integer(), file_size := non_neg_integer(),
                        transactions := non_neg_integer(),
                        checkpoint := integer(),
@@ -45,13 +45,22 @@
 
 -define(MAGIC, 16#EEDA0001).
 
+%% What the marked copy of a file holds: its markers, the file's own
+%% transaction starts, the checkpoint argument for the copy, the distinct
+%% wide flag values.
+-record(marks, {count = 0, trans = 0, checkpoint = -1, wide = #{}}).
+
 %% ---------------------------------------------------------------------------
 %% Verification
 
 %% @doc Check that a file is a well-formed save file: the magic, every
 %% record complete, every opcode and key form defined, every encoded key
 %% well formed, every encoded value framed by its type. Returns the first
-%% problem with the offset of the record it was found in. This is stricter
+%% problem with the offset of the record it was found in. Only regular
+%% files are read (`{error, {not_regular, 0}}' for a FIFO, a device or a
+%% directory, answered without opening it), and only as many bytes as the
+%% file held when it was opened (`{error, {changed, 0}}' when it grew or
+%% shrank while it was read). This is stricter
 %% than the loader, which stops at some records (a `cd_up' above the root,
 %% an unknown ordering mode) without reading further: verification reads
 %% every record to the end of the file.
@@ -69,8 +78,42 @@ verify_binary(Bin) when is_binary(Bin), byte_size(Bin) < 4 -> {error, {truncated
 verify_binary(Bin) when is_binary(Bin) -> {error, {invalid_magic, 0}}.
 
 read(Path) ->
-    try file:read_file(Path)
+    try read_regular(Path)
     catch error:_ -> {error, badarg}
+    end.
+
+%% A FIFO would block the open, a device would never end: the type is
+%% checked before the open and again on the open file, and no more than
+%% the size it had then is read.
+read_regular(Path) ->
+    case file:read_file_info(Path) of
+        {ok, #file_info{type = regular}} ->
+            case file:open(Path, [read, raw, binary]) of
+                {ok, Fd} ->
+                    try read_opened(Fd) after file:close(Fd) end;
+                {error, _} = E -> E
+            end;
+        {ok, _} -> {error, not_regular};
+        {error, _} = E -> E
+    end.
+
+read_opened(Fd) ->
+    case file:read_file_info(Fd) of
+        {ok, #file_info{type = regular, size = Size}} ->
+            case {read_n(Fd, Size), file:read(Fd, 1)} of
+                {{ok, Bin}, eof} when byte_size(Bin) =:= Size -> {ok, Bin};
+                {{error, _} = E, _} -> E;
+                _ -> {error, changed}
+            end;
+        {ok, _} -> {error, not_regular};
+        {error, _} = E -> E
+    end.
+
+read_n(_, 0) -> {ok, <<>>};
+read_n(Fd, Size) ->
+    case file:read(Fd, Size) of
+        eof -> {ok, <<>>};
+        Other -> Other
     end.
 
 %% The records a saved tree is mostly made of are matched in place, whole,
@@ -178,6 +221,7 @@ save(Tree, Path) -> save(Tree, Path, []).
 -spec save(arbo:handle(), file:filename_all(), [{skip_flags, non_neg_integer()}]) ->
           ok | {error, term()}.
 save(Tree, Path, Opts) ->
+    options(Opts, [skip_flags]),
     Mask = proplists:get_value(skip_flags, Opts, 0),
     (is_integer(Mask) andalso Mask >= 0 andalso Mask < 1 bsl 64)
         orelse error({badarg, {skip_flags, Mask}}),
@@ -188,7 +232,15 @@ save(Tree, Path, Opts) ->
                     {error, not_regular};
                 _ ->
                     Tmp = temp_name(Target),
-                    finish(write_synced(Tree, Tmp, Mask), Tmp, Target)
+                    %% A helper runs the library's save: a caller killed
+                    %% meanwhile leaves it to remove the temporary file.
+                    aided(fun(Caller) ->
+                              R = write_synced(Tree, Tmp, Mask),
+                              case is_process_alive(Caller) of
+                                  true -> finish(R, Tmp, Target);
+                                  false -> file:delete(Tmp)
+                              end
+                          end)
             end;
         error -> {error, badarg}
     end.
@@ -258,25 +310,41 @@ load(Tree, Path) -> load(Tree, Path, []).
 %%  <li>`{progress, Pid}': the library's progress messages `{msg, {Count,
 %%      Consumed, Path, FileSize, Transactions, ElapsedMs, Now}}' are
 %%      forwarded to Pid as they come; `{progress, Fun}': Fun is called with
-%%      a map of the same figures, in a helper process. The library reports
-%%      after 30 seconds, then every minute, later every five minutes.</li>
+%%      a map of the same figures, in a helper process (a Fun still running
+%%      five seconds after the load is ended). The library reports after 30
+%%      seconds, then every minute, later every five minutes; Consumed and
+%%      Transactions count the private copy the library reads, which holds
+%%      a one-byte marker per record.</li>
 %%  <li>`{checkpoint, N}': -2 records the first checkpoint record and stops
 %%      at the next, N >= 0 accepts only the checkpoint at N, other
 %%      negative values (the default, -1) stop at the first one.</li>
 %%  <li>`{capture, true}': keep a copy of a short binary value on a top
 %%      level node with tag 0 (`captured' in the result).</li>
 %% </ul>
+%% Options that are not a list, and options not named here, raise
+%% `error({badarg, {options, Opts}})' and `error({badarg, {option, O}})'.
 %% The bytes verified are the bytes loaded: they go to the library through a
 %% private copy in the temporary directory (`TMPDIR', else `/tmp'), so the
 %% file cannot be swapped between the check and the load. Returns `{ok,
 %% Info}' (also when the file ends in a truncation mark or
 %% stops at a checkpoint: `truncated_at' says where), `{error, {invalid_file,
 %% {Reason, Offset}}}' when verification fails (nothing is loaded), `{error,
-%% {Reason, 0}}' when the file cannot be read, or `{error, Atom}' for a
-%% loader error met after some records were applied (the tree keeps them).
+%% {Reason, 0}}' when the file cannot be read (`not_regular', `changed' or
+%% a posix error, see {@link verify/1}), `{error, flags_table_full}' when
+%% the file holds more distinct wide flag values than the VM's table has
+%% room for (see {@link arbo_tree:set_flags/3}; nothing is loaded), `{error,
+%% {stopped_at, Offset, Why}}' when the library ended the load early at the
+%% record at Offset without an error of its own (Why: `above_root',
+%% `value_at_root', `child_refused' (the tree holds a node of another kind
+%% there, or the node takes no such child), `list_key_form', `list_mode',
+%% `namespace_key_form', `move_target_missing'), or `{error, Atom}' for a
+%% loader error; in the last two cases the records before are applied and
+%% the tree keeps them. Info's `transactions', `truncated_at' and
+%% `checkpoint' are the file's own.
 -spec load(arbo_tree:tree(), file:filename_all(), [load_option()]) ->
           {ok, load_info()} | {error, term()}.
 load(Tree, Path, Opts) ->
+    options(Opts, [progress, checkpoint, capture]),
     Progress = proplists:get_value(progress, Opts, undefined),
     Checkpoint = proplists:get_value(checkpoint, Opts, -1),
     Capture = case proplists:get_value(capture, Opts, false) of
@@ -315,66 +383,246 @@ load_copy(Tree, Bin, Checkpoint, Capture, Progress) ->
         error -> {error, badarg}
     end.
 
-load_copy(Tree, Bin, Copy, Checkpoint, Capture, Progress) ->
+%% The copy holds a marker record (a transaction start, which changes
+%% nothing but the count of transactions) before every record the loader
+%% may stop at, and one at the end: the count the loader answers says how
+%% many records it reached. A helper writes the copy, has the keeper load
+%% it and removes it, so a caller killed at any moment leaves nothing.
+load_copy(Tree, Bin, Copy, Checkpoint, Capture, {Progress, Shown}) ->
+    arbo_tree:check_writer(Tree),
+    aided(fun(_Caller) ->
+        Forwarder = forwarder(Progress, Shown),
+        try
+            case write_marked(Copy, Bin, Checkpoint) of
+                {ok, Marks} ->
+                    case arbo_tree:wide_flags_room(map_size(Marks#marks.wide)) of
+                        true -> load_verified(Tree, Bin, Copy, Marks, Capture, forwarder_pid(Forwarder));
+                        false -> {error, flags_table_full}
+                    end;
+                {error, _} = E -> E
+            end
+        after
+            _ = file:delete(Copy),
+            stop_forwarder(Forwarder)
+        end
+    end).
+
+load_verified(Tree, Bin, Native, Marks, Capture, Forward) ->
+    #marks{count = Count, trans = Trans0, checkpoint = Ckpt0} = Marks,
+    Reply = arbo_tree:exclusive(
+              Tree,
+              fun(Handle, _Stamp) ->
+                      {arbo:load_nif(Handle, <<Native/binary, 0>>, Ckpt0, Capture, Forward), true}
+              end),
+    case Reply of
+        {true, {Reached, _, Size, _, _, Ckpt, Captured, undefined}} when Reached =:= Count + Trans0 ->
+            {ok, info(Bin, Size, Trans0, Ckpt, Captured, undefined)};
+        {true, {Reached, _, Size, _, _, Ckpt, Captured, {checkpoint, N}}} ->
+            %% Stopped by a truncation mark or a checkpoint, as asked.
+            {I, At} = original(Bin, N - 1),
+            {ok, info(Bin, Size, Reached - I - 1, Ckpt, Captured, At)};
+        {true, {Reached, _, _, _, _, _, _, undefined}} ->
+            stopped(Bin, Reached);
+        {error, _} = E -> E
+    end.
+
+info(Bin, Size, Trans, Ckpt, Captured, TruncatedAt) ->
+    #{nodes => Size, file_size => byte_size(Bin), transactions => Trans,
+      checkpoint => case Ckpt of
+                        -1 -> -1;
+                        _ -> element(2, original(Bin, Ckpt))
+                    end,
+      captured => Captured, truncated_at => TruncatedAt}.
+
+%% A load that did not apply the whole file: the offset of the record it
+%% stopped at and why. Reached counts the markers passed and the file's own
+%% transaction starts: the I-th marker is passed when I plus the starts
+%% before its record are fewer than Reached.
+stopped(Bin, Reached) ->
+    {_, {At, Op}} =
+        case fold_marked(Bin, fun(O, Op, I, {T, _}) when I + T < Reached ->
+                                      {cont, {T + case Op of 2 -> 1; _ -> 0 end, {O, Op}}};
+                                 (_, _, _, Acc) -> {stop, Acc}
+                              end, {0, {4, none}}) of
+            {stopped, Acc} -> Acc;
+            {done, _, Acc} -> Acc
+        end,
+    {error, {stopped_at, At, outcome(Op, Bin, At)}}.
+
+%% The loader's named outcomes for the records at which it ends a load
+%% without an error code.
+outcome(Op, _, _) when Op =:= 7; Op =:= 8 -> above_root;
+outcome(Op, _, _) when Op =:= 9; Op =:= 13; Op =:= 14 -> value_at_root;
+outcome(12, _, _) -> namespace_key_form;
+outcome(19, _, _) -> move_target_missing;
+outcome(20, Bin, At) ->
+    case Bin of
+        <<_:At/binary, Form:3, _:5, _/binary>> when Form > 1 -> list_key_form;
+        <<_:At/binary, 0:3, _:5, _:32, Mode, _/binary>> when Mode > 4 -> list_mode;
+        <<_:At/binary, 1:3, _:5, _:64, Mode, _/binary>> when Mode > 4 -> list_mode;
+        _ -> child_refused
+    end;
+outcome(_, _, _) -> child_refused.
+
+%% Write the marked copy in slices of about a megabyte (memory stays
+%% bounded), count the marks, the file's own transaction starts and its
+%% distinct wide flag values, and turn a checkpoint given as a position of
+%% the file into one of the copy.
+write_marked(Copy, Bin, Checkpoint) ->
+    <<_:4/binary, Records/binary>> = Bin,
+    M0 = #marks{checkpoint = case Checkpoint >= 0 of true -> -1; false -> Checkpoint end},
+    {Out, M} = copy_marked(Records, 4, none, 0, <<?MAGIC:32>>, {Checkpoint, M0}),
     case file:open(Copy, [write, exclusive, raw, binary]) of
         {ok, Fd} ->
-            Written = file:write(Fd, Bin),
-            ok = file:close(Fd),
-            try
-                case Written of
-                    ok -> load_verified(Tree, Copy, Checkpoint, Capture, Progress);
-                    {error, _} = E -> E
-                end
+            try file:write(Fd, Out) of
+                ok -> {ok, M};
+                {error, _} = E -> E
             after
-                _ = file:delete(Copy)
+                ok = file:close(Fd)
             end;
         {error, _} = E -> E
     end.
 
-load_verified(Tree, Native, Checkpoint, Capture, {Progress, Shown}) ->
-    Forwarder = forwarder(Progress, Shown),
-    try
-        Reply = arbo_tree:exclusive(
-                  Tree,
-                  fun(Handle, _Stamp) ->
-                          R = arbo:load_nif(Handle, <<Native/binary, 0>>, Checkpoint, Capture,
-                                            forwarder_pid(Forwarder)),
-                          {R, true}
-                  end),
-        case Reply of
-            {true, {Trans, FileSize, Size, _, _, Ckpt, Captured, Where}} ->
-                {ok, #{nodes => Size, file_size => FileSize, transactions => Trans,
-                       checkpoint => Ckpt, captured => Captured,
-                       truncated_at => case Where of
-                                           {checkpoint, N} -> N - 1;
-                                           undefined -> undefined
-                                       end}};
-            {error, _} = E -> E
-        end
-    after
-        stop_forwarder(Forwarder)
+%% The copy, built in one binary: O is the offset of the record at hand in
+%% the file, I the markers so far. A marker (02) goes before a marked
+%% record (see follows/2); the records a saved tree is mostly made of are
+%% matched in place.
+copy_marked(<<16#46, K:32, R/binary>>, O, _, I, Out, St) ->
+    copy_marked(R, O + 5, cd, I + 1, <<Out/binary, 2, 16#46, K:32>>, St);
+copy_marked(<<6, K:32, R/binary>>, O, _, I, Out, St) ->
+    copy_marked(R, O + 5, cd, I + 1, <<Out/binary, 2, 6, K:32>>, St);
+copy_marked(<<7, R/binary>>, O, none, I, Out, St) ->
+    copy_marked(R, O + 1, none, I + 1, <<Out/binary, 2, 7>>, St);
+copy_marked(<<7, R/binary>>, O, _, I, Out, St) ->
+    copy_marked(R, O + 1, none, I, <<Out/binary, 7>>, St);
+copy_marked(<<9, R/binary>>, O, Prev, I, Out, St) ->
+    {ok, N} = arbo_val:frame(R),
+    <<V:N/binary, Next/binary>> = R,
+    case Prev of
+        cd -> copy_marked(Next, O + 1 + N, cd_value, I, <<Out/binary, 9, V/binary>>, St);
+        _ -> copy_marked(Next, O + 1 + N, none, I + 1, <<Out/binary, 2, 9, V/binary>>, St)
+    end;
+copy_marked(<<Byte, R/binary>>, O, Prev, I, Out, {Ckpt, M} = St) ->
+    {ok, Next} = record(Byte band 31, Byte bsr 5, R),
+    Len = byte_size(R) - byte_size(Next),
+    <<Body:Len/binary, _/binary>> = R,
+    case follows(Byte, Prev) of
+        cd_value -> copy_marked(Next, O + 1 + Len, cd_value, I, <<Out/binary, Byte, Body/binary>>, St);
+        end_of_cd -> copy_marked(Next, O + 1 + Len, none, I, <<Out/binary, Byte, Body/binary>>, St);
+        Prev1 ->
+            M1 = case Byte band 31 of
+                     2 -> M#marks{trans = M#marks.trans + 1};
+                     4 when O =:= Ckpt + 1 -> M#marks{checkpoint = Ckpt + I + 1};
+                     22 -> <<V:32, _/binary>> = Body, wide(M, V);
+                     23 -> <<V:64, _/binary>> = Body, wide(M, V);
+                     _ -> M
+                 end,
+            copy_marked(Next, O + 1 + Len, Prev1, I + 1, <<Out/binary, 2, Byte, Body/binary>>, {Ckpt, M1})
+    end;
+copy_marked(<<>>, _, _, I, Out, {_, M}) ->
+    {<<Out/binary, 2>>, M#marks{count = I + 1}}.
+
+wide(M, V) when V =< 16#3fffff -> M;
+wide(#marks{wide = W} = M, _) when map_size(W) > 30000 -> M;   % enough to refuse
+wide(#marks{wide = W} = M, V) -> M#marks{wide = W#{V => []}}.
+
+%% What a record follows for the next one, and whether it has a marker
+%% before it: all have but a value (09) and an end (07) that follow a cd,
+%% which the loader replays with the cd and which cannot end a load
+%% (cd_value and end_of_cd: no marker).
+follows(9, cd) -> cd_value;
+follows(7, cd) -> end_of_cd;
+follows(7, cd_value) -> end_of_cd;
+follows(Byte, _) when Byte band 31 =:= 6 -> cd;
+follows(_, _) -> none.
+
+%% What follows the record a verified file has here: the records a saved
+%% tree is mostly made of are matched in place.
+skip_record(<<7, R/binary>>) -> R;
+skip_record(<<16#46, _:32, R/binary>>) -> R;
+skip_record(<<6, _:32, R/binary>>) -> R;
+skip_record(<<16#0F, _:32, R/binary>>) -> R;
+skip_record(<<16#14, _:32, _, R/binary>>) -> R;
+skip_record(<<13, N, _:N/binary, R/binary>>) -> R;
+skip_record(<<11, _, R/binary>>) -> R;
+skip_record(<<9, R/binary>>) ->
+    {ok, N} = arbo_val:frame(R),
+    <<_:N/binary, Next/binary>> = R,
+    Next;
+skip_record(<<Byte, R/binary>>) ->
+    {ok, Next} = record(Byte band 31, Byte bsr 5, R),
+    Next.
+
+%% Fun(Offset, Op, Index, Acc) for every record of a verified file that has
+%% a marker before it in the copy (Index counts them from 0). Returns
+%% {done, Count, Acc} or {stopped, Acc}.
+fold_marked(Bin, Fun, Acc) ->
+    <<_:4/binary, Records/binary>> = Bin,
+    fold_marked(Records, byte_size(Bin), none, 0, Fun, Acc).
+
+fold_marked(<<>>, _, _, I, _, Acc) -> {done, I, Acc};
+fold_marked(<<Byte, _/binary>> = Rest, Size, Prev, I, Fun, Acc) ->
+    Next = skip_record(Rest),
+    case follows(Byte, Prev) of
+        cd_value -> fold_marked(Next, Size, cd_value, I, Fun, Acc);
+        end_of_cd -> fold_marked(Next, Size, none, I, Fun, Acc);
+        Prev1 ->
+            case Fun(Size - byte_size(Rest), Byte band 31, I, Acc) of
+                {cont, Acc1} -> fold_marked(Next, Size, Prev1, I + 1, Fun, Acc1);
+                {stop, Acc1} -> {stopped, Acc1}
+            end
     end.
 
-%% Progress goes through a helper process: the library sends its messages
-%% from inside the load, while the caller is blocked in it.
+%% A position the loader reports in the copy (a checkpoint's value, a
+%% truncation mark's) as {Index, Position in the file}: the I-th marked
+%% record lies I + 1 bytes further in the copy.
+original(Bin, P) ->
+    {stopped, Found} = fold_marked(Bin, fun(O, _, I, _) when O + I + 1 >= P -> {stop, {I, P - I - 1}};
+                                           (_, _, I, _) -> {cont, I}
+                                        end, none),
+    Found.
+
+%% ---------------------------------------------------------------------------
+%% Helpers of a save or a load
+
+%% Fun(Caller) in a helper process, which outlives a killed caller and
+%% cleans up after it; its answer (or exception) is the caller's.
+aided(Fun) ->
+    Caller = self(),
+    {Pid, MRef} = spawn_monitor(fun() ->
+        exit({done, try {ok, Fun(Caller)} catch C:R:S -> {raise, C, R, S} end})
+    end),
+    receive
+        {'DOWN', MRef, process, Pid, {done, {ok, Reply}}} -> Reply;
+        {'DOWN', MRef, process, Pid, {done, {raise, C, R, S}}} -> erlang:raise(C, R, S);
+        {'DOWN', MRef, process, Pid, Reason} -> error({helper_exit, Reason})
+    end.
+
+%% Progress goes through a forwarder: the library sends its messages from
+%% inside the load, while the helper is blocked in it. It ends with the
+%% helper that started it.
 forwarder(undefined, _) -> undefined;
 forwarder(To, Shown) ->
-    {Pid, MRef} = spawn_monitor(fun() -> forward(To, Shown) end),
-    {Pid, MRef}.
+    Helper = self(),
+    spawn_monitor(fun() ->
+        MRef = erlang:monitor(process, Helper),
+        forward(To, Shown, MRef)
+    end).
 
 forwarder_pid(undefined) -> undefined;
 forwarder_pid({Pid, _}) -> Pid.
 
-%% The library names the private copy it reads; the messages name the file
+%% The library names the private copy it reads: the messages name the file
 %% the caller gave.
-forward(To, Shown) ->
+forward(To, Shown, MRef) ->
     receive
         {msg, Tuple} when tuple_size(Tuple) =:= 7 ->
             Msg = setelement(3, Tuple, Shown),
             _ = if is_pid(To) -> To ! {msg, Msg};
                    true -> catch To(progress_map(Msg))
                 end,
-            forward(To, Shown);
+            forward(To, Shown, MRef);
+        {'DOWN', MRef, _, _, _} -> ok;
         stop -> ok
     end.
 
@@ -382,8 +630,21 @@ progress_map({Count, Consumed, Path, FileSize, Trans, ElapsedMs, _Now}) ->
     #{count => Count, consumed => Consumed, path => Path, file_size => FileSize,
       transactions => Trans, elapsed_ms => ElapsedMs}.
 
-%% Everything the load sent is in the helper's mailbox before `stop'.
+%% Everything the load sent is in the forwarder's mailbox before `stop'. A
+%% progress fun that blocks is given five seconds, then ended.
 stop_forwarder(undefined) -> ok;
 stop_forwarder({Pid, MRef}) ->
     Pid ! stop,
-    receive {'DOWN', MRef, process, Pid, _} -> ok end.
+    receive {'DOWN', MRef, process, Pid, _} -> ok
+    after 5000 ->
+        exit(Pid, kill),
+        receive {'DOWN', MRef, process, Pid, _} -> ok end
+    end.
+
+%% Options: a list of pairs with the names given.
+options(Opts, Names) when is_list(Opts) ->
+    lists:foreach(fun({Name, _}) when is_atom(Name) ->
+                          lists:member(Name, Names) orelse error({badarg, {option, Name}});
+                     (O) -> error({badarg, {option, O}})
+                  end, Opts);
+options(Opts, _) -> error({badarg, {options, Opts}}).

@@ -13,7 +13,8 @@
 %% children: carry a value, may have children). Children of containers,
 %% leaves, instances and the root are named by a {@link name()}: a tag
 %% `0..2^32-1', or `{Ns, Tag}' with a namespace. Instances are named by an
-%% {@link instance_key()}: `{int, N}' (a 32-bit integer), `{pair, Ns, N}',
+%% {@link instance_key()}: `{int, N}' (a 32-bit integer), `{pair, Ns, N}'
+%% (Ns 1..255 but 12: the namespaces a save file carries back),
 %% `{tuple, Elements}' (an encoded tuple key, elements as in {@link
 %% arbo_key}; a bare element list means the same; `{encoded, Bytes}' is the
 %% same key already encoded, checked with {@link arbo_key:validate/1}) or
@@ -23,8 +24,10 @@
 %% Functions hand out {@link tree_node()} references: opaque terms that carry the
 %% tree's identity, the node's address, its parent's address and the epoch
 %% of the tree at the moment they were made. The epoch moves on every change
-%% that can free nodes (deletions, {@link clear/1}, {@link load/3}, {@link
-%% close/1}); moves, renames and additions do not free nodes and leave it.
+%% that can free nodes (deletions that delete something, {@link clear/1},
+%% {@link load/3}, {@link rename/3} of an instance, {@link close/1}); moves,
+%% namespace renames ({@link rename_ns/3}), additions and changes of values,
+%% flags and attributes do not free nodes and leave it.
 %% A reference of another tree raises `error({wrong_table, Ref})', one made
 %% before the epoch moved raises `error({stale_node, Ref})': find the node
 %% again. The check and the native call form one step: a reader/writer gate
@@ -70,14 +73,15 @@
 %% persistence
 -export([save/2, save/3, load/2, load/3]).
 %% used by arbo_file
--export([exclusive/2]).
+-export([exclusive/2, check_writer/1, wide_flags_room/1]).
 
 -export_type([tree/0, tree_node/0, name/0, instance_key/0, key/0, order/0, filter/0,
               node_type/0, value/0]).
 
 -include("arbo_gate.hrl").
 
--import(arbo_tree_keys, [htag/1, add_arg/1, find_arg/1, del_arg/2, key_term/2]).
+-import(arbo_tree_keys, [htag/1, add_arg/1, find_arg/1, del_arg/2, key_term/2, key_form/1, key_form/2,
+                         one_form/4, exact/4, same_key/3]).
 
 -include("arbo_error.hrl").
 
@@ -89,7 +93,7 @@
                                   addr :: pos_integer(), parent :: non_neg_integer()}.
 -type name() :: 0..16#ffffffff | {0..16#ffffffff, 0..16#ffffffff}.
 -type instance_key() :: {int, -16#80000000..16#7fffffff}
-                      | {pair, 0..16#7fffffff, -16#80000000..16#7fffffff}
+                      | {pair, 1..255, -16#80000000..16#7fffffff}
                       | {tuple, arbo_key:key()} | arbo_key:key() | {encoded, binary()}
                       | {opaque, binary()}.
 -type key() :: name() | instance_key().
@@ -128,6 +132,10 @@
 -define(I32(X), (is_integer(X) andalso X >= -16#80000000 andalso X =< 16#7fffffff)).
 -define(U64(X), (is_integer(X) andalso X >= 0 andalso X =< 16#ffffffffffffffff)).
 -define(HIDE_INACTIVE, 16#100).
+%% A native exception: {Reason, SourceFile, Line}, turned into {Reason, Tree}.
+-define(NATIVE_ERROR(R), error:{R, F__, L__} when is_atom(R), is_list(F__), is_integer(L__)).
+-define(INLINE_FLAGS, 16#3fffff).
+-define(WIDE_FLAGS_LIMIT, 30000).
 
 %% ===========================================================================
 %% Lifecycle
@@ -137,7 +145,9 @@
 new() -> new([]).
 
 %% @doc Create a tree owned by the calling process. Option `hide_inactive'
-%% hides inactive instances from counting and stepping.
+%% hides inactive instances from finding, counting and stepping (see {@link
+%% set_active/3}). Options that are not a list raise `error({badarg,
+%% {options, Opts}})', an unknown one `error({badarg, {option, O}})'.
 -spec new([hide_inactive]) -> tree().
 new(Opts) when is_list(Opts) ->
     View = lists:foldl(fun(hide_inactive, V) -> V bor ?HIDE_INACTIVE;
@@ -148,7 +158,7 @@ new(Opts) when is_list(Opts) ->
     {ok, Keeper} = arbo_gate:start({arbo, Res, View, {arbo_gate, undefined, self(), Word}},
                                    self()),
     {arbo, Res, View, {arbo_gate, Keeper, self(), Word}};
-new(Opts) -> error({badarg, Opts}).
+new(Opts) -> error({badarg, {options, Opts}}).
 
 %% @doc A handle of the same tree for the calling process. Any process can
 %% use any handle of a tree; the handle a process made itself (with {@link
@@ -211,13 +221,18 @@ reading({arbo, Res, View, {arbo_gate, _, _, _}} = T, Fun) when is_function(Fun, 
 reading(T, Fun) -> error({badarg, {T, Fun}}).
 
 %% @doc Close the tree and free its nodes; every later call on it raises
-%% `error({arbo_closed, Tree})'. Closing a closed tree is `ok'.
+%% `error({arbo_closed, Tree})', whoever makes it. Closing a closed tree is
+%% `ok', from any process. A tree whose keeper process was killed is closed
+%% by the first call that needs the keeper.
 -spec close(tree()) -> ok.
 close(T) ->
     {_, Keeper} = gate(T),
-    not_inside(T),
-    try arbo_gate:close(Keeper)
-    catch exit:_ -> ok
+    try
+        not_inside(T),
+        arbo_gate:close(Keeper)
+    catch
+        exit:_ -> try keeper_gone(T) catch error:{arbo_closed, _} -> ok end;
+        error:{arbo_closed, _} -> ok
     end.
 
 %% @doc Node count (the root not counted), bytes held, and the epoch.
@@ -284,9 +299,14 @@ add_list(T, P, Name, Order) ->
 add(T, L, Key) ->
     {K, Code} = add_arg(Key),
     write(T, [L], fun(S) ->
+        Addr = L#arbo_node.addr,
         is_list_node(T, L),
-        N = call(fun() -> arbo:add_hkey(T, L#arbo_node.addr, K, Code) end, L),
-        mk(T, S, N, L#arbo_node.addr)
+        one_form(T, Addr, {K, Code}, Key),
+        N = call(fun() -> arbo:add_hkey(T, Addr, K, Code) end, L),
+        %% The library answers the instance it takes for equal: another
+        %% key that compares equal is not this one.
+        same_key(arbo:get_hkey0(T, N), K, Code) orelse error({key_clash, Key}),
+        mk(T, S, N, Addr)
     end).
 
 %% ===========================================================================
@@ -294,26 +314,36 @@ add(T, L, Key) ->
 
 %% @doc The child of a node under a name (children of containers, leaves,
 %% instances, the root) or an instance key (children of lists), or `none'.
+%% Only the instance with that very key is answered. The library's order of
+%% encoded keys is not total across element types (see {@link
+%% arbo_key:compare/3}): in a sorted list whose keys mix element types a
+%% find may answer `none' for an instance that is there; {@link
+%% children/2} and {@link fold/5} see every instance.
 -spec find(tree(), tree_node(), key()) -> tree_node() | none.
 find({arbo, Res, _, {arbo_gate, _, Owner, Word}} = T,
      #arbo_node{table = Res, stamp = S, addr = Addr} = P, Key) when Owner =:= self() ->
     {K, Code} = find_arg(Key),
     case atomics:add_get(Word, 1, 1) bsr ?ARBO_SHIFT of
         S ->
-            R = try arbo:find_child(T, Addr, K, Code) after atomics:sub(Word, 1, 1) end,
+            R = try exact(T, arbo:find_child(T, Addr, K, Code), K, Code)
+                catch ?NATIVE_ERROR(E) -> error({E, T})
+                after atomics:sub(Word, 1, 1)
+                end,
             case R of
                 0 -> none;
                 _ -> #arbo_node{table = Res, stamp = S, addr = R, parent = Addr}
             end;
         _ ->
             atomics:sub(Word, 1, 1),
-            read(T, [P], fun(S1) -> mk(T, S1, arbo:find_child(T, Addr, K, Code), Addr) end)
+            read(T, [P], fun(S1) -> mk(T, S1, exact(T, arbo:find_child(T, Addr, K, Code), K, Code),
+                                       Addr)
+                         end)
     end;
 find({arbo, Res, _, {arbo_reading, _, S, Tok}} = T,
      #arbo_node{table = Res, stamp = S, addr = Addr}, Key) ->
     {K, Code} = find_arg(Key),
     inside(T, Tok),
-    case arbo:find_child(T, Addr, K, Code) of
+    case native(T, fun() -> exact(T, arbo:find_child(T, Addr, K, Code), K, Code) end) of
         0 -> none;
         R -> #arbo_node{table = Res, stamp = S, addr = R, parent = Addr}
     end;
@@ -321,7 +351,7 @@ find(T, P, Key) ->
     {K, Code} = find_arg(Key),
     read(T, [P], fun(S) ->
         Addr = P#arbo_node.addr,
-        mk(T, S, arbo:find_child(T, Addr, K, Code), Addr)
+        mk(T, S, exact(T, arbo:find_child(T, Addr, K, Code), K, Code), Addr)
     end).
 
 %% @doc Follow a path of keys from the root: the node reached, or `none'.
@@ -333,7 +363,7 @@ lookup(_, Path) -> error({badarg, {path, Path}}).
 
 walk(T, S, Addr, Parent, []) -> mk(T, S, Addr, Parent);
 walk(T, S, Addr, _, [{K, Code} | More]) ->
-    case arbo:find_child(T, Addr, K, Code) of
+    case exact(T, arbo:find_child(T, Addr, K, Code), K, Code) of
         0 -> none;
         Next -> walk(T, S, Next, Addr, More)
     end.
@@ -400,7 +430,7 @@ delete(T, P, Key) ->
     exclusive(T, fun(H, S) ->
         fresh(S, P),
         Addr = P#arbo_node.addr,
-        case arbo:find_child(H, Addr, K, Code) of
+        case exact(H, arbo:find_child(H, Addr, K, Code), K, Code) of
             0 -> {false, false};
             N ->
                 {DK, DCode, _} = del_arg(arbo:get_hkey0(H, N), is_list_addr(H, Addr)),
@@ -427,20 +457,39 @@ clear(T) ->
     gate(T),
     exclusive(T, fun(H, _) -> {arbo:del_all(H), true} end).
 
-%% @doc Give an instance a new key: `true', or `false' when another instance
-%% already has it. A sorted list puts it in its new place; a user-ordered
-%% one keeps it where it is.
+%% @doc Give an instance a new key of the same form ({@link
+%% instance_key()}: an integer, a pair, a tuple or an opaque key; another
+%% form raises `{key_form, NewKey}'): `true', or `false' when another
+%% instance already has it. A sorted list puts it in its new place; a
+%% user-ordered one keeps it where it is. Runs on the writer side and moves
+%% the epoch when the key changed (the library may move the instance to new
+%% memory): find nodes again afterwards.
 -spec rename(tree(), tree_node(), instance_key()) -> boolean().
 rename(T, I, NewKey) ->
-    {K, Code} = case add_arg(NewKey) of
-                    {N, 4} -> {{N}, 4};  % a tag form here
-                    Other -> Other
-                end,
-    write(T, [I], fun(_) ->
-        List = I#arbo_node.parent,
-        List =/= 0 andalso is_list_addr(T, List) orelse error({wrong_node_type, I}),
-        arbo:rename_instance0(T, List, I#arbo_node.addr, K, Code)
-    end).
+    {K, Code} = add_arg(NewKey),
+    gate(T),
+    own(T, I),
+    Reply = exclusive(T, fun(H, S) ->
+        fresh(S, I),
+        #arbo_node{addr = Addr, parent = List} = I,
+        case List =/= 0 andalso is_list_addr(H, List) andalso not is_list_addr(H, Addr) of
+            false -> {{raise, {wrong_node_type, I}}, false};
+            true ->
+                case key_form(arbo:get_hkey0(H, Addr)) =:= key_form(K, Code) of
+                    false -> {{raise, {key_form, NewKey}}, false};
+                    true ->
+                        R = arbo:rename_instance0(H, List, Addr, rename_key(K, Code), Code),
+                        {R, R}
+                end
+        end
+    end),
+    case Reply of
+        {raise, E} -> error(E);
+        R -> R
+    end.
+
+rename_key(N, 4) -> {N};  % a tag form here
+rename_key(K, _) -> K.
 
 %% @doc Move a child that has a namespace into another namespace (under the
 %% same tag): `true', or `false' when the library refuses (a container, a
@@ -482,7 +531,10 @@ next_sibling({arbo, Res, _, {arbo_gate, _, Owner, Word}} = T,
   when Owner =:= self() ->
     case atomics:add_get(Word, 1, 1) bsr ?ARBO_SHIFT of
         S ->
-            R = try arbo:next_sibling_nif(T, Addr, [], 0) after atomics:sub(Word, 1, 1) end,
+            R = try arbo:next_sibling_nif(T, Addr, [], 0)
+                catch ?NATIVE_ERROR(E) -> error({E, T})
+                after atomics:sub(Word, 1, 1)
+                end,
             case R of
                 0 -> none;
                 _ -> #arbo_node{table = Res, stamp = S, addr = R, parent = Parent}
@@ -495,7 +547,7 @@ next_sibling({arbo, Res, _, {arbo_gate, _, Owner, Word}} = T,
 next_sibling({arbo, Res, _, {arbo_reading, _, S, Tok}} = T,
              #arbo_node{table = Res, stamp = S, addr = Addr, parent = Parent}) ->
     inside(T, Tok),
-    case arbo:next_sibling_nif(T, Addr, [], 0) of
+    case native(T, fun() -> arbo:next_sibling_nif(T, Addr, [], 0) end) of
         0 -> none;
         R -> #arbo_node{table = Res, stamp = S, addr = R, parent = Parent}
     end;
@@ -505,7 +557,7 @@ next_sibling(T, N) ->
         mk(T, S, arbo:next_sibling_nif(T, Addr, [], 0), Parent)
     end).
 
-%% @doc The last child, or `none'. Inactive children are not skipped.
+%% @doc The last child, or `none'.
 -spec last_child(tree(), tree_node()) -> tree_node() | none.
 last_child(T, N) ->
     read(T, [N], fun(S) ->
@@ -515,11 +567,20 @@ last_child(T, N) ->
             {2, Mode} when Mode =/= 3 ->
                 case arbo:num_children(plain_view(T), Addr) of
                     0 -> none;
-                    _ -> mk(T, S, arbo:last_child(T, Addr), Addr)
+                    _ -> mk(T, S, skip_back(T, Addr, arbo:last_child(T, Addr)), Addr)
                 end;
-            _ -> mk(T, S, arbo:last_child(T, Addr), Addr)
+            _ -> mk(T, S, skip_back(T, Addr, arbo:last_child(T, Addr)), Addr)
         end
     end).
+
+%% The library steps back over inactive instances for no view: this layer
+%% does, for a tree that hides them.
+skip_back(T, Parent, A) ->
+    case A =/= 0 andalso element(3, T) band ?HIDE_INACTIVE =/= 0
+         andalso arbo:do_get_attr(T, A, 0) =/= [] of
+        true -> skip_back(T, Parent, arbo:prev_sibling(T, Parent, A));
+        false -> A
+    end.
 
 %% @doc The previous sibling, or `none' (also for the root).
 -spec prev_sibling(tree(), tree_node()) -> tree_node() | none.
@@ -527,7 +588,7 @@ prev_sibling(T, N) ->
     read(T, [N], fun(S) ->
         case N#arbo_node.parent of
             0 -> none;
-            P -> mk(T, S, arbo:prev_sibling(T, P, N#arbo_node.addr), P)
+            P -> mk(T, S, skip_back(T, P, arbo:prev_sibling(T, P, N#arbo_node.addr)), P)
         end
     end).
 
@@ -541,7 +602,8 @@ nth_child(T, N, I) ->
     end).
 
 %% @doc The position of a node among its siblings, counting from 1 (the
-%% root: 0).
+%% root: 0); inactive instances are counted too, also in a tree that hides
+%% them.
 -spec child_index(tree(), tree_node()) -> non_neg_integer().
 child_index(T, N) ->
     read(T, [N], fun(_) ->
@@ -617,7 +679,11 @@ value(T, N) ->
 value_raw({arbo, Res, _, {arbo_gate, _, Owner, Word}} = T,
           #arbo_node{table = Res, stamp = S, addr = Addr} = N) when Owner =:= self() ->
     case atomics:add_get(Word, 1, 1) bsr ?ARBO_SHIFT of
-        S -> try arbo:get_val_raw(T, Addr) after atomics:sub(Word, 1, 1) end;
+        S ->
+            try arbo:get_val_raw(T, Addr)
+            catch ?NATIVE_ERROR(E) -> error({E, T})
+            after atomics:sub(Word, 1, 1)
+            end;
         _ ->
             atomics:sub(Word, 1, 1),
             read(T, [N], fun(_) -> arbo:get_val_raw(T, Addr) end)
@@ -625,7 +691,7 @@ value_raw({arbo, Res, _, {arbo_gate, _, Owner, Word}} = T,
 value_raw({arbo, Res, _, {arbo_reading, _, S, Tok}} = T,
           #arbo_node{table = Res, stamp = S, addr = Addr}) ->
     inside(T, Tok),
-    arbo:get_val_raw(T, Addr);
+    native(T, fun() -> arbo:get_val_raw(T, Addr) end);
 value_raw(T, N) ->
     read(T, [N], fun(_) -> arbo:get_val_raw(T, N#arbo_node.addr) end).
 
@@ -657,21 +723,38 @@ clear_value(T, N) ->
 -spec flags(tree(), tree_node()) -> non_neg_integer().
 flags(T, N) -> read(T, [N], fun(_) -> arbo:get_flags(T, N#arbo_node.addr) end).
 
-%% @doc Replace a node's user flags.
--spec set_flags(tree(), tree_node(), non_neg_integer()) -> ok.
+%% @doc Replace a node's user flags. Values above 22 bits are kept in one
+%% table shared by every tree of the VM, which never shrinks: once it holds
+%% 30,000 distinct wide values, setting any wide value answers
+%% `{error, flags_table_full}' and changes nothing (values of 22 bits and
+%% below are always taken).
+-spec set_flags(tree(), tree_node(), non_neg_integer()) -> ok | {error, flags_table_full}.
 set_flags(T, N, M) -> flag_op(T, N, M, set_flags).
 
-%% @doc Set the bits of Mask in a node's user flags.
--spec add_flags(tree(), tree_node(), non_neg_integer()) -> ok.
+%% @doc Set the bits of Mask in a node's user flags (see {@link set_flags/3}
+%% for wide values).
+-spec add_flags(tree(), tree_node(), non_neg_integer()) -> ok | {error, flags_table_full}.
 add_flags(T, N, M) -> flag_op(T, N, M, set_flag).
 
-%% @doc Clear the bits of Mask in a node's user flags.
--spec clear_flags(tree(), tree_node(), non_neg_integer()) -> ok.
+%% @doc Clear the bits of Mask in a node's user flags (see {@link
+%% set_flags/3} for wide values).
+-spec clear_flags(tree(), tree_node(), non_neg_integer()) -> ok | {error, flags_table_full}.
 clear_flags(T, N, M) -> flag_op(T, N, M, clr_flag).
 
 flag_op(T, N, M, F) ->
     ?U64(M) orelse error({badarg, {flags, M}}),
-    write(T, [N], fun(_) -> _ = arbo:F(T, N#arbo_node.addr, M), ok end).
+    write(T, [N], fun(_) ->
+        Addr = N#arbo_node.addr,
+        New = case F of
+                  set_flags -> M;
+                  set_flag -> arbo:get_flags(T, Addr) bor M;
+                  clr_flag -> arbo:get_flags(T, Addr) band bnot M
+              end,
+        case New =< ?INLINE_FLAGS orelse wide_flags_room(1) of
+            true -> _ = arbo:F(T, Addr, M), ok;
+            false -> {error, flags_table_full}
+        end
+    end).
 
 %% @doc Attribute Id (1..2^32-1) of a node, decoded, or `undefined'.
 -spec attr(tree(), tree_node(), pos_integer()) -> undefined | arbo_val:value().
@@ -709,8 +792,12 @@ attr_id(Id) -> (?U32(Id) andalso Id > 0) orelse error({badarg, {attribute, Id}})
 
 %% @doc Mark a list instance active (`true') or inactive (`false'). A tree
 %% made with the `hide_inactive' option leaves inactive instances out of
-%% counting and stepping (`last_child/2' excepted); the mark is the
-%% library's attribute 0, kept in save files. Raises `{wrong_node_type,
+%% finding, counting and stepping: {@link find/3}, {@link lookup/2},
+%% {@link first_child/2}, {@link last_child/2}, {@link next_sibling/2},
+%% {@link prev_sibling/2}, {@link nth_child/3}, {@link num_children/2},
+%% {@link children/2}, {@link fold/5} and {@link select/4} ({@link
+%% child_index/2} counts every instance). The mark is the library's
+%% attribute 0, kept in save files. Raises `{wrong_node_type,
 %% Node}' for a node that is not a list instance.
 -spec set_active(tree(), tree_node(), boolean()) -> ok.
 set_active(T, N, Active) when is_boolean(Active) ->
@@ -940,15 +1027,33 @@ exclusive(T, Fun) ->
     {_, Keeper} = gate(T),
     not_inside(T),
     Reply = try arbo_gate:exclusive(Keeper, Fun)
-            catch exit:_ -> closed
+            catch exit:_ -> keeper_gone(T)
             end,
     case Reply of
         {ok, R} -> R;
         {raise, error, {R, File, Line}, _} when is_list(File), is_integer(Line) ->
             error({R, T});
-        {raise, C, R, Stack} -> erlang:raise(C, R, Stack);
-        closed -> error({arbo_closed, T})
+        {raise, C, R, Stack} -> erlang:raise(C, R, Stack)
     end.
+
+%% The keeper stopped (the tree was closed) or was killed: then no one is
+%% left to run writers, and the tree is closed where it stands. The
+%% library's lock keeps every native call out while it closes, and every
+%% later one answers arbo_closed, so a reader between its check and its
+%% call meets a closed tree, never freed memory.
+-spec keeper_gone(tree()) -> no_return().
+keeper_gone(T) ->
+    _ = (catch arbo:close(plain_view(T))),
+    error({arbo_closed, T}).
+
+%% @private
+%% @doc Raise what {@link exclusive/2} would raise before it runs: a
+%% read-only handle, a closed tree, a process inside a reading pass.
+-spec check_writer(tree()) -> ok.
+check_writer(T) ->
+    gate(T),
+    not_inside(T),
+    ok.
 
 gate({arbo, Res, _, {arbo_gate, Keeper, Owner, _}}) when is_pid(Keeper), is_pid(Owner) ->
     {Res, Keeper};
@@ -991,17 +1096,25 @@ word({arbo, _, _, {arbo_gate, _, Owner, Word}}) when Owner =:= self() -> Word;
 word({arbo, Res, _, {arbo_gate, Keeper, _, _}} = T) ->
     case get({'$arbo_reader', Res}) of
         undefined ->
+            forget_closed(),
             K = case Keeper of
                     {read_only, K0} -> K0;
                     K0 -> K0
                 end,
             W = try arbo_gate:register_reader(K, self())
-                catch exit:_ -> error({arbo_closed, T})
+                catch exit:_ -> keeper_gone(T)
                 end,
             put({'$arbo_reader', Res}, W),
             W;
         W -> W
     end.
+
+%% A process that reads thousands of trees others close keeps no word of
+%% a closed one: they go when it registers for another tree.
+forget_closed() ->
+    [erase(Key) || {{'$arbo_reader', _} = Key, W} <- get(),
+                   atomics:get(W, 1) band ?ARBO_CLOSED =/= 0],
+    ok.
 
 %% A reader section: every node argument belongs to the tree and is as new
 %% as the epoch; Fun(Stamp) runs with deletions kept out.
@@ -1052,10 +1165,20 @@ enter(T, Word, Tries) ->
             S band 2 =:= 0 orelse error({arbo_closed, T}),
             if
                 Tries < 50 -> erlang:yield();
-                true -> receive after 1 -> ok end
+                true -> keeper_alive(T), receive after 1 -> ok end
             end,
             enter(T, Word, Tries + 1)
     end.
+
+%% A keeper killed in the middle of a write leaves its bit in every word:
+%% a reader that waits for it looks whether it is still there.
+keeper_alive({arbo, _, _, {arbo_gate, K, _, _}} = T) ->
+    Keeper = case K of
+                 {read_only, K0} -> K0;
+                 K0 -> K0
+             end,
+    is_process_alive(Keeper) orelse keeper_gone(T).
+
 
 %% On the writer side: the node is as new as the epoch.
 fresh(S, #arbo_node{stamp = S}) -> ok;
@@ -1116,3 +1239,12 @@ holds_value(T, N) ->
         _ -> error({wrong_node_type, N})
     end.
 
+
+%% @private
+%% @doc Whether the VM's table of wide flag values has room for N more
+%% distinct values below the limit: the library's table counts with 16 bits
+%% and searches with a signed 16-bit count, so it is kept well below 32767.
+-spec wide_flags_room(non_neg_integer()) -> boolean().
+wide_flags_room(N) ->
+    [_, {8, Cap, Free}] = arbo:alloc_info(),
+    Cap - Free + N =< ?WIDE_FLAGS_LIMIT.

@@ -22,7 +22,7 @@ config() ->
      end || K <- lists:seq(1, 9)],
     Rules = arbo_tree:add_list(T, R, {2, 7}, user_order),
     [ok = arbo_tree:set_value(T, arbo_tree:add(T, Rules, K), {ipv4, {10, 0, 0, 1}})
-     || K <- [{int, 30}, {int, -10}, {pair, 4, 20}]],
+     || K <- [{int, 30}, {int, -10}, {int, 20}]],
     O = arbo_tree:add_list(T, R, 9, sorted),
     [arbo_tree:add(T, O, {opaque, B}) || B <- [<<>>, <<1, 2, 3>>, binary:copy(<<9>>, 40)]],
     T.

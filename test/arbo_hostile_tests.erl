@@ -49,7 +49,7 @@ figures(Scale) ->
                                      [length(Kills), length(Mid), [D || {_, _, D} <- Kills]])},
      {"save of the killed tree", Save},
      {"previous file intact", f("~b/~b", [length([x || true <- Mid]), length(Mid)])},
-     {"lost", "0"}].
+     {"lost", f("~b of ~b killed saves left the target neither old nor new", [length([x || {_, false, _} <- Kills]), length(Kills)])}].
 
 f(Fmt, Args) -> lists:flatten(io_lib:format(Fmt, Args)).
 counts(Tag, H) -> string:join([f("~p ~b", [K, V]) || {{T, K}, V} <- lists:sort(maps:to_list(H)), T == Tag], ", ").
@@ -200,9 +200,10 @@ try_file({Kind, Raw, Bin}, Acc) ->
     L = guarded(fun() -> arbo_tree:load(T, "current") end),
     arbo_tree:close(T),
     RawA = Raw andalso guarded(fun() -> raw_load(pick([-1, -2, 0, 9])) end),
-    %% a verified file fails only where the tree refuses a record
+    %% a verified file fails only where the tree refuses a record, or
+    %% where the loader stops (said with the record's offset)
     Answers = case V of
-                  ok -> lists:member(outcome(L), [ok, truncate, invalid_node_type]);
+                  ok -> lists:member(outcome(L), [ok, truncate, invalid_node_type, stopped_at]);
                   {error, {_, Off} = E} -> is_integer(Off) andalso L =:= {error, {invalid_file, E}};
                   _ -> false
               end,
@@ -226,6 +227,7 @@ outcome({ok, #{}}) -> truncate;
 outcome({true, {_, _, _, _, _, _, _, undefined}}) -> ok;
 outcome({true, {_, _, _, _, _, _, _, {checkpoint, _}}}) -> truncate;
 outcome({error, {invalid_file, _}}) -> refused_by_verification;
+outcome({error, {stopped_at, Off, Why}}) when is_integer(Off), is_atom(Why) -> stopped_at;
 outcome({error, {R, Off}}) when is_integer(Off) -> if is_tuple(R) -> element(1, R); true -> R end;
 outcome({error, A}) when is_atom(A) -> A;
 outcome(X) -> X.

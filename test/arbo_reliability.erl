@@ -9,7 +9,9 @@ main() ->
     Suites = [{"Concurrency", arbo_stress_tests},
               {"Bad input", arbo_fuzz_tests},
               {"Hostile files and persistence faults", arbo_hostile_tests},
-              {"Durable stores: SIGKILL while committing, a full disk", arbo_db_faults_tests}],
+              {"Durable stores: SIGKILL while committing, a full disk", arbo_db_faults_tests},
+              {"Replication across nodes", arbo_repl_tests},
+              {"Tree depth", arbo_sched_tests}],
     Results = [run(Title, Mod) || {Title, Mod} <- Suites],
     case lists:all(fun(R) -> R end, Results) of
         true -> ok;

@@ -150,8 +150,14 @@ cmp({tuple, A}, {tuple, B}, Order) -> arbo_key:compare(A, B, case Order of sorte
 %% (References go stale as the generation moves: the list is looked up anew.)
 the_list(T) -> arbo_tree:find(T, arbo_tree:root(T), 1).
 
+%% A user-ordered list holds one key form; a rename keeps the form.
+step(T, user_order, {add, K}, [First | _] = M) when element(1, K) =/= element(1, First) ->
+    ?assertError({key_form, K}, arbo_tree:add(T, the_list(T), K)), M;
 step(T, _, {add, K}, M) -> _ = arbo_tree:add(T, the_list(T), K), M ++ [K || not lists:member(K, M)];
 step(T, _, {delete, K}, M) -> ?assertEqual(lists:member(K, M), arbo_tree:delete(T, the_list(T), K)), M -- [K];
+step(T, _, {rename, K, New}, M) when element(1, K) =/= element(1, New) ->
+    N = arbo_tree:find(T, the_list(T), K),
+    N =:= none orelse ?assertError({key_form, New}, arbo_tree:rename(T, N, New)), M;
 step(T, _, {rename, K, New}, M) ->
     N = arbo_tree:find(T, the_list(T), K),
     Done = N =/= none andalso arbo_tree:rename(T, N, New),

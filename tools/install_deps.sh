@@ -5,7 +5,7 @@ set -euo pipefail
 
 packages=(
   erlang-base erlang-dev erlang-eunit erlang-proper erlang-proper-dev erlang-dialyzer erlang-edoc
-  erlang-tools erlang-syntax-tools erlang-parsetools erlang-crypto
+  erlang-tools erlang-syntax-tools erlang-parsetools erlang-crypto erlang-mnesia
   cmake g++ make libgtest-dev googletest libbenchmark-dev
   rebar3 elixir git
 )
