@@ -11,9 +11,18 @@
 %% peer. The open row builds a snapshot of N instances and a journal of N
 %% value changes after it (N = 1,000,000, or 100,000 with
 %% ARBO_BENCH_QUICK=1) and counts the journal's operations replayed per
-%% second: (open time - open time of the snapshot alone) / N.
+%% second: (open time - open time of the snapshot alone) / N. The changes
+%% go through the keys in ascending order (a sweep over a list), and in a
+%% second journal in random order (changes scattered over the list).
+%%
+%% Beside the 1-op commits, the floor of a commit that answers after its
+%% write, in the same run: a bare gen_server:call round trip and a bare
+%% write of one 52-byte frame to a raw file.
 -module(arbo_bench_db).
+-behaviour(gen_server).
 -export([rows/0]).
+%% the server of the bare round trip: it answers every call with its request
+-export([init/1, handle_call/3, handle_cast/2]).
 
 -define(VALUE(K), <<"value:", K:80>>).
 
@@ -60,13 +69,15 @@ measure(Dir, Scale, Quick) ->
     BytesPerOp = (J1 - J0) / 10000,
     Batch = best(3, fun() -> batch_rate(Interval, 1000, 100 div Scale, Keys) end),
     ok = arbo_db:close(Interval),
+    {Call, Write} = floor_rates(Dir, 50000 div Scale),
     %% mnesia and DETS
     {MnTrans, MnSync, Mn16, MnBatch, MnBytes} = mnesia_rates(Dir, Scale, Keys),
     {Dets, DetsSync} = dets_rates(Dir, Scale, Keys),
     %% opening a snapshot and a journal
     N = 1000000 div Scale,
-    {OpenMs, SnapMs, NewMs, EmptyMs} = open_times(Dir, N),
+    {OpenMs, SnapMs, NewMs, EmptyMs, RandomMs} = open_times(Dir, N),
     Replay = N / max(1, OpenMs - SnapMs) * 1000,
+    ReplayRandom = N / max(1, RandomMs - SnapMs) * 1000,
     ReplayNew = 2 * N / max(1, NewMs - EmptyMs) * 1000,
     Label = integer_to_list(N div 1000) ++ "k",
     [#{row => "commits/s, 1 committer, sync => always", arbo => One, peer => Fsync,
@@ -83,14 +94,20 @@ measure(Dir, Scale, Quick) ->
        unit => "/s", peer_name => "mnesia:sync_transaction", target => "-"},
      #{row => "1-op commits/s, 1 committer, {interval, 1000}", arbo => Single, peer => Dets,
        unit => "/s", peer_name => "dets:insert", target => "-"},
+     #{row => "1-op commits/s, 1 committer, {interval, 1000}", arbo => Single, peer => Call,
+       unit => "/s", peer_name => "bare gen_server:call", target => "-"},
+     #{row => "1-op commits/s, 1 committer, {interval, 1000}", arbo => Single, peer => Write,
+       unit => "/s", peer_name => "bare file:write of a frame", target => "-"},
      #{row => "ops/s in 1,000-op commits, {interval, 1000}", arbo => Batch, peer => MnBatch,
        unit => "ops/s", peer_name => "mnesia:transaction, 1,000 writes", target => "arbo >= 1000000"},
      #{row => "journal bytes per 1-op commit (16-byte value)", arbo => BytesPerOp, peer => MnBytes,
        unit => "bytes", peer_name => "mnesia LATEST.LOG", target => "-"},
      #{row => "open: " ++ Label ++ "-instance snapshot + " ++ Label ++ "-op journal", arbo => OpenMs,
        peer => SnapMs, unit => "ms", peer_name => "arbo_db, snapshot alone", target => "-"},
-     #{row => "journal ops replayed/s at open (value changes)", arbo => Replay, peer => none,
-       unit => "ops/s", peer_name => "-", target => "arbo >= 1000000"},
+     #{row => "journal ops replayed/s at open (value changes, ascending keys)", arbo => Replay,
+       peer => none, unit => "ops/s", peer_name => "-", target => "arbo >= 1000000"},
+     #{row => "journal ops replayed/s at open (value changes, random keys)", arbo => ReplayRandom,
+       peer => none, unit => "ops/s", peer_name => "-", target => "-"},
      #{row => "journal ops replayed/s at open (" ++ Label ++ " new instances, each with a value)",
        arbo => ReplayNew, peer => none, unit => "ops/s", peer_name => "-", target => "arbo >= 1000000"}]
         ++ [#{row => "(quick run: figures at a tenth of the scale)", arbo => none, peer => none}
@@ -157,6 +174,18 @@ mnesia_rates(Dir, Scale, Keys) ->
     stopped = mnesia:stop(),
     {Trans, Sync, P16, Batch, (L1 - L0) / Count}.
 
+%% Calls per second to a server that only answers, and writes per second
+%% of one frame's bytes to a raw file.
+floor_rates(Dir, N) ->
+    {ok, Pid} = gen_server:start(?MODULE, [], []),
+    Call = best(3, fun() -> rate(N, fun(I) -> I = gen_server:call(Pid, I) end) end),
+    gen_server:stop(Pid),
+    {ok, Fd} = file:open(filename:join(Dir, "writes"), [raw, binary, append]),
+    Frame = binary:copy(<<1>>, 52),
+    Write = best(3, fun() -> rate(N, fun(_) -> ok = file:write(Fd, Frame) end) end),
+    ok = file:close(Fd),
+    {Call, Write}.
+
 dets_rates(Dir, Scale, Keys) ->
     {ok, T} = dets:open_file(arbo_bench_dets, [{file, filename:join(Dir, "kv.dets")}]),
     Ins = fun(I) -> K = I rem Keys + 1, ok = dets:insert(T, {K, ?VALUE(K)}) end,
@@ -193,9 +222,25 @@ open_times(Dir, N) ->
     Full = best_open(Opts, 3, N),
     {ok, Db2} = arbo_db:open(db_bench_open, Opts),
     ok = arbo_db:snapshot(Db2),
+    Shuffled = [K || {_, K} <- lists:sort([{rand:uniform(), K} || K <- lists:seq(1, N)])],
+    ok = random_sets(Db2, Shuffled),
     ok = arbo_db:close(Db2),
+    Random = best_open(Opts, 3, N),
+    {ok, Db4} = arbo_db:open(db_bench_open, Opts),
+    ok = arbo_db:snapshot(Db4),
+    ok = arbo_db:close(Db4),
     Snap = best_open(Opts, 3, N),
-    {Full, Snap, New, Empty}.
+    {Full, Snap, New, Empty, Random}.
+
+init([]) -> {ok, []}.
+handle_call(Req, _, S) -> {reply, Req, S}.
+handle_cast(_, S) -> {noreply, S}.
+
+random_sets(_, []) -> ok;
+random_sets(Db, Keys) ->
+    {Chunk, Rest} = lists:split(min(1000, length(Keys)), Keys),
+    {ok, _} = arbo_db:commit(Db, [{set, [1, K], ?VALUE(K)} || K <- Chunk]),
+    random_sets(Db, Rest).
 
 best_open(Opts, Runs, N) ->
     lists:min([begin

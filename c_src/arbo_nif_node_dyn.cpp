@@ -263,6 +263,7 @@ void hint_refresh(arbo_node* parent, sl_append_hint* hint) {
   if (hint->list == parent && hint->size == d->size) return;
   *hint = sl_append_hint{};
   hint->list = parent;
+  hint->size = d->size;
   gen_node* header = dn_header(parent);
   gen_node* x = header;
   for (int i = kMaxLevels - 1; i >= 0; --i) {
@@ -297,18 +298,75 @@ void sl_append(arbo_node* parent, gen_node* g, sl_append_hint* hint) {
 
 }  // namespace
 
+namespace {
+
+// The search path of `k` from the finger: levels whose next node already
+// sorts at or after `k` keep the finger's node; the search starts at the
+// lowest of them (climbing stops there: a taller node after the finger's
+// node is at or after the next node of every level below it). The caller
+// has checked that the finger's bottom node sorts before `k`, so every
+// node of the path does.
+void sl_search_from(dyn_node* d, const skey& k, const sl_path finger, sl_path update) {
+  const int mode = d->cmp;
+  int top = 0;
+  while (top + 1 < d->curh) {
+    arbo_node* nx = finger[top]->next[top];
+    if (nx == nullptr || sl_cmp(nx, k, mode) >= 0) break;
+    ++top;
+  }
+  for (int i = d->curh - 1; i > top; --i) update[i] = finger[i];
+  gen_node* x = finger[top];
+  bool moved = false;
+  for (int i = top; i >= 0; --i) {
+    // Until the search has left the finger's nodes, the finger's own node
+    // of this level is the furthest known start; once it has, the node
+    // reached sorts after every finger node below (they sort before the
+    // finger's key, it does not).
+    if (!moved) x = finger[i];
+    for (arbo_node* nx = x->next[i]; nx != nullptr; nx = x->next[i]) {
+      if (sl_cmp(nx, k, mode) >= 0) break;
+      x = as_gen(nx);
+      moved = true;
+    }
+    update[i] = x;
+  }
+}
+
+}  // namespace
+
 arbo_node* sl_insert_hinted(arbo_node* parent, arbo_node* node, store_ctx* ctx,
                             sl_append_hint* hint) {
   dyn_node* d = as_dyn(parent);
   if (d->cmp == ORDER_USER) return _arbo_nif_dn_insert(parent, node, ctx);
   check_height(node);
   hint_refresh(parent, hint);
-  if (!past_end(d, hint, node_skey(node))) {
-    // The full search decides, and the hint is rebuilt next time.
-    *hint = sl_append_hint{};
-    return sl_insert(parent, node, ctx);
+  const skey k = node_skey(node);
+  if (past_end(d, hint, k)) {
+    hint->has_path = false;
+    sl_append(parent, as_gen(node), hint);
+    return node;
   }
-  sl_append(parent, as_gen(node), hint);
+  // The same search path as sl_insert's: from the finger when the key
+  // sorts after it, else from the top.
+  sl_path update;
+  gen_node* header = dn_header(parent);
+  if (hint->has_path && d->curh > 0 &&
+      (hint->path[0] == header || sl_cmp(&hint->path[0]->hd, k, d->cmp) < 0))
+    sl_search_from(d, k, hint->path, update);
+  else
+    sl_search(parent, k, update);
+  arbo_node* cand = update[0]->next[0];
+  if (cand != nullptr && sl_cmp(cand, k, d->cmp) == 0) {
+    // The list is unchanged: the hint stays right, and the path is the
+    // next search's finger.
+    _arbo_nif_do_del_node(node, ctx, 0, kNoFixup);
+    for (int i = 0; i < d->curh; ++i) hint->path[i] = update[i];
+    hint->has_path = true;
+    return cand;
+  }
+  sl_link(d, as_gen(node), update);
+  // The hint is rebuilt next time (the size moved).
+  hint->has_path = false;
   return node;
 }
 

@@ -39,8 +39,11 @@
 
 %% nodes: Id => {Kind, Key, tree node or undefined (made in this batch), namespaces emptied}
 %% links: {ParentId, Key} => Id | deleted (an entry overrides the tree)
+%% near: the parent of the last node a value operation named, while the
+%% loader's path stands at that node: {ParentPath, ParentChain, ParentId,
+%% ParentKind, NodeId}; none after any other operation.
 -record(v, {t, nodes, links = #{}, stack = [root], run = none, parts = [], next = 1,
-            acts = [], want = true, moved = false, forms = #{}}).
+            acts = [], want = true, moved = false, forms = #{}, near = none}).
 
 %% ---------------------------------------------------------------------------
 
@@ -57,13 +60,73 @@ prepare(T, Ops, Actions) ->
     end).
 
 ops([], _, V) -> {ok, lists:reverse((close_run(V))#v.parts), lists:reverse(V#v.acts)};
-ops([Op | More], I, V) ->
-    try op(Op, V) of
+ops([{set, P, Val} = Op | More], I, #v{near = {Parent, _, _, _, _}} = V) ->
+    %% A value set on a sibling of the last node set: the parent's chain
+    %% and the loader's path are known, one step up and one down.
+    case sibling_key(P, Parent) of
+        {ok, Last} ->
+            try near_set(Last, Val, V) of
+                {_, #v{want = false} = V1} -> ops(More, I + 1, V1);
+                {Act, V1} -> ops(More, I + 1, V1#v{acts = [Act | V1#v.acts]})
+            catch throw:{refuse, Reason} -> {error, {I, Op, Reason}}
+            end;
+        error -> general(Op, More, I, V)
+    end;
+ops([Op | More], I, V) -> general(Op, More, I, V);
+ops(_, I, _) -> {error, {I, tail, not_a_list}}.
+
+general(Op, More, I, V) ->
+    try op(Op, V#v{near = none}) of
         {_, #v{want = false} = V1} -> ops(More, I + 1, V1);
         {Act, V1} -> ops(More, I + 1, V1#v{acts = [Act | V1#v.acts]})
     catch throw:{refuse, Reason} -> {error, {I, Op, Reason}}
-    end;
-ops(_, I, _) -> {error, {I, tail, not_a_list}}.
+    end.
+
+%% The last key of P when P is Parent plus one key.
+sibling_key([K | P], [K | Parent]) -> sibling_key(P, Parent);
+sibling_key([Last], []) -> {ok, Last};
+sibling_key(_, _) -> error.
+
+near_set(Last, Val, #v{near = {Parent, PChain, PId, PKind, At}, nodes = Nodes} = V) ->
+    Key = canon(Last, PKind),
+    %% A node the tree holds is not kept in the overlay: a later operation
+    %% that names it asks the tree again (and the loader's path may take a
+    %% step more), nothing else differs.
+    {Id, Kind, V1} =
+        case V#v.links of
+            #{{PId, Key} := deleted} -> refuse(no_node);
+            #{{PId, Key} := Known} -> {Known, element(1, maps:get(Known, Nodes)), V};
+            _ ->
+                case tree_child(PId, Key, V) of
+                    none -> refuse(no_node);
+                    C ->
+                        K = case PKind of
+                                {list, _} -> instance;
+                                _ -> arbo_tree:type(V#v.t, C)
+                            end,
+                        {{tree, C}, K, V}
+                end
+        end,
+    value_node(Kind, Key),
+    Recs = case Id of
+               At -> value_record(Val);
+               _ -> [7, path_record({Kind, Key, x, x}) | value_record(Val)]
+           end,
+    Target = case {V1, Id} of
+                 {#v{want = false}, _} -> [];
+                 {#v{moved = false}, {tree, C1}} -> {ref, C1};
+                 {#v{moved = false}, _} -> target(PChain ++ [Id], V1);
+                 _ -> keys(PChain, V1) ++ [Key]
+             end,
+    {{set, Target, Val},
+     V1#v{stack = PChain ++ [Id], run = [Recs | V1#v.run], near = {Parent, PChain, PId, PKind, Id}}}.
+
+%% After a value operation on P (resolved to Chain, the loader's path now
+%% at its end): its parent, for the siblings that may follow.
+near(P, Chain, V) ->
+    {PChain, [Id]} = lists:split(length(Chain) - 1, Chain),
+    PId = lists:last(PChain),
+    V#v{near = {lists:droplast(P), PChain, PId, kind(PId, V), Id}}.
 
 op({container, P}, V) -> create(P, container, V);
 op({leaf, P}, V) -> create(P, leaf, V);
@@ -74,7 +137,7 @@ op({instance, LP, Key}, V) when is_list(LP) -> create(LP ++ [Key], instance, V);
 op({set, P, Val}, V) ->
     {Chain, V1} = resolve(P, V),
     holds_value(Chain, V1),
-    {{set, target(Chain, V1), Val}, emit(value_record(Val), navigate(Chain, V1))};
+    {{set, target(Chain, V1), Val}, near(P, Chain, emit(value_record(Val), navigate(Chain, V1)))};
 op({clear_value, P}, V) ->
     {Chain, V1} = resolve(P, V),
     holds_value(Chain, V1),
@@ -221,6 +284,16 @@ walk([K | Ks], PId, Acc, V) ->
     end;
 walk(_, _, _, _) -> refuse(bad_path).
 
+%% A child in the tree, unless the overlay's parent was made in this batch
+%% or lost the key's namespace.
+tree_child(PId, Key, #v{t = T, nodes = Nodes}) ->
+    {_, _, Ref, Gone} = maps:get(PId, Nodes),
+    case Ref =/= undefined andalso not lists:member(key_ns(Key), Gone)
+        andalso arbo_tree:find(T, Ref, Key) of
+        false -> none;
+        R -> R
+    end.
+
 %% A child by its canonical key: the overlay's word, else the tree's (and
 %% what the tree answers is kept in the overlay).
 child(PId, Key, #v{t = T, nodes = Nodes, links = Links, next = Next} = V) ->
@@ -294,12 +367,12 @@ not_root(_) -> ok.
 
 holds_value(Chain, V) ->
     Id = lists:last(Chain),
-    case {kind(Id, V), key(Id, V)} of
-        {leaf, _} -> ok;
-        {instance, {int, _}} -> ok;
-        {instance, {pair, _, _}} -> ok;
-        _ -> refuse(wrong_node_type)
-    end.
+    value_node(kind(Id, V), key(Id, V)).
+
+value_node(leaf, _) -> ok;
+value_node(instance, {int, _}) -> ok;
+value_node(instance, {pair, _, _}) -> ok;
+value_node(_, _) -> refuse(wrong_node_type).
 
 attr_id(Id) -> (?U32(Id) andalso Id > 0) orelse refuse({bad_attribute, Id}).
 

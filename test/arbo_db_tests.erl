@@ -156,6 +156,15 @@ random_op() ->
 random_batch() ->
     case rand:uniform(40) of
         1 -> [clear, {list, [4], user_order}];
+        %% values set on siblings, other operations between them
+        N when N =< 8 ->
+            {L, O} = pick(lists()),
+            Keys = [1, 2, 3, {pair, 7, 1}],
+            [{container, [1]}, {list, L, O} | [{instance, L, K} || K <- Keys]]
+                ++ [case rand:uniform(10) of
+                        1 -> random_op();
+                        _ -> {set, L ++ [pick(Keys)], pick(values())}
+                    end || _ <- lists:seq(1, 2 + rand:uniform(6))];
         _ -> [random_op() || _ <- lists:seq(1, rand:uniform(3))]
     end.
 
@@ -274,6 +283,11 @@ refusal_test() ->
     Before = dump(arbo_db:tree(Db)),
     Cases = [{[{set, [1, 2], <<"ok">>}, {set, [9], <<"x">>}], 2, no_node},
              {[{set, [1], <<"x">>}], 1, wrong_node_type},
+             {[{set, [3, 5], <<"a">>}, {set, [3, 9], <<"b">>}], 2, no_node},
+             {[{set, [3, 5], <<"a">>}, {set, [3, {opaque, <<"o">>}], <<"b">>}], 2, wrong_node_type},
+             {[{instance, [3], 6}, {delete, [3, 5]}, {set, [3, 6], <<"x">>},
+               {set, [3, 5], <<"y">>}], 4, no_node},
+             {[{set, [3, 5], <<"a">>}, {set, [3, 5], empty}], 2, {bad_value, empty}},
              {[{set, [3, {opaque, <<"o">>}], <<"x">>}], 1, wrong_node_type},
              {[{leaf, [1, 7]}, {container, [1, 7]}], 2, {name_taken, leaf}},
              {[{instance, [1], 3}], 1, wrong_node_type},

@@ -5,6 +5,8 @@
 // through the NIF by the EUnit suites (edit_tests, props_tests, nav_tests).
 #include <gtest/gtest.h>
 
+#include <random>
+
 #include "arbo_stack.h"
 #include "mirel_hashtable.h"
 #include "store_test_util.h"
@@ -86,3 +88,66 @@ TEST(UserList, IndexThresholdsIgnoreNamespaces) {
 }
 
 }  // namespace
+
+namespace {
+
+// An integer instance of the given height, made without a draw, so that two
+// lists can be built from the same heights.
+arbo_node* instance_of_height(TestTable& t, uint32_t key, int h) {
+  const uint32_t type = h == 1 ? T_GEN_NODE_ONE : (h == 2 ? T_GEN_NODE_TWO : T_GEN_NODE_MAX);
+  arbo_node* n = _arbo_nif_node_alloc(&t.ctx, type);
+  as_gen(n)->height = static_cast<uint8_t>(h);
+  n->set_hkey(key);
+  return n;
+}
+
+// Keys level by level, bottom up.
+std::vector<std::vector<uint32_t>> levels(arbo_node* l) {
+  std::vector<std::vector<uint32_t>> out(kMaxLevels);
+  for (int i = 0; i < kMaxLevels; ++i)
+    for (arbo_node* n = as_dyn(l)->head[i]; n != nullptr; n = as_gen(n)->next[i])
+      out[i].push_back(n->hkey());
+  return out;
+}
+
+}  // namespace
+
+// The loader's hinted insertion (an append past the end, a search from the
+// last path found, or the full search) links every node where the plain
+// insertion does and finds the same existing nodes, whatever the order of
+// the keys: ascending runs over present keys (the path is reused), steps
+// back, new keys between present ones, and the same key twice.
+TEST(SortedList, HintedInsertLinksAsThePlainOne) {
+  std::mt19937 rng(7);
+  std::vector<std::vector<uint32_t>> orders;
+  std::vector<uint32_t> asc, mixed, rnd;
+  for (uint32_t k = 0; k < 3000; k += 2) asc.push_back(k);        // appends
+  for (uint32_t k = 0; k < 3000; k += 3) asc.push_back(k);        // present ascending, some new
+  for (uint32_t k = 0; k < 3000; k += 7) mixed.push_back(k), mixed.push_back(k), mixed.push_back(k / 2);
+  for (int i = 0; i < 4000; ++i) rnd.push_back(rng() % 3500);
+  orders = {asc, mixed, rnd};
+  for (size_t o = 0; o < orders.size(); ++o) {
+    TestTable t;
+    arbo_node* plain = add(t, t.root(), 1, 0);
+    arbo_node* hinted = add(t, t.root(), 2, 0);
+    for (uint32_t k = 0; k < 3000; k += 5) {  // a list that already holds keys
+      const int h = 1 + static_cast<int>(rng() % 7);
+      sl_insert(plain, instance_of_height(t, k, h), &t.ctx);
+      sl_insert(hinted, instance_of_height(t, k, h), &t.ctx);
+    }
+    sl_append_hint hint;
+    for (uint32_t k : orders[o]) {
+      const int h = 1 + static_cast<int>(rng() % 7);
+      arbo_node* a = instance_of_height(t, k, h);
+      arbo_node* b = instance_of_height(t, k, h);
+      const bool a_new = sl_insert(plain, a, &t.ctx) == a;
+      arbo_node* got = sl_insert_hinted(hinted, b, &t.ctx, &hint);
+      ASSERT_EQ(got == b, a_new) << o << " key " << k;
+      ASSERT_EQ(got->hkey(), k) << o;
+      ASSERT_EQ(as_dyn(hinted)->size, as_dyn(plain)->size) << o;
+    }
+    EXPECT_EQ(levels(hinted), levels(plain)) << o;
+    EXPECT_EQ(as_dyn(hinted)->curh, as_dyn(plain)->curh) << o;
+    EXPECT_TRUE(TreeOk(t.root()));
+  }
+}
