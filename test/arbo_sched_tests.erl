@@ -283,11 +283,9 @@ wait_until(Pred, Ms) ->
 in_child(F, A) ->
     Dirs = lists:usort([filename:absname(filename:dirname(code:which(M)))
                         || M <- [?MODULE, arbo_tree]]),
-    {ok, Peer} = case peer:start(#{connection => standard_io,
-                                   args => lists:append([["-pa", D] || D <- Dirs])}) of
-                     {ok, P} -> {ok, P};
-                     {ok, P, _} -> {ok, P}
-                 end,
+    %% {ok, Pid} or {ok, Pid, Node}, as this VM is distributed or not
+    Peer = element(2, peer:start(#{connection => standard_io,
+                                   args => lists:append([["-pa", D] || D <- Dirs])})),
     try peer:call(Peer, ?MODULE, F, A, 280000)
     catch C:R -> {child_vm_failed, C, R}
     after catch peer:stop(Peer)
