@@ -131,15 +131,21 @@ answers(N) ->
     Last = lists:last(Is),
     Visible = [I || {K, I} <- lists:enumerate(Is), K rem 5 =/= 0],
     try
-        ?assertEqual(
-           [N - N div 5, N div 7, true, false, Last, lists:nth(N div 2, Is), N,
-            lists:nth(N - 1, Is), Last, lists:nth(N div 2, Visible), false, true],
-           [arbo:num_children(TV, L), arbo:num_children_with_flag(T, L, ?FLAG),
-            arbo:has_child_with_flags(T, L, ?FLAG), arbo:has_child_with_flags(T, L, 2#1000),
-            arbo:get_child(T, L, N), arbo:get_child(T, L, N div 2), arbo:child_index(T, L, Last),
-            arbo:prev_sibling(T, L, Last), arbo:last_child(TV, L),
-            arbo:get_child(TV, L, N div 2), arbo:has_descendant_with_flags(T, Root, 2#1000, 0),
-            arbo:has_descendant_with_flags(T, Root, ?FLAG, 0)]),
+        {Dirty, Answers} =
+            on_dirty(fun() ->
+                             [arbo:num_children(TV, L), arbo:num_children_with_flag(T, L, ?FLAG),
+                              arbo:has_child_with_flags(T, L, ?FLAG),
+                              arbo:has_child_with_flags(T, L, 2#1000),
+                              arbo:get_child(T, L, N), arbo:get_child(T, L, N div 2),
+                              arbo:child_index(T, L, Last), arbo:prev_sibling(T, L, Last),
+                              arbo:last_child(TV, L), arbo:get_child(TV, L, N div 2),
+                              arbo:has_descendant_with_flags(T, Root, 2#1000, 0),
+                              arbo:has_descendant_with_flags(T, Root, ?FLAG, 0)]
+                     end),
+        ?assertEqual([N - N div 5, N div 7, true, false, Last, lists:nth(N div 2, Is), N,
+                      lists:nth(N - 1, Is), Last, lists:nth(N div 2, Visible), false, true], Answers),
+        %% Past the step budget the walks continue on a dirty scheduler.
+        ?assert(N < 40000 orelse Dirty > 0),
         %% Moves and deletions: answers, generation and counters.
         G0 = arbo:get_generation(T),
         ?assertEqual({true, G0 + 1}, {arbo:move_to(T, U, hd(Us), N - 1), arbo:get_generation(T)}),
@@ -272,6 +278,16 @@ no_long_block_test_() ->
     end}.
 
 %% ---- helpers -------------------------------------------------------------------------
+
+%% Fun's answer, and the time dirty CPU schedulers were busy meanwhile.
+on_dirty(Fun) ->
+    erlang:system_flag(microstate_accounting, true),
+    erlang:system_flag(microstate_accounting, reset),
+    R = Fun(),
+    Stats = erlang:statistics(microstate_accounting),
+    erlang:system_flag(microstate_accounting, false),
+    {lists:sum([V || #{type := dirty_cpu_scheduler, counters := C} <- Stats,
+                     {K, V} <- maps:to_list(C), K =/= sleep]), R}.
 
 wait_until(Pred, Ms) when Ms =< 0 -> {timeout, Pred()};
 wait_until(Pred, Ms) ->
