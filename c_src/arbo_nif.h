@@ -108,6 +108,14 @@ bool long_chain(const arbo_node* first);
 // Raise the guard's decode failure with this line.
 #define ARBO_RAISE_HANDLE(env, guard) (guard).raise((env), __LINE__)
 
+// The common frame of a function on one node: take the table in `mode`
+// (raising on a bad or closed handle), then refuse a node with no valid
+// type. Declares the guard `g` in the caller's scope.
+#define ARBO_LOCK_NODE(env, handle, mode, node)                   \
+  TableGuard g((env), (handle), (mode));                          \
+  if (!g.ok()) return ARBO_RAISE_HANDLE((env), g);                \
+  if (type_invalid(node)) return ARBO_INVALID_TYPE(env)
+
 // ---- argument decoders ------------------------------------------------------------
 // A node reference: a non-zero unsigned 64-bit integer.
 bool get_node(ErlNifEnv* env, ERL_NIF_TERM term, arbo_node** node);

@@ -44,9 +44,7 @@ ARBO_NIF_FN(add_hkey_dyn) {
   if (!get_node(env, argv[1], &parent)) return ARBO_BADARG(env);
   if (!get_htag(env, argv[2], &ns, &tag)) return ARBO_BADARG(env);
   if (!enif_get_uint(env, argv[3], &mode)) return ARBO_BADARG(env);
-  TableGuard g(env, argv[0], Lock::kExclusive);
-  if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
-  if (type_invalid(parent)) return ARBO_INVALID_TYPE(env);
+  ARBO_LOCK_NODE(env, argv[0], Lock::kExclusive, parent);
   if (long_add(parent)) return continue_dirty(env);
   store_ctx ctx{g.table(), env};
   arbo_node* n =
@@ -185,9 +183,7 @@ ARBO_NIF_FN(get_hkey) {
   (void)argc;
   arbo_node* node = nullptr;
   if (!get_node(env, argv[1], &node)) return ARBO_BADARG(env);
-  TableGuard g(env, argv[0], Lock::kShared);
-  if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
-  if (type_invalid(node)) return ARBO_INVALID_TYPE(env);
+  ARBO_LOCK_NODE(env, argv[0], Lock::kShared, node);
 
   if (node->has(F_KEY_IS_BIN)) {
     ERL_NIF_TERM bin;
@@ -223,9 +219,7 @@ ARBO_NIF_FN(del_ns) {
   unsigned ns = 0;
   if (!get_node(env, argv[1], &parent)) return ARBO_BADARG(env);
   if (!enif_get_uint(env, argv[2], &ns)) return ARBO_BADARG(env);
-  TableGuard g(env, argv[0], Lock::kExclusive);
-  if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
-  if (type_invalid(parent)) return ARBO_INVALID_TYPE(env);
+  ARBO_LOCK_NODE(env, argv[0], Lock::kExclusive, parent);
   if (on_normal_scheduler() && _arbo_nif_subtree_exceeds(parent->child, 1, kFreeBudget))
     return continue_dirty(env);
   store_ctx ctx{g.table(), env};

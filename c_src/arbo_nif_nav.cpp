@@ -94,9 +94,7 @@ ERL_NIF_TERM has_child_flags(ErlNifEnv* env, const ERL_NIF_TERM argv[], bool wan
   ErlNifUInt64 mask = 0;
   if (!get_node(env, argv[1], &node) || !enif_get_uint64(env, argv[2], &mask))
     return ARBO_BADARG(env);
-  TableGuard g(env, argv[0], Lock::kShared);
-  if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
-  if (type_invalid(node)) return ARBO_INVALID_TYPE(env);
+  ARBO_LOCK_NODE(env, argv[0], Lock::kShared, node);
   StepBudget budget;
   for (arbo_node* c = node->child; c != nullptr; c = sibling(c)) {
     if (!budget.step()) return continue_dirty(env);
@@ -112,9 +110,7 @@ ARBO_NIF_FN(num_children) {
   (void)argc;
   arbo_node* node = nullptr;
   if (!get_node(env, argv[1], &node)) return ARBO_BADARG(env);
-  TableGuard g(env, argv[0], Lock::kShared);
-  if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
-  if (type_invalid(node)) return ARBO_INVALID_TYPE(env);
+  ARBO_LOCK_NODE(env, argv[0], Lock::kShared, node);
   uint32_t count = 0;
   const bool hide = (g.options() & kOptHideInactive) != 0;
   // Counting walks the chain, and so does counting the inactive children
@@ -136,9 +132,7 @@ ARBO_NIF_FN(num_children_with_flag) {
   ErlNifUInt64 mask = 0;
   if (!get_node(env, argv[1], &node) || !enif_get_uint64(env, argv[2], &mask))
     return ARBO_BADARG(env);
-  TableGuard g(env, argv[0], Lock::kShared);
-  if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
-  if (type_invalid(node)) return ARBO_INVALID_TYPE(env);
+  ARBO_LOCK_NODE(env, argv[0], Lock::kShared, node);
   uint32_t count = 0;
   StepBudget budget;
   for (arbo_node* c = node->child; c != nullptr; c = sibling(c)) {
@@ -156,9 +150,7 @@ ARBO_NIF_FN(has_descendant_with_flags4) {
   if (!get_node(env, argv[1], &node) || !enif_get_uint64(env, argv[2], &mask) ||
       !enif_get_uint(env, argv[3], &arg))
     return ARBO_BADARG(env);
-  TableGuard g(env, argv[0], Lock::kShared);
-  if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
-  if (type_invalid(node)) return ARBO_INVALID_TYPE(env);
+  ARBO_LOCK_NODE(env, argv[0], Lock::kShared, node);
   const uint64_t budget = on_normal_scheduler() ? kStepBudget : kUnlimited;
   const int found =
       _arbo_nif_has_descendant_budget(env, node, mask, static_cast<int>(arg), budget);
@@ -182,9 +174,7 @@ ARBO_NIF_FN(first_child_nif) {
   int match_flag = 0;
   if (!get_node(env, argv[1], &node) || !enif_get_int(env, argv[3], &match_flag))
     return ARBO_BADARG(env);
-  TableGuard g(env, argv[0], Lock::kShared);
-  if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
-  if (type_invalid(node)) return ARBO_INVALID_TYPE(env);
+  ARBO_LOCK_NODE(env, argv[0], Lock::kShared, node);
   return step_or_walk(env, node->child, argv[2], match_flag, g.options());
 }
 
@@ -195,9 +185,7 @@ ARBO_NIF_FN(next_sibling_nif) {
   int match_flag = 0;
   if (!get_node(env, argv[1], &node) || !enif_get_int(env, argv[3], &match_flag))
     return ARBO_BADARG(env);
-  TableGuard g(env, argv[0], Lock::kShared);
-  if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
-  if (type_invalid(node)) return ARBO_INVALID_TYPE(env);
+  ARBO_LOCK_NODE(env, argv[0], Lock::kShared, node);
   if (argc == 4) return step_or_walk(env, sibling(node), argv[2], match_flag, g.options());
 
   StackPtr stack = new_stack();
@@ -216,9 +204,7 @@ ARBO_NIF_FN(last_child) {
   (void)argc;
   arbo_node* node = nullptr;
   if (!get_node(env, argv[1], &node)) return ARBO_BADARG(env);
-  TableGuard g(env, argv[0], Lock::kShared);
-  if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
-  if (type_invalid(node)) return ARBO_INVALID_TYPE(env);
+  ARBO_LOCK_NODE(env, argv[0], Lock::kShared, node);
   // An empty sorted list answers its header view, not 0: callers know it.
   if (node->is_dyn()) return make_node(env, _arbo_nif_dn_last_child(node));
   arbo_node* last = node->child;
@@ -254,9 +240,7 @@ ARBO_NIF_FN(get_child) {
   arbo_node* node = nullptr;
   unsigned n = 0;
   if (!get_node(env, argv[1], &node) || !enif_get_uint(env, argv[2], &n)) return ARBO_BADARG(env);
-  TableGuard g(env, argv[0], Lock::kShared);
-  if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
-  if (type_invalid(node)) return ARBO_INVALID_TYPE(env);
+  ARBO_LOCK_NODE(env, argv[0], Lock::kShared, node);
   const uint32_t opts = g.options();
   StepBudget budget;
   arbo_node* c = node->child;
@@ -282,9 +266,7 @@ ARBO_NIF_FN(find_child) {
   unsigned code = 0;
   if (!get_node(env, argv[1], &node) || !enif_get_uint(env, argv[3], &code))
     return ARBO_BADARG(env);
-  TableGuard g(env, argv[0], Lock::kShared);
-  if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
-  if (type_invalid(node)) return ARBO_INVALID_TYPE(env);
+  ARBO_LOCK_NODE(env, argv[0], Lock::kShared, node);
   // Integer keys are looked up along the child chain outside lists.
   const bool walks =
       !node->is_dyn() && (code == FIND_TAG || code == FIND_TAG_ALT || code == FIND_NS_INT);
@@ -326,9 +308,7 @@ ARBO_NIF_FN(find_next_nif) {
   if (!get_node(env, argv[1], &list) || !enif_get_uint(env, argv[3], &code) ||
       !enif_get_uint(env, argv[4], &mode))
     return ARBO_BADARG(env);
-  TableGuard g(env, argv[0], Lock::kShared);
-  if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
-  if (type_invalid(list)) return ARBO_INVALID_TYPE(env);
+  ARBO_LOCK_NODE(env, argv[0], Lock::kShared, list);
   arbo_node* found = nullptr;
   const int inclusive = static_cast<int>(mode);
   if (list->is_dyn() && list->child != nullptr) {

@@ -11,9 +11,7 @@ ARBO_NIF_FN(get_flags) {
   (void)argc;
   arbo_node* node = nullptr;
   if (!get_node(env, argv[1], &node)) return ARBO_BADARG(env);
-  TableGuard g(env, argv[0], Lock::kShared);
-  if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
-  if (type_invalid(node)) return ARBO_INVALID_TYPE(env);
+  ARBO_LOCK_NODE(env, argv[0], Lock::kShared, node);
   return enif_make_uint64(env, _arbo_nif_get_flags(env, node));
 }
 
@@ -38,9 +36,7 @@ ERL_NIF_TERM do_flag(ErlNifEnv* env, const ERL_NIF_TERM argv[], flag_op op) {
   ErlNifUInt64 mask = 0;
   if (!get_node(env, argv[1], &node)) return ARBO_BADARG(env);
   if (!enif_get_uint64(env, argv[2], &mask)) return ARBO_BADARG(env);
-  TableGuard g(env, argv[0], Lock::kExclusive);
-  if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
-  if (type_invalid(node)) return ARBO_INVALID_TYPE(env);
+  ARBO_LOCK_NODE(env, argv[0], Lock::kExclusive, node);
   return enif_make_uint64(env, op(env, node, mask));
 }
 
@@ -80,9 +76,7 @@ ARBO_NIF_FN(get_attr_root) {
   (void)argc;
   arbo_node* node = nullptr;
   if (!get_node(env, argv[1], &node)) return ARBO_BADARG(env);
-  TableGuard g(env, argv[0], Lock::kShared);
-  if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
-  if (type_invalid(node)) return ARBO_INVALID_TYPE(env);
+  ARBO_LOCK_NODE(env, argv[0], Lock::kShared, node);
   return make_node(env, node->attr);
 }
 
@@ -92,9 +86,7 @@ ARBO_NIF_FN(get_attr) {
   unsigned attr = 0;
   if (!get_node(env, argv[1], &node)) return ARBO_BADARG(env);
   if (!enif_get_uint(env, argv[2], &attr)) return ARBO_BADARG(env);
-  TableGuard g(env, argv[0], Lock::kShared);
-  if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
-  if (type_invalid(node)) return ARBO_INVALID_TYPE(env);
+  ARBO_LOCK_NODE(env, argv[0], Lock::kShared, node);
   return _arbo_nif_attr_fetch(node, attr, env);
 }
 
@@ -108,9 +100,7 @@ ARBO_NIF_FN(set_attr) {
   if (!get_node(env, argv[1], &node)) return ARBO_BADARG(env);
   if (!enif_get_uint(env, argv[2], &attr)) return ARBO_BADARG(env);
   if (!enif_inspect_binary(env, argv[3], &bin)) return ARBO_BADARG(env);
-  TableGuard g(env, argv[0], Lock::kExclusive);
-  if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
-  if (type_invalid(node)) return ARBO_INVALID_TYPE(env);
+  ARBO_LOCK_NODE(env, argv[0], Lock::kExclusive, node);
   store_ctx ctx{g.table(), env};
   return make_node(env, _arbo_nif_attr_set_with_gen(node, attr, bin.data, bin.size, &ctx));
 }
@@ -119,9 +109,7 @@ ARBO_NIF_FN(get_val_raw) {
   (void)argc;
   arbo_node* node = nullptr;
   if (!get_node(env, argv[1], &node)) return ARBO_BADARG(env);
-  TableGuard g(env, argv[0], Lock::kShared);
-  if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
-  if (type_invalid(node)) return ARBO_INVALID_TYPE(env);
+  ARBO_LOCK_NODE(env, argv[0], Lock::kShared, node);
   return _arbo_nif_fetch_value(node, env);
 }
 
@@ -134,9 +122,7 @@ ARBO_NIF_FN(set_val) {
   if (!get_node(env, argv[1], &node)) return ARBO_BADARG(env);
   if (!enif_get_uint(env, argv[2], &kind)) return ARBO_BADARG(env);
   if (!enif_inspect_binary(env, argv[3], &bin)) return ARBO_BADARG(env);
-  TableGuard g(env, argv[0], Lock::kExclusive);
-  if (!g.ok()) return ARBO_RAISE_HANDLE(env, g);
-  if (type_invalid(node)) return ARBO_INVALID_TYPE(env);
+  ARBO_LOCK_NODE(env, argv[0], Lock::kExclusive, node);
   store_ctx ctx{g.table(), env};
   (void)_arbo_nif_set_val(node, &ctx, bin.data, bin.size, static_cast<int>(kind));
   return am_ok;
