@@ -1,9 +1,11 @@
-%% The safety promise of the public API, checked in a child VM so that a
+%% The safety promise of the public API, checked in a peer VM so that a
 %% failure (an aborted or stalled VM) is reported instead of ending the test
-%% run: every key the codec accepts can be compared and stored. The random
-%% terms thrown at every public function (they never crash the VM, stall it
-%% or leave a tree's lock held) are generated here and thrown by the sweep of
-%% arbo_fuzz_tests. (Corrupt save files: arbo_hostile_tests.)
+%% run: every key the codec accepts can be compared and stored, and two keys
+%% the library's order takes for one are refused as a clash, never handed
+%% out for each other. The random terms thrown at every public function
+%% (they never crash the VM, stall it or leave a tree's lock held) are
+%% generated here and thrown by the sweep of arbo_fuzz_tests. (Corrupt save
+%% files: arbo_hostile_tests.)
 -module(arbo_safety_tests).
 -include_lib("proper/include/proper.hrl").
 -include_lib("eunit/include/eunit.hrl").
@@ -13,42 +15,12 @@
 %% shared with the native fuzz suite, which sweeps every public function
 -export([exported/0, run_calls/1, arg/0]).
 
-%% PropEr of this OTP release cannot report an exception raised inside a
-%% property: turn one into a printed failure.
--define(SAFE(Body),
-        try Body
-        catch C__:R__:S__ -> io:format(user, "~p~n", [{C__, R__, S__}]), false
-        end).
-
--define(PROP(P, N),
-        case proper:quickcheck(P, [{numtests, N}, quiet]) of
-            true -> ok;
-            _ -> {counterexample, proper:counterexample()}
-        end).
-
 in_child_vm_test_() ->
-    {timeout, 600, fun() ->
-        %% absolute: the child changes its working directory
-        Dirs = lists:usort([filename:absname(filename:dirname(code:which(M)))
-                            || M <- [?MODULE, arbo_tree, arbo_file_tests]]),
-        Peer = case peer:start_link(#{connection => standard_io,
-                                       args => lists:append([["-pa", D] || D <- Dirs])}) of
-                   {ok, P} -> P;
-                   {ok, P, _} -> P
-               end,
-        Result = try peer:call(Peer, ?MODULE, in_child, [], 540000)
-                 catch Class:Reason -> {child_vm_failed, Class, Reason}
-                 end,
-        catch peer:stop(Peer),
-        ?assertEqual(ok, Result)
-    end}.
+    {timeout, 600, fun() -> ?assertEqual(true, arbo_test_util:peer_call(?MODULE, in_child, 540000)) end}.
 
-%% Runs in the child VM.
+%% Runs in the peer VM.
 in_child() ->
-    Dir = filename:join("/tmp", "arbo_safety_" ++ os:getpid()),
-    ok = filelib:ensure_dir(filename:join(Dir, "x")),
-    ok = file:set_cwd(Dir),   % random paths land here
-    ?PROP(accepted_keys(), 1500).
+    proper:quickcheck(accepted_keys(), [{numtests, 1500}, quiet]) orelse {counterexample, proper:counterexample()}.
 
 %% ---- random terms for every public function -----------------------------------
 
@@ -119,26 +91,27 @@ fill(X, _) -> X.
 
 %% ---- keys: what the codec accepts, the library parses -----------------------
 
+%% PropEr of this OTP release cannot report an exception raised inside a
+%% property: it is printed, and the case fails.
 accepted_keys() ->
     ?FORALL({Bins, Mode}, {list(arbo_codec_tests:key_bytes()), oneof([0, 1, 2])},
-            ?SAFE(begin
-                Valid = [B || B <- Bins, arbo_key:validate(B) =:= ok],
-                [arbo:cmp_keys_nif(A, ?KEY_TUPLE, B, Code, Mode) || A <- Valid, {B, Code} <-
-                     [{X, 5} || X <- Valid] ++ [{X, 6} || X <- Bins]],
-                T = arbo_tree:new(),
-                L = arbo_tree:add_list(T, arbo_tree:root(T), 1,
-                                       lists:nth(Mode + 1, [sorted, sorted_length_first,
-                                                            sorted_length_first_but_last])),
-                %% Found or not: the key order is not total across every type
-                %% (209 before 27, mode 2 asymmetric), so only safety is asked.
-                %% Two keys the order takes for one are refused as a clash.
-                [arbo_tree:find(T, L, {encoded, B})
-                 || B <- Valid, _ <- [try arbo_tree:add(T, L, {encoded, B})
-                                      catch error:{key_clash, _} -> clash
-                                      end]],
-                Refused = [B || B <- Bins, arbo_key:validate(B) =/= ok,
-                                {'EXIT', {{badarg, _}, _}} <- [catch arbo_tree:add(T, L, {encoded, B})]],
-                N = length(arbo_tree:children(T, L)),
-                ok = arbo_tree:close(T),
-                N =< length(Valid) andalso length(Refused) + length(Valid) =:= length(Bins)
-            end)).
+        try
+            Valid = lists:usort([B || B <- Bins, arbo_key:validate(B) =:= ok]),
+            [arbo:cmp_keys_nif(A, ?KEY_TUPLE, B, Code, Mode)
+             || A <- Valid, {B, Code} <- [{X, 5} || X <- Valid] ++ [{X, 6} || X <- Bins]],
+            T = arbo_tree:new(),
+            Order = lists:nth(Mode + 1, [sorted, sorted_length_first, sorted_length_first_but_last]),
+            L = arbo_tree:add_list(T, arbo_tree:root(T), 1, Order),
+            Added = [B || B <- Valid, try arbo_tree:add(T, L, {encoded, B}) of _ -> true
+                                      catch error:{key_clash, _} -> false end],
+            Kept = [B || B <- Bins, arbo_key:validate(B) =/= ok,
+                         try arbo_tree:add(T, L, {encoded, B}) of _ -> true catch error:{badarg, _} -> false end],
+            Keys = [arbo_key:encode(Es) || C <- arbo_tree:children(T, L), {tuple, Es} <- [arbo_tree:key(T, C)]],
+            %% the order is not total across element types: a find may miss
+            %% an instance that is there, but never answers another one
+            Wrong = [B || B <- Valid, N <- [arbo_tree:find(T, L, {encoded, B})], N =/= none,
+                          arbo_tree:key(T, N) =/= {tuple, element(2, arbo_key:decode(B))}],
+            ok = arbo_tree:close(T),
+            {lists:sort(Keys), Kept, Wrong} =:= {Added, [], []}
+        catch C:R:S -> io:format(user, "~p~n", [{C, R, S}]), false
+        end).

@@ -1,10 +1,8 @@
-%% The tree API: its families on a small configuration tree, its errors (one
-%% generator per error family), filtered walks across the library's yields
-%% and random list edits against a model (this layer's key forms and moves;
-%% the library's own list model is store_prop_tests'). Iterator stacks of
-%% inactive instances: nav_tests; the gate: arbo_gate_tests.
+%% The tree API on a small configuration tree: reads, changes, moves, its
+%% errors (one row per error path) and filtered walks across the library's
+%% yields. (The library's own list model: store_prop_tests; key forms:
+%% arbo_hostile_api_tests; the gate: arbo_gate_tests.)
 -module(arbo_tree_tests).
--include_lib("proper/include/proper.hrl").
 -include_lib("eunit/include/eunit.hrl").
 
 -export([config/0]).
@@ -25,77 +23,64 @@ config() ->
 
 keys(T, N) -> [arbo_tree:key(T, C) || C <- arbo_tree:children(T, N)].
 
-%% The API's families on the configuration tree, one named case each (value
-%% and key encodings are the codec's and the store's business; moves and
-%% deletion by key are the model's and the stress writers').
-families_test_() ->
-    [{"lookups, keys and neighbours", fun lookups/0}, {"values, flags and attributes", fun props/0},
-     {"references go stale, also on the iterator stack", fun staleness/0},
-     {"namespaces and clear", fun namespaces/0}].
-
-lookups() ->
+%% The reading functions on the configuration tree, one named row each.
+reads_test() ->
     T = config(),
     R = arbo_tree:root(T),
     Ifs = arbo_tree:lookup(T, [1, 2]),
     Rules = arbo_tree:find(T, R, 7),
-    [Eth0, Eth1, Lo] = arbo_tree:children(T, Ifs),
-    ?assertEqual([{tuple, [{string, N}]} || N <- [<<"eth0">>, <<"eth1">>, <<"lo">>]], keys(T, Ifs)),
-    ?assertEqual([{int, 30}, {int, 10}, {int, 20}], keys(T, Rules)),
-    Same = fun(A, B) -> ?assert(arbo_tree:is_same(A, B)) end,
-    Same(Eth0, arbo_tree:find(T, Ifs, {encoded, <<200, 4, "eth0">>})),
-    Same(Lo, arbo_tree:find_after(T, Ifs, [{string, <<"eth1">>}])),
-    Same(Eth1, arbo_tree:find_after(T, Ifs, [{string, <<"eth1">>}], inclusive)),
-    Same(Eth1, arbo_tree:prev_sibling(T, Lo)),
+    [Eth0, _, Lo] = arbo_tree:children(T, Ifs),
     Mtu = arbo_tree:find(T, Eth0, 5),
-    ?assertEqual([root, container, {list, sorted}, instance, leaf, {list, user_order}],
-                 [arbo_tree:type(T, N) || N <- [R, arbo_tree:find(T, R, 1), Ifs, Eth0, Mtu, Rules]]),
-    [?assertEqual(none, N) || N <- [arbo_tree:next_sibling(T, Lo), arbo_tree:prev_sibling(T, Eth0),
-                                   arbo_tree:nth_child(T, Ifs, 4), arbo_tree:lookup(T, [1, 9])]],
-    ?assertEqual({3, 3}, {arbo_tree:child_index(T, Lo), arbo_tree:num_children(T, Ifs)}),
-    %% an empty sorted list has no last child (the library answers a header)
-    ?assertEqual(none, arbo_tree:last_child(T, arbo_tree:add_list(T, R, 8, sorted_length_first))),
+    K = fun(none) -> none; (N) -> arbo_tree:key(T, N) end,
+    S = fun(Name) -> {tuple, [{string, Name}]} end,
+    arbo_test_util:expect(
+      [{keys_sorted, [S(<<"eth0">>), S(<<"eth1">>), S(<<"lo">>)], keys(T, Ifs)},
+       {keys_user_order, [{int, 30}, {int, 10}, {int, 20}], keys(T, Rules)},
+       {find_encoded, true, arbo_tree:is_same(Eth0, arbo_tree:find(T, Ifs, {encoded, <<200, 4, "eth0">>}))},
+       {find_after, S(<<"lo">>), K(arbo_tree:find_after(T, Ifs, [{string, <<"eth1">>}]))},
+       {find_after_inclusive, S(<<"eth1">>), K(arbo_tree:find_after(T, Ifs, [{string, <<"eth1">>}], inclusive))},
+       {prev_sibling, S(<<"eth1">>), K(arbo_tree:prev_sibling(T, Lo))},
+       {types, [root, container, {list, sorted}, instance, leaf, {list, user_order}],
+        [arbo_tree:type(T, N) || N <- [R, arbo_tree:find(T, R, 1), Ifs, Eth0, Mtu, Rules]]},
+       {none, [none, none, none, none], [arbo_tree:next_sibling(T, Lo), arbo_tree:prev_sibling(T, Eth0),
+                                         arbo_tree:nth_child(T, Ifs, 4), arbo_tree:lookup(T, [1, 9])]},
+       {child_index, 3, arbo_tree:child_index(T, Lo)},
+       {num_children, 3, arbo_tree:num_children(T, Ifs)},
+       %% an empty sorted list has no last child (the library answers a header)
+       {empty_sorted_last, none, arbo_tree:last_child(T, arbo_tree:add_list(T, R, 8, sorted_length_first))},
+       {value, {bool, true}, arbo_tree:value(T, arbo_tree:find(T, Eth0, {3, 6}))},
+       {value_raw, {csval, <<12, 9000:32>>}, arbo_tree:value_raw(T, Mtu)}]),
     ok = arbo_tree:close(T).
 
-props() ->
-    T = config(),
-    Eth0 = arbo_tree:lookup(T, [1, 2, [{string, <<"eth0">>}]]),
-    Mtu = arbo_tree:find(T, Eth0, 5),
-    ?assertEqual({bool, true}, arbo_tree:value(T, arbo_tree:find(T, Eth0, {3, 6}))),
-    ?assertEqual({csval, <<12, 9000:32>>}, arbo_tree:value_raw(T, Mtu)),
-    [ok = arbo_tree:F(T, Mtu, V) || {F, V} <- [{set_flags, 1 bsl 40 + 5}, {add_flags, 2}, {clear_flags, 1}]],
-    ?assertEqual(1 bsl 40 + 6, arbo_tree:flags(T, Mtu)),
-    ok = arbo_tree:clear_value(T, Mtu),
-    ?assertEqual(undefined, arbo_tree:value(T, Mtu)),
-    [ok, ok, ok] = [arbo_tree:set_attr(T, Eth0, 1, {uint8, 3}), arbo_tree:set_attr(T, Eth0, 2, {uint8, 4}),
-                    arbo_tree:delete_attr(T, Eth0, 2)],
-    ?assertEqual([{uint8, 3}, undefined], [arbo_tree:attr(T, Eth0, Id) || Id <- [1, 2]]),
-    ok = arbo_tree:close(T).
-
-staleness() ->
+%% Values, flags, attributes, namespace renames, references gone stale (also
+%% on the iterator stack), deletion by namespace and clear.
+changes_test() ->
     T = config(),
     R = arbo_tree:root(T),
     Ifs = arbo_tree:lookup(T, [1, 2]),
-    [ok = arbo_tree:iter_push(T, N) || N <- [R, Ifs]],
-    {ok, Top} = arbo_tree:iter_top(T),
-    ok = arbo_tree:delete(T, arbo_tree:nth_child(T, Ifs, 2)),
-    ?assertError({stale_node, _}, arbo_tree:children(T, Ifs)),
-    ?assert(arbo_tree:is_same(Ifs, Top)),
-    ?assertEqual({error, stale}, arbo_tree:iter_top(T)),
-    ?assertEqual(2, arbo_tree:iter_depth(T)),
-    ?assertEqual([ok, ok, {error, empty}], [arbo_tree:iter_pop(T) || _ <- [1, 2, 3]]),
-    ok = arbo_tree:close(T).
-
-namespaces() ->
-    T = config(),
-    NsLeaf = arbo_tree:add_leaf(T, arbo_tree:root(T), {4, 1}),
-    ?assertEqual({true, {5, 1}}, {arbo_tree:rename_ns(T, NsLeaf, 5), arbo_tree:key(T, NsLeaf)}),
-    %% onto a taken pair the library would drop the leaf: refused before it
-    Taken = arbo_tree:add_leaf(T, arbo_tree:root(T), {6, 1}),
+    Eth0 = arbo_tree:first_child(T, Ifs),
+    Mtu = arbo_tree:find(T, Eth0, 5),
+    [ok = arbo_tree:F(T, Mtu, V) || {F, V} <- [{set_flags, 1 bsl 40 + 5}, {add_flags, 2}, {clear_flags, 1}]],
+    ok = arbo_tree:clear_value(T, Mtu),
+    [ok = apply(arbo_tree, F, [T, Eth0 | A]) || {F, A} <- [{set_attr, [1, {uint8, 3}]}, {set_attr, [2, {uint8, 4}]},
+                                                           {delete_attr, [2]}]],
+    %% onto a taken pair the library would drop the moved leaf: refused
+    NsLeaf = arbo_tree:add_leaf(T, R, {4, 1}),
+    Taken = arbo_tree:add_leaf(T, R, {6, 1}),
     ok = arbo_tree:set_value(T, NsLeaf, <<"plain bytes">>),
-    Before = arbo_tree:info(T),
-    ?assertEqual(false, arbo_tree:rename_ns(T, NsLeaf, 6)),
-    ?assertEqual({Before, {6, 1}}, {arbo_tree:info(T), arbo_tree:key(T, Taken)}),
-    ?assertEqual([true, false], [arbo_tree:delete_ns(T, arbo_tree:root(T), 5) || _ <- [1, 2]]),
+    #{size := Size} = arbo_tree:info(T),
+    arbo_test_util:expect(
+      [{flags, 1 bsl 40 + 6, arbo_tree:flags(T, Mtu)}, {cleared, undefined, arbo_tree:value(T, Mtu)},
+       {attrs, [{uint8, 3}, undefined], [arbo_tree:attr(T, Eth0, Id) || Id <- [1, 2]]},
+       {rename_ns, [true, false], [arbo_tree:rename_ns(T, NsLeaf, Ns) || Ns <- [5, 6]]},
+       {renamed, [{5, 1}, {6, 1}, Size], [arbo_tree:key(T, NsLeaf), arbo_tree:key(T, Taken), maps:get(size, arbo_tree:info(T))]},
+       {delete_ns, [true, false], [arbo_tree:delete_ns(T, arbo_tree:root(T), 5) || _ <- [1, 2]]}]),
+    Ifs2 = arbo_tree:lookup(T, [1, 2]),
+    [ok = arbo_tree:iter_push(T, N) || N <- [arbo_tree:root(T), Ifs2]],
+    ok = arbo_tree:delete(T, arbo_tree:nth_child(T, Ifs2, 2)),
+    ?assertError({stale_node, _}, arbo_tree:children(T, Ifs2)),
+    ?assertEqual({error, stale}, arbo_tree:iter_top(T)),
+    ?assertEqual([ok, ok, {error, empty}], [arbo_tree:iter_pop(T) || _ <- [1, 2, 3]]),
     ok = arbo_tree:clear(T),
     ?assertMatch(#{size := 0}, arbo_tree:info(T)),
     [ok, ok] = [arbo_tree:close(T), arbo_tree:close(T)].
@@ -113,15 +98,20 @@ errors_test_() ->
     [E(badarg, fun() -> arbo_tree:find(T, R, {int, 1 bsl 31}) end), E(badarg, fun() -> arbo_tree:find(not_a_tree, R, 1) end),
      E(wrong_table, fun() -> arbo_tree:children(T, arbo_tree:root(Other)) end),
      E(arbo_closed, fun() -> arbo_tree:root(Closed) end), E(root, fun() -> arbo_tree:delete(T, R) end),
-     E(wrong_node_type, fun() -> arbo_tree:add(T, R, {int, 1}) end), E(wrong_node_type, fun() -> arbo_tree:set_value(T, Eth0, {uint8, 1}) end),
+     E(wrong_node_type, fun() -> arbo_tree:add(T, R, {int, 1}) end),
+     E(wrong_node_type, fun() -> arbo_tree:set_value(T, Eth0, {uint8, 1}) end),
      E(name_taken, fun() -> arbo_tree:add_container(T, Eth0, 5) end),
      E(not_user_ordered, fun() -> arbo_tree:move_to(T, Eth0, 0) end),
      E(not_a_child, fun() -> arbo_tree:move_before(T, arbo_tree:first_child(T, arbo_tree:find(T, R, 7)), Eth0) end)] ++
+    %% pairs of the namespaces a save file cannot carry back
+    [E(badarg, fun() -> arbo_tree:add(T, arbo_tree:find(T, R, 7), {pair, Ns, 1}) end) || Ns <- [0, 12, 256]] ++
     %% filters the library must not see
-    [E(bad_filter, fun() -> arbo_tree:select(T, Ifs, F) end) || F <- [{6, 1, 2}, {'not', {'not', {6}}}, {7, 1, [1], 1, -1}, {4, [[1, 2]]}]].
+    [E(bad_filter, fun() -> arbo_tree:select(T, Ifs, F) end)
+     || F <- [{6, 1, 2}, {'not', {'not', {6}}}, {7, 1, [1], 1, -1}, {4, [[1, 2]]}]].
 
 %% Filtered walks over enough siblings that the library yields on the way;
-%% a fold whose fun deletes cannot go on.
+%% a fold whose fun deletes cannot go on. (What values and keys compare
+%% as: filter_tests.)
 filters_test() ->
     T = arbo_tree:new(),
     L = arbo_tree:add_list(T, arbo_tree:root(T), 1, sorted),
@@ -129,78 +119,29 @@ filters_test() ->
     [ok = arbo_tree:set_value(T, arbo_tree:add_leaf(T, I, 2), {uint32, K}) || {K, I} <- Is],
     [ok = arbo_tree:set_flags(T, I, 16#10) || {K, I} <- Is, K rem 1000 =:= 0],
     Ks = fun(Ns) -> [K || {int, K} <- [arbo_tree:key(T, C) || C <- Ns]] end,
-    Cases = [{[{'or', {value, le, [2], 1}, {value, ge, [2], 5000}}], [1, 5000]},
-             {[{'and', {flags_all, [], 16#10}, {key, eq, 0, <<"2000">>}}], [2000]}, {[all, 2], [1, 2]}],
-    [?assertEqual({Args, Want}, {Args, Ks(apply(arbo_tree, select, [T, L | Args]))}) || {Args, Want} <- Cases],
-    ?assertEqual(4999, arbo_tree:fold(T, L, {'not', {value, eq, [2], <<"3">>}}, fun(_, A) -> A + 1 end, 0)),
-    %% comparisons the library cannot make match, beside full matches (a
-    %% plain binary holding an encoded string among them): text that is no
-    %% number, a plain binary and an opaque key without a text form, the
-    %% matching head of a text longer than its buffer
-    U = arbo_tree:add_list(T, arbo_tree:root(T), 2, sorted),
-    Q = fun(N) -> binary:copy(<<"q">>, N) end,
-    Vals = [{string, <<"abc">>}, <<"abc">>, <<200, 1, "7">>, {string, Q(65)}, {string, Q(64)}, {uint8, 9}],
-    Us = [{K, arbo_tree:add(T, U, {int, K})} || K <- lists:seq(1, length(Vals))],
-    [ok = arbo_tree:set_value(T, arbo_tree:add_leaf(T, I, 2), V) || {{_, I}, V} <- lists:zip(Us, Vals)],
-    UCases = [{{value, gt, [2], 8}, [1, 2, 4, 5, 6]}, {{value, eq, [2], Q(64)}, [2, 4, 5]}, {{value, eq, [2], <<"7">>}, [2, 3]}],
-    [?assertEqual({F, Want}, {F, Ks(arbo_tree:select(T, U, F))}) || {F, Want} <- UCases],
-    O = arbo_tree:add_list(T, arbo_tree:root(T), 3, sorted),
-    _ = [arbo_tree:add(T, O, {opaque, B}) || B <- [<<"abc">>, <<200, 1, "x">>]],
-    ?assertEqual([{opaque, <<"abc">>}], [arbo_tree:key(T, C) || C <- arbo_tree:select(T, O, {key, eq, 0, <<"y">>})]),
+    arbo_test_util:expect(
+      [{'or', [1, 5000], Ks(arbo_tree:select(T, L, {'or', {value, le, [2], 1}, {value, ge, [2], 5000}}))},
+       {'and', [2000], Ks(arbo_tree:select(T, L, {'and', {flags_all, [], 16#10}, {key, eq, 0, <<"2000">>}}))},
+       {limit, [1, 2], Ks(arbo_tree:select(T, L, all, 2))},
+       {'not', 4999, arbo_tree:fold(T, L, {'not', {value, eq, [2], <<"3">>}}, fun(_, A) -> A + 1 end, 0)}]),
     ?assertError({stale_node, _}, arbo_tree:fold(T, L, all, fun(C, _) -> arbo_tree:delete(T, C) end, ok)),
     ok = arbo_tree:close(T).
 
-%% ---- model-based sequences -------------------------------------------------
-
-op() -> oneof([{add, key()}, {add, key()}, {delete, key()}, {rename, key(), key()}, {move, nat(), int()}]).
-key() -> oneof([{int, int()}, {tuple, [{string, binary(2)}]}, {tuple, [{uint8, byte()}, {bool, boolean()}]}]).
-
-%% Children are always the model's keys: in its order for user order, else
-%% sorted by the library's own comparison; never duplicated.
-list_model_test() ->
-    Prop = ?FORALL({Mode, Ops}, {oneof([sorted, sorted_length_first, user_order]), list(op())}, run_model(Mode, Ops)),
-    ?assertEqual(true, proper:quickcheck(Prop, [{numtests, 300}, quiet]) orelse {counterexample, proper:counterexample()}).
-
-run_model(Order, Ops) ->
-    T = arbo_tree:new(),
-    _ = arbo_tree:add_list(T, arbo_tree:root(T), 1, Order),
-    Final = lists:foldl(fun(Op, M) -> step(T, Order, Op, M) end, [], Ops),
-    {Got, ok} = {keys(T, the_list(T)), arbo_tree:close(T)},
-    Got =:= case Order of user_order -> Final; _ -> lists:sort(fun(A, B) -> cmp(A, B, Order) =< 0 end, Final) end.
-
-cmp({int, A}, {int, B}, _) -> if A < B -> -1; A > B -> 1; true -> 0 end;
-cmp({int, _}, _, _) -> 1;
-cmp(_, {int, _}, _) -> -1;
-cmp({tuple, A}, {tuple, B}, Order) -> arbo_key:compare(A, B, case Order of sorted -> plain; _ -> length_first end).
-
-%% (References go stale as the generation moves: the list is looked up anew.)
-the_list(T) -> arbo_tree:find(T, arbo_tree:root(T), 1).
-
-%% A user-ordered list holds one key form; a rename keeps the form.
-step(T, user_order, {add, K}, [First | _] = M) when element(1, K) =/= element(1, First) ->
-    ?assertError({key_form, K}, arbo_tree:add(T, the_list(T), K)), M;
-step(T, _, {add, K}, M) -> _ = arbo_tree:add(T, the_list(T), K), M ++ [K || not lists:member(K, M)];
-step(T, _, {delete, K}, M) -> ?assertEqual(lists:member(K, M), arbo_tree:delete(T, the_list(T), K)), M -- [K];
-step(T, _, {rename, K, New}, M) when element(1, K) =/= element(1, New) ->
-    N = arbo_tree:find(T, the_list(T), K),
-    N =:= none orelse ?assertError({key_form, New}, arbo_tree:rename(T, N, New)), M;
-step(T, _, {rename, K, New}, M) ->
-    N = arbo_tree:find(T, the_list(T), K),
-    Done = N =/= none andalso arbo_tree:rename(T, N, New),
-    ?assertEqual(N =/= none andalso not lists:member(New, M) orelse New =:= K, Done orelse New =:= K),
-    [case X of K when Done -> New; _ -> X end || X <- M];
-step(T, user_order, {move, I, Pos}, M) when M =/= [] ->
-    K = lists:nth(I rem length(M) + 1, M),
-    Want = move_model(M, K, Pos),
-    ?assertEqual(Want =/= M, arbo_tree:move_to(T, arbo_tree:find(T, the_list(T), K), Pos)),
-    Want;
-step(_, _, {move, _, _}, M) -> M.
-
-%% The library counts positions with the instance still in its place: a
-%% move next to itself changes nothing.
-move_model(M, K, Pos) when Pos < 0 -> (M -- [K]) ++ [K];
-move_model(M, _K, Pos) when Pos > length(M) -> M;
-move_model(M, K, Pos) ->
-    {Before, After} = lists:split(Pos, M),
-    Stays = lists:member(K, [hd(After ++ [none]), lists:last([none | Before])]),
-    if Stays -> M; true -> (Before -- [K]) ++ [K] ++ (After -- [K]) end.
+%% Moves in a user-ordered list count positions with the instance still in
+%% its place: one row per documented answer, from rules 30, 10, 20.
+moves_test_() ->
+    Move = fun(F, K, At) ->
+                   T = config(),
+                   Rules = arbo_tree:find(T, arbo_tree:root(T), 7),
+                   I = arbo_tree:find(T, Rules, {int, K}),
+                   Target = case At of {int, _} -> arbo_tree:find(T, Rules, At); Pos -> Pos end,
+                   Moved = arbo_tree:F(T, I, Target),
+                   {Moved, [N || {int, N} <- keys(T, Rules)], arbo_tree:close(T)}
+           end,
+    [?_assertEqual({F, K, At, Moved, Order}, {F, K, At, Got, Keys})
+     || {F, K, At, Moved, Order} <- [{move_to, 30, 0, false, [30, 10, 20]}, {move_to, 30, 1, false, [30, 10, 20]},
+                                     {move_to, 30, 2, true, [10, 30, 20]}, {move_to, 10, 3, true, [30, 20, 10]},
+                                     {move_to, 10, 4, false, [30, 10, 20]}, {move_to, 30, -1, true, [10, 20, 30]},
+                                     {move_before, 20, {int, 30}, true, [20, 30, 10]},
+                                     {move_after, 30, {int, 20}, true, [10, 20, 30]}],
+        {Got, Keys, ok} <- [Move(F, K, At)]].
