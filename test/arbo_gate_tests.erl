@@ -5,11 +5,11 @@
 -module(arbo_gate_tests).
 -include_lib("eunit/include/eunit.hrl").
 
--import(arbo_tree_tests, [config/0]).
+-import(arbo_file_tests, [config/0]).
 -import(arbo_test_util, [tmp/1]).
 
-%% A process deleting the rules list /7; it exits with delete's answer.
-writer(T) -> spawn_monitor(fun() -> exit(arbo_tree:delete(T, arbo_tree:root(T), 7)) end).
+%% A process deleting the rules list; it exits with delete's answer.
+writer(T) -> spawn_monitor(fun() -> exit(arbo_tree:delete(T, arbo_tree:root(T), {2, 7})) end).
 
 %% A reader killed between its announcement and its withdrawal does not
 %% hold writers off: the keeper drops a dead reader's word.
@@ -41,7 +41,7 @@ reading_test() ->
         %% a writer of another process waits; this pass still reads
         Self ! {writer, writer(T)},
         receive after 100 -> ok end,
-        ?assertEqual(3, length(arbo_tree:children(RT, Ifs))),
+        ?assertEqual(9, length(arbo_tree:children(RT, Ifs))),
         spawn(fun() -> Self ! {elsewhere, catch arbo_tree:root(RT)} end),
         RT
     end),

@@ -5,21 +5,7 @@
 -module(arbo_tree_tests).
 -include_lib("eunit/include/eunit.hrl").
 
--export([config/0]).
-
-%% A small configuration: /1 container, /1/2 sorted list of interfaces
-%% keyed by name, each with leaves mtu (5) and enabled ({3, 6}); /7 a
-%% user-ordered list of rules keyed by integers.
-config() ->
-    T = arbo_tree:new(),
-    R = arbo_tree:root(T),
-    Ifs = arbo_tree:add_list(T, arbo_tree:add_container(T, R, 1), 2, sorted),
-    [ok = arbo_tree:set_value(T, arbo_tree:add_leaf(T, I, Tag), V)
-     || {Name, Mtu} <- [{<<"eth1">>, 1500}, {<<"eth0">>, 9000}, {<<"lo">>, 65536}],
-        I <- [arbo_tree:add(T, Ifs, [{string, Name}])], {Tag, V} <- [{5, {uint32, Mtu}}, {{3, 6}, {bool, Mtu > 1500}}]],
-    Rules = arbo_tree:add_list(T, R, 7, user_order),
-    [arbo_tree:add(T, Rules, {int, K}) || K <- [30, 10, 20]],
-    T.
+-import(arbo_file_tests, [config/0]).
 
 keys(T, N) -> [arbo_tree:key(T, C) || C <- arbo_tree:children(T, N)].
 
@@ -28,28 +14,29 @@ reads_test() ->
     T = config(),
     R = arbo_tree:root(T),
     Ifs = arbo_tree:lookup(T, [1, 2]),
-    Rules = arbo_tree:find(T, R, 7),
-    [Eth0, _, Lo] = arbo_tree:children(T, Ifs),
-    Mtu = arbo_tree:find(T, Eth0, 5),
+    Rules = arbo_tree:find(T, R, {2, 7}),
+    [Eth1 | _] = Eths = arbo_tree:children(T, Ifs),
+    Eth9 = lists:last(Eths),
+    Mtu = arbo_tree:find(T, Eth1, 5),
     K = fun(none) -> none; (N) -> arbo_tree:key(T, N) end,
-    S = fun(Name) -> {tuple, [{string, Name}]} end,
+    S = fun(I) -> {tuple, [{string, <<"eth", (I + $0)>>}]} end,
     arbo_test_util:expect(
-      [{keys_sorted, [S(<<"eth0">>), S(<<"eth1">>), S(<<"lo">>)], keys(T, Ifs)},
-       {keys_user_order, [{int, 30}, {int, 10}, {int, 20}], keys(T, Rules)},
-       {find_encoded, true, arbo_tree:is_same(Eth0, arbo_tree:find(T, Ifs, {encoded, <<200, 4, "eth0">>}))},
-       {find_after, S(<<"lo">>), K(arbo_tree:find_after(T, Ifs, [{string, <<"eth1">>}]))},
-       {find_after_inclusive, S(<<"eth1">>), K(arbo_tree:find_after(T, Ifs, [{string, <<"eth1">>}], inclusive))},
-       {prev_sibling, S(<<"eth1">>), K(arbo_tree:prev_sibling(T, Lo))},
-       {types, [root, container, {list, sorted}, instance, leaf, {list, user_order}],
-        [arbo_tree:type(T, N) || N <- [R, arbo_tree:find(T, R, 1), Ifs, Eth0, Mtu, Rules]]},
-       {none, [none, none, none, none], [arbo_tree:next_sibling(T, Lo), arbo_tree:prev_sibling(T, Eth0),
-                                         arbo_tree:nth_child(T, Ifs, 4), arbo_tree:lookup(T, [1, 9])]},
-       {child_index, 3, arbo_tree:child_index(T, Lo)},
-       {num_children, 3, arbo_tree:num_children(T, Ifs)},
+      [{keys_sorted, [S(I) || I <- lists:seq(1, 9)], keys(T, Ifs)},
+       {keys_user_order, [{int, 30}, {int, -10}, {int, 20}], keys(T, Rules)},
+       {find_encoded, true, arbo_tree:is_same(Eth1, arbo_tree:find(T, Ifs, {encoded, <<200, 4, "eth1">>}))},
+       {find_after, S(3), K(arbo_tree:find_after(T, Ifs, [{string, <<"eth2">>}]))},
+       {find_after_inclusive, S(2), K(arbo_tree:find_after(T, Ifs, [{string, <<"eth2">>}], inclusive))},
+       {prev_sibling, S(8), K(arbo_tree:prev_sibling(T, Eth9))},
+       {types, [root, container, {list, sorted_length_first}, instance, leaf, {list, user_order}],
+        [arbo_tree:type(T, N) || N <- [R, arbo_tree:find(T, R, 1), Ifs, Eth1, Mtu, Rules]]},
+       {none, [none, none, none, none], [arbo_tree:next_sibling(T, Eth9), arbo_tree:prev_sibling(T, Eth1),
+                                         arbo_tree:nth_child(T, Ifs, 10), arbo_tree:lookup(T, [1, 9])]},
+       {child_index, 9, arbo_tree:child_index(T, Eth9)},
+       {num_children, 9, arbo_tree:num_children(T, Ifs)},
        %% an empty sorted list has no last child (the library answers a header)
        {empty_sorted_last, none, arbo_tree:last_child(T, arbo_tree:add_list(T, R, 8, sorted_length_first))},
-       {value, {bool, true}, arbo_tree:value(T, arbo_tree:find(T, Eth0, {3, 6}))},
-       {value_raw, {csval, <<12, 9000:32>>}, arbo_tree:value_raw(T, Mtu)}]),
+       {value, binary:copy(<<1>>, 40), arbo_tree:value(T, arbo_tree:find(T, Eth1, {3, 6}))},
+       {value_raw, {csval, <<12, 1501:32>>}, arbo_tree:value_raw(T, Mtu)}]),
     ok = arbo_tree:close(T).
 
 %% Values, flags, attributes, namespace renames, references gone stale (also
@@ -102,9 +89,9 @@ errors_test_() ->
      E(wrong_node_type, fun() -> arbo_tree:set_value(T, Eth0, {uint8, 1}) end),
      E(name_taken, fun() -> arbo_tree:add_container(T, Eth0, 5) end),
      E(not_user_ordered, fun() -> arbo_tree:move_to(T, Eth0, 0) end),
-     E(not_a_child, fun() -> arbo_tree:move_before(T, arbo_tree:first_child(T, arbo_tree:find(T, R, 7)), Eth0) end)] ++
+     E(not_a_child, fun() -> arbo_tree:move_before(T, arbo_tree:first_child(T, arbo_tree:find(T, R, {2, 7})), Eth0) end)] ++
     %% pairs of the namespaces a save file cannot carry back
-    [E(badarg, fun() -> arbo_tree:add(T, arbo_tree:find(T, R, 7), {pair, Ns, 1}) end) || Ns <- [0, 12, 256]] ++
+    [E(badarg, fun() -> arbo_tree:add(T, arbo_tree:find(T, R, {2, 7}), {pair, Ns, 1}) end) || Ns <- [0, 12, 256]] ++
     %% filters the library must not see
     [E(bad_filter, fun() -> arbo_tree:select(T, Ifs, F) end)
      || F <- [{6, 1, 2}, {'not', {'not', {6}}}, {7, 1, [1], 1, -1}, {4, [[1, 2]]}]].
@@ -128,20 +115,20 @@ filters_test() ->
     ok = arbo_tree:close(T).
 
 %% Moves in a user-ordered list count positions with the instance still in
-%% its place: one row per documented answer, from rules 30, 10, 20.
+%% its place: one row per documented answer, from rules 30, -10, 20.
 moves_test_() ->
     Move = fun(F, K, At) ->
                    T = config(),
-                   Rules = arbo_tree:find(T, arbo_tree:root(T), 7),
+                   Rules = arbo_tree:find(T, arbo_tree:root(T), {2, 7}),
                    I = arbo_tree:find(T, Rules, {int, K}),
                    Target = case At of {int, _} -> arbo_tree:find(T, Rules, At); Pos -> Pos end,
                    Moved = arbo_tree:F(T, I, Target),
                    {Moved, [N || {int, N} <- keys(T, Rules)], arbo_tree:close(T)}
            end,
     [?_assertEqual({F, K, At, Moved, Order}, {F, K, At, Got, Keys})
-     || {F, K, At, Moved, Order} <- [{move_to, 30, 0, false, [30, 10, 20]}, {move_to, 30, 1, false, [30, 10, 20]},
-                                     {move_to, 30, 2, true, [10, 30, 20]}, {move_to, 10, 3, true, [30, 20, 10]},
-                                     {move_to, 10, 4, false, [30, 10, 20]}, {move_to, 30, -1, true, [10, 20, 30]},
-                                     {move_before, 20, {int, 30}, true, [20, 30, 10]},
-                                     {move_after, 30, {int, 20}, true, [10, 20, 30]}],
+     || {F, K, At, Moved, Order} <- [{move_to, 30, 0, false, [30, -10, 20]}, {move_to, 30, 1, false, [30, -10, 20]},
+                                     {move_to, 30, 2, true, [-10, 30, 20]}, {move_to, -10, 3, true, [30, 20, -10]},
+                                     {move_to, -10, 4, false, [30, -10, 20]}, {move_to, 30, -1, true, [-10, 20, 30]},
+                                     {move_before, 20, {int, 30}, true, [20, 30, -10]},
+                                     {move_after, 30, {int, 20}, true, [-10, 20, 30]}],
         {Got, Keys, ok} <- [Move(F, K, At)]].
