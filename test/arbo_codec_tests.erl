@@ -54,44 +54,39 @@ value() ->
 
 %% ---- properties --------------------------------------------------------------
 
-key_round_trip_test() ->
-    ?PROP(?FORALL(K, key(), arbo_key:decode(arbo_key:encode(K)) =:= {ok, K}), 2000).
-
-%% A value decodes back to itself, and its frame is its whole length also
-%% with bytes after it.
-value_round_trip_test() ->
+%% Terms encode and decode back to themselves (a value's frame is its whole
+%% length also with bytes after it); validate agrees with decode, and what
+%% decodes encodes back to the same bytes: well-formed, damaged and random
+%% input for both codecs.
+round_trips_test() ->
+    ?PROP(?FORALL(K, key(), arbo_key:decode(arbo_key:encode(K)) =:= {ok, K}), 2000),
     ?PROP(?FORALL({V, Tail}, {value(), binary()}, begin B = arbo_val:encode(V),
-        arbo_val:decode(B) =:= {ok, V} andalso arbo_val:frame(<<B/binary, Tail/binary>>) =:= {ok, byte_size(B)} end), 2000).
-
-%% validate agrees with decode, and what decodes encodes back to the same
-%% bytes: well-formed, damaged and random input for both codecs.
-bytes_round_trip_test() ->
-    [?PROP(?FORALL(B, oneof([Gen, binary()]),
-                   case {M:validate(B), M:decode(B)} of {ok, {ok, X}} -> M:encode(X) =:= B; {{error, R}, {error, R}} -> true; _ -> false end), 3000)
+        {arbo_val:decode(B), arbo_val:frame(<<B/binary, Tail/binary>>)} =:= {{ok, V}, {ok, byte_size(B)}} end), 2000),
+    [?PROP(?FORALL(B, oneof([Gen, binary()]), case {M:validate(B), M:decode(B)} of
+               {ok, {ok, X}} -> M:encode(X) =:= B; {{error, R}, {error, R}} -> true; _ -> false end), 3000)
      || {M, Gen} <- [{arbo_key, key_bytes()}, {arbo_val, ?LET(V, value(), arbo_val:encode(V))}]].
 
 %% ---- tables ------------------------------------------------------------------
 
-%% One row per framing rule: encodings both ways, then rejections.
+%% Byte layouts a symmetric mistake would keep through a round trip, then
+%% one rejection per framing rule.
 key_table_test_() ->
-    Cases = [{[{int32, -2}], <<8, 255, 255, 255, 254>>}, {[{string, <<"eth0">>}], <<200, 4, "eth0">>},
-             {[{string32, <<"ab">>}], <<205, 0, 0, 0, 2, "ab">>}, {[{date, {2026, 11, 22}}], <<20, 16#07, 16#ea, 11, 22, 0, 0>>},
+    Cases = [{[{int32, -2}], <<8, 255, 255, 255, 254>>}, {[{date, {2026, 11, 22}}], <<20, 16#07, 16#ea, 11, 22, 0, 0>>},
              {[{binary, 201, <<1, 2, 3, 4, 5, 6, 9>>}], <<201, 7, 1, 2, 3, 4, 5, 6, 9>>},
-             {[{binary, 18, <<1, 2>>}], <<18, 0, 0, 0, 2, 1, 2>>}, {[{uint16, 1}, {binary, 204, <<1, 2>>}], <<11, 0, 1, 204, 1, 2>>}],
+             {[{uint16, 1}, {binary, 204, <<1, 2>>}], <<11, 0, 1, 204, 1, 2>>}],
     Rejects = [{<<10, 1, 33>>, {unknown_type, 33, 2}}, {<<8, 0, 0>>, {truncated, 8, 0}}, {<<200, 3, 1, 2>>, {truncated, 200, 0}},
                {<<201, 5, 0, 0, 0, 0, 0>>, {bad_length, 201, 0}}, {<<202, 0, 6, 0, 0, 0, 0, 0>>, {truncated, 202, 0}},
-               {<<203, 0, 0, 0, 3, 1, 1, 1, 1, 1, 1>>, {bad_length, 203, 0}}, {<<18, 0, 0, 0, 1, 0, 0>>, {bad_length, 18, 0}},
-               {"ab", not_binary}],
+               {<<18, 0, 0, 0, 1, 0, 0>>, {bad_length, 18, 0}}, {"ab", not_binary}],
     [?_assertEqual({B, {ok, K}}, {arbo_key:encode(K), arbo_key:decode(B)}) || {K, B} <- Cases] ++
     [?_assertEqual({error, R}, arbo_key:validate(B)) || {B, R} <- Rejects] ++
-    [?_assertError({bad_key_element, _}, arbo_key:encode(K)) || K <- [[{int8, 128}], [{binary, 8, <<1, 2, 3, 4>>}], [nonsense]]] ++
+    [?_assertError({bad_key_element, _}, arbo_key:encode(K)) || K <- [[{int8, 128}], [{binary, 8, <<1, 2, 3, 4>>}]]] ++
     [?_assertError({bad_key, rest_not_last}, arbo_key:encode([{binary, 204, <<>>}, {uint8, 1}])),
      ?_assertError({bad_mode, _}, arbo_key:compare([], [], 7))].
 
 %% Values: no header rule, length prefixes where keys have fixed sizes.
 value_table_test_() ->
-    [?_assertEqual(B, arbo_val:encode(V))
-     || {V, B} <- [{{binary, 201, <<1, 2>>}, <<201, 2, 1, 2>>}, {{binary, 31, <<5>>}, <<31, 0, 0, 0, 1, 5>>}, {empty, <<0>>}]] ++
+    [?_assertEqual(B, arbo_val:encode(V)) || {V, B} <- [{{binary, 201, <<1, 2>>}, <<201, 2, 1, 2>>},
+                                                       {{binary, 31, <<5>>}, <<31, 0, 0, 0, 1, 5>>}]] ++
     [?_assertEqual({error, R}, arbo_val:validate(B))
      || {B, R} <- [{<<>>, empty_input}, {<<3, 1>>, {unknown_type, 3}}, {<<200, 2, 1>>, {truncated, 200}},
                    {<<8, 1, 2, 3, 4, 5>>, trailing_bytes}]] ++
