@@ -1,6 +1,6 @@
 %% The arbo application: keepers under supervision, the list of open
 %% trees, where the library is found, and the shell's explanations of the
-%% safe API's exceptions.
+%% safe API's exceptions. (Trees closed by its stop: arbo_gate_tests.)
 -module(arbo_app_tests).
 -include_lib("eunit/include/eunit.hrl").
 
@@ -49,22 +49,6 @@ supervised_keepers_test() ->
     wait_down(K2),
     ?assertNot(lists:member(K2, arbo_sup:keepers())),
     ?assertError({arbo_closed, _}, arbo_tree:clear(T2)).
-
-%% Stopping the application closes every tree, for every handle and path:
-%% the owner's own reads (which skip the keeper) and other processes'.
-stop_closes_trees_test() ->
-    T = arbo_tree:new(),
-    R = arbo_tree:root(T),
-    C = arbo_tree:add_container(T, R, 3),
-    {Other, T2} = tree_of_helper(),
-    ok = application:stop(arbo),
-    [?assertError({arbo_closed, _}, F()) || F <- [fun() -> arbo_tree:find(T, R, 3) end,
-                                                  fun() -> arbo_tree:num_children(T, C) end, fun() -> arbo_tree:root(T2) end]],
-    Other ! stop,
-    %% and a new tree brings it back
-    T3 = arbo_tree:new(),
-    ?assertMatch([_], listed(T3)),
-    ok = arbo_tree:close(T3).
 
 %% Where the library is looked for: the OS variable, then the application
 %% variable, then priv/ (beside ebin/ when arbo is not in an OTP lib folder).

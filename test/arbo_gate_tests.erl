@@ -1,7 +1,8 @@
 %% The gate between the tree API's readers and writers: a reader killed
 %% inside it, one pass for many calls, which calls move the epoch, a tree
-%% closed for every process and handle, a keeper killed in the middle of a
-%% write. (The owner's exit and a killed keeper: arbo_app_tests.)
+%% closed (or the application stopped) for every process and handle, a
+%% keeper killed in the middle of a write. (The owner's exit and a killed
+%% keeper: arbo_app_tests.)
 -module(arbo_gate_tests).
 -include_lib("eunit/include/eunit.hrl").
 
@@ -77,9 +78,14 @@ epoch_moves_test() ->
     ?assertEqual([], Wrong),
     ok = arbo_tree:close(T).
 
-%% After close/1 returns, every call raises arbo_closed, whoever makes it
-%% and through whichever handle; closing again is ok from anywhere.
-closed_for_everyone_test() ->
+%% After close/1 returns, or the application stops, every call raises
+%% arbo_closed, whoever makes it and through whichever handle (the owner's
+%% reads skip the keeper); closing again is ok from anywhere.
+closed_for_everyone_test_() ->
+    [{Name, fun() -> closed_for_everyone(Close) end}
+     || {Name, Close} <- [{"close", fun arbo_tree:close/1}, {"application stop", fun(_) -> application:stop(arbo) end}]].
+
+closed_for_everyone(Close) ->
     T = arbo_tree:new(),
     N = arbo_tree:add_leaf(T, arbo_tree:root(T), 1),
     Self = self(),
@@ -87,7 +93,7 @@ closed_for_everyone_test() ->
                             receive go -> Self ! {self(), calls(H, N)} end end)
              || Handle <- [fun() -> arbo_tree:attach(T) end, fun() -> T end]],
     [receive ready -> ok end || _ <- Procs],
-    ok = arbo_tree:close(T),
+    ok = Close(T),
     Fresh = spawn(fun() -> Self ! {self(), calls(T, N)} end),
     [P ! go || P <- Procs],
     Answers = [calls(T, N), calls(arbo_tree:read_only(T), N)
