@@ -29,10 +29,7 @@ exported() ->
                   {F, A} <- M:module_info(exports), F =/= module_info].
 
 run_calls(Calls) ->
-    T = arbo_file_tests:config(),
-    Other = arbo_tree:new(),
-    Closed = arbo_tree:new(),
-    Env = env(T, Other, Closed),
+    #{tree := T, other_tree := Other} = Env = env(arbo_file_tests:config(), arbo_tree:new(), arbo_tree:new()),
     lists:foreach(fun({{M, F, A}, Args}) -> call(M, F, [fill(X, Env) || X <- lists:sublist(Args, A)])
                   end, Calls),
     %% the tree still answers readers and writers, or was closed
@@ -43,15 +40,8 @@ run_calls(Calls) ->
     Alive.
 
 call(M, F, Args) ->
-    Self = self(),
-    {Pid, Ref} = spawn_monitor(fun() ->
-                                       _ = (catch apply(M, F, Args)),
-                                       Self ! {done, self()}
-                               end),
-    receive {done, Pid} -> erlang:demonitor(Ref, [flush]);
-            {'DOWN', Ref, _, _, _} -> ok
-    after 20000 -> error({stalled, M, F, Args})
-    end.
+    {Pid, Ref} = spawn_monitor(fun() -> catch apply(M, F, Args) end),
+    receive {'DOWN', Ref, process, Pid, _} -> ok after 20000 -> error({stalled, M, F, Args}) end.
 
 %% Placeholders that stand for live values of this run.
 arg() ->
