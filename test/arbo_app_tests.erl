@@ -6,44 +6,30 @@
 
 keeper({arbo, _, _, {arbo_gate, Keeper, _, _}}) -> Keeper.
 
-%% A tree built by a process that then waits to be told to exit.
-tree_of_helper() ->
-    Self = self(),
-    Pid = spawn(fun() ->
-                    T = arbo_tree:new(),
-                    L = arbo_tree:add_list(T, arbo_tree:root(T), 1, sorted),
-                    [arbo_tree:add(T, L, {int, I}) || I <- lists:seq(1, 50)],
-                    Self ! {tree, T},
-                    receive stop -> ok end
-                end),
-    receive {tree, T} -> {Pid, T} after 5000 -> error(no_tree) end.
-
 wait_down(Pid) ->
     Ref = erlang:monitor(process, Pid),
     receive {'DOWN', Ref, process, Pid, _} -> ok after 5000 -> error({alive, Pid}) end.
 
-listed(T) ->
-    K = keeper(T),
-    [I || #{keeper := P} = I <- arbo_app:info(), P =:= K].
+listed(T) -> [I || #{keeper := P} = I <- arbo_app:info(), P =:= keeper(T)].
 
 %% arbo_tree:new/1 starts the application when it is not running; keepers
 %% are its children, listed by arbo_app:info/0 with owner, size and memory
-%% until their tree closes; a keeper that dies is not restarted.
+%% until their tree closes (the owner's exit closes it); a keeper that dies
+%% is not restarted, and its tree takes no more changes that free nodes.
 supervised_keepers_test() ->
     _ = application:stop(arbo),
     ?assertEqual([], arbo_app:info()),
-    {Owner, T} = tree_of_helper(),
-    ?assert(lists:keymember(arbo, 1, application:which_applications())),
+    Self = self(),
+    Owner = spawn(fun() -> T = arbo_tree:new(), arbo_tree:add_leaf(T, arbo_tree:root(T), 1), Self ! {tree, T},
+                           receive stop -> ok end end),
+    T = receive {tree, Tree} -> Tree end,
     ?assert(lists:member(keeper(T), arbo_sup:keepers())),
-    #{size := 51 = Size, mem := Mem} = arbo_tree:info(T),   % the list and its 50 instances
-    ?assertMatch([#{owner := Owner, size := Size, mem := Mem, readers := 1}], listed(T)),
-    %% the owner's exit still closes the tree, and ends its keeper
+    #{size := 1, mem := Mem} = arbo_tree:info(T),
+    ?assertMatch([#{owner := Owner, size := 1, mem := Mem, readers := 1}], listed(T)),
     Owner ! stop,
     wait_down(keeper(T)),
     ?assertEqual([], listed(T)),
     ?assertError({arbo_closed, _}, arbo_tree:root(T)),
-    %% temporary: a killed keeper stays dead, and its tree takes no more
-    %% changes that free nodes
     K2 = keeper(T2 = arbo_tree:new()),
     exit(K2, kill),
     wait_down(K2),
