@@ -83,11 +83,9 @@ key_table_test_() ->
     [?_assertError({bad_key, rest_not_last}, arbo_key:encode([{binary, 204, <<>>}, {uint8, 1}])),
      ?_assertError({bad_mode, _}, arbo_key:compare([], [], 7))].
 
-%% Values: no header rule, length prefixes where keys have fixed sizes.
+%% Values: length prefixes where keys have fixed sizes (their widths are
+%% held against the library by type_codes_test), and refused terms.
 value_table_test_() ->
-    [?_assertEqual(B, arbo_val:encode(V)) || {V, B} <- [{{binary, 201, <<1, 2>>}, <<201, 2, 1, 2>>},
-                                                       {{binary, 31, <<5>>}, <<31, 0, 0, 0, 1, 5>>}]] ++
-    [?_assertEqual({error, R}, arbo_val:validate(B))
-     || {B, R} <- [{<<>>, empty_input}, {<<3, 1>>, {unknown_type, 3}}, {<<200, 2, 1>>, {truncated, 200}},
-                   {<<8, 1, 2, 3, 4, 5>>, trailing_bytes}]] ++
+    [?_assertEqual(<<31, 0, 0, 0, 1, 5>>, arbo_val:encode({binary, 31, <<5>>})),
+     ?_assertEqual({error, trailing_bytes}, arbo_val:validate(<<8, 1, 2, 3, 4, 5>>))] ++
     [?_assertError({bad_value, _}, arbo_val:encode(V)) || V <- [{int32, 1 bsl 31}, {binary, 24, <<1>>}, {string, 7}]].

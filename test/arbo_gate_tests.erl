@@ -106,10 +106,8 @@ calls(T, N) ->
      catch error:{arbo_closed, _} -> closed;
            error:{read_only, _} when Ro -> closed
      end
-     || F <- [fun() -> arbo_tree:root(T) end, fun() -> arbo_tree:value(T, N) end,
-              fun() -> arbo_tree:find(T, N, 1) end, fun() -> arbo_tree:info(T) end,
+     || F <- [fun() -> arbo_tree:root(T) end, fun() -> arbo_tree:children(T, N) end, fun() -> arbo_tree:info(T) end,
               fun() -> arbo_tree:set_value(T, N, <<"x">>) end, fun() -> arbo_tree:delete(T, N) end,
-              fun() -> arbo_tree:clear(T) end, fun() -> arbo_tree:children(T, N) end,
               fun() -> arbo_tree:save(T, tmp("closed")) end,
               fun() -> arbo_tree:reading(T, fun(Rd) -> arbo_tree:root(Rd) end) end]]
         ++ [case arbo_tree:close(T) of ok -> closed end || not Ro].
