@@ -83,7 +83,8 @@ epoch_moves_test() ->
 %% reads skip the keeper); closing again is ok from anywhere.
 closed_for_everyone_test_() ->
     [{Name, fun() -> closed_for_everyone(Close) end}
-     || {Name, Close} <- [{"close", fun arbo_tree:close/1}, {"application stop", fun(_) -> application:stop(arbo) end}]].
+     || {Name, Close} <- [{"close", fun arbo_tree:close/1},
+                          {"application stop", fun(_) -> application:stop(arbo) end}]].
 
 closed_for_everyone(Close) ->
     T = arbo_tree:new(),

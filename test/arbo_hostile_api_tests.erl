@@ -87,7 +87,8 @@ one_form_per_user_list_test() ->
     ?assertEqual([stale_node, none, true, false],
                  [raised(fun() -> arbo_tree:value(T, I) end), arbo_tree:find(T, L(), {int, 7}),
                   arbo_tree:delete(T, L(), {int, 1000}), arbo_tree:delete(T, L(), {int, 7})]),
-    ?assertEqual([{int, N} || N <- lists:seq(1, 200), N =/= 7], [arbo_tree:key(T, C) || C <- arbo_tree:children(T, L())]),
+    ?assertEqual([{int, N} || N <- lists:seq(1, 200), N =/= 7],
+                 [arbo_tree:key(T, C) || C <- arbo_tree:children(T, L())]),
     ok = arbo_tree:close(T).
 
 form({pair, Ns, _}) when Ns =/= 7 -> pair_other_namespace;
@@ -161,7 +162,7 @@ truncation_positions_test() ->
     Leaf = fun(N) -> <<6, N:32, 13, 1, "v", 7>> end,
     Files = [[2, Leaf(1), 3, 2, Leaf(2), 4, Leaf(3), 1, Leaf(4)], [2, Leaf(1), 4, Leaf(2), 2, Leaf(3), 4, Leaf(4), 3],
              [Leaf(1), 1, Leaf(2)], [2, 2, Leaf(1), 4, 4]],
-    ?assertEqual([], [{Bin, C, Safe, Raw} || Parts <- Files, Bin <- [iolist_to_binary([<<16#EE, 16#DA, 0, 1>> | Parts])],
+    ?assertEqual([], [{Bin, C, Safe, Raw} || Parts <- Files, Bin <- [iolist_to_binary([<<16#EE, 16#DA, 0, 1>>, Parts])],
                                             C <- [-1, -2, 0, 12, 13, 14, 25, 26, 27],
                                             {Safe, Raw} <- [{load(Bin, C, safe), load(Bin, C, raw)}], Safe =/= Raw]).
 
@@ -225,7 +226,8 @@ not_files_test() ->
     "" = os:cmd("rm -f " ++ Fifo ++ "; mkfifo " ++ Fifo),
     T = arbo_tree:new(),
     Cases = [{Fifo, not_regular}, {"/dev/zero", not_regular}, {"/tmp", not_regular}, {"/proc/self/status", changed}],
-    Wrong = [{P, A} || {P, Why} <- Cases, {Us, A} <- [timer:tc(fun() -> {arbo_file:verify(P), arbo_tree:load(T, P)} end)],
+    Wrong = [{P, A} || {P, Why} <- Cases,
+                       {Us, A} <- [timer:tc(fun() -> {arbo_file:verify(P), arbo_tree:load(T, P)} end)],
                        A =/= {{error, {Why, 0}}, {error, {Why, 0}}} orelse Us > 1000000],
     file:delete(Fifo),
     ?assertEqual({[], 0}, {Wrong, maps:get(size, arbo_tree:info(T))}),
@@ -260,7 +262,8 @@ killed_callers(Dir) ->
     %% the helpers finish the work of the dead callers, then go; a writer gets in
     ?assertEqual(ok, arbo_tree:clear(T)),
     Now = fun() -> {element(2, file:list_dir(Dir)), erlang:system_info(process_count)} end,
-    Clean = fun Wait(Ms) -> Now() =:= {["big"], Procs} orelse Ms =< 0 orelse (timer:sleep(20) =:= ok andalso Wait(Ms - 20)) end,
+    Clean = fun Wait(Ms) -> Now() =:= {["big"], Procs} orelse Ms =< 0
+                                orelse (timer:sleep(20) =:= ok andalso Wait(Ms - 20)) end,
     Clean(30000),
     ?assertEqual({["big"], Procs}, Now()),
     ?assertMatch({ok, #{nodes := 100001}}, arbo_tree:load(T, File)),
@@ -273,11 +276,13 @@ callbacks_test() ->
     R = arbo_tree:root(T),
     [arbo_tree:add_leaf(T, R, N) || N <- lists:seq(1, 100)],
     Bad = [fun(_) -> error(boom) end, fun(_) -> exit(boom) end, fun(_) -> throw(boom) end],
-    Calls = [fun(F) -> arbo_tree:fold(T, R, all, fun(C, A) -> F(C), A end, 0) end, fun(F) -> arbo_tree:reading(T, F) end],
+    Calls = [fun(F) -> arbo_tree:fold(T, R, all, fun(C, A) -> F(C), A end, 0) end,
+             fun(F) -> arbo_tree:reading(T, F) end],
     [catch Call(F) || F <- Bad, Call <- Calls],
     ?assertEqual(true, writer(T, 1)),
     Self = self(),
-    Blocked = spawn(fun() -> arbo_tree:fold(T, arbo_tree:root(T), all, fun(_, A) -> Self ! blocked, receive _ -> A end end, 0) end),
+    Blocked = spawn(fun() -> arbo_tree:fold(T, arbo_tree:root(T), all,
+                                            fun(_, A) -> Self ! blocked, receive _ -> A end end, 0) end),
     receive blocked -> ok end,
     ?assertEqual(true, writer(T, 2)),
     exit(Blocked, kill),
@@ -293,8 +298,9 @@ writer(T, Tag) ->
 many_trees_test() ->
     Self = self(),
     Dict0 = length(get()),
-    [receive {tree, T} -> arbo_tree:root(T), Owner ! close, receive {'DOWN', Ref, _, _, _} -> ok end end
-     || _ <- lists:seq(1, 300), {Owner, Ref} <- [spawn_monitor(fun() -> Self ! {tree, arbo_tree:new()}, receive close -> ok end end)]],
+    Owner = fun() -> Self ! {tree, arbo_tree:new()}, receive close -> ok end end,
+    [receive {tree, T} -> arbo_tree:root(T), Pid ! close, receive {'DOWN', Ref, _, _, _} -> ok end end
+     || _ <- lists:seq(1, 300), {Pid, Ref} <- [spawn_monitor(Owner)]],
     ?assert(length(get()) - Dict0 < 3).
 
 %% ---- the VM-wide table of wide flag values ------------------------------------
@@ -321,7 +327,8 @@ wide_flags() ->
     Fill(16#400000),
     Used = fun() -> [_, {8, Cap, Free}] = arbo:alloc_info(), Cap - Free end,
     [{Name, Call()} || {Name, Call} <- [{filled, Used}, {set_known, fun() -> arbo_tree:set_flags(T, N, 16#400000) end},
-        {set, fun() -> arbo_tree:set_flags(T, N, 1 bsl 40) end}, {add, fun() -> arbo_tree:add_flags(T, N, 1 bsl 41) end},
+        {set, fun() -> arbo_tree:set_flags(T, N, 1 bsl 40) end},
+        {add, fun() -> arbo_tree:add_flags(T, N, 1 bsl 41) end},
         {clear, fun() -> arbo_tree:clear_flags(T, arbo_tree:root(T), 0), arbo_tree:clear_flags(T, N, 1) end},
         {set_narrow, fun() -> arbo_tree:set_flags(T, N, 16#3fffff) end},
         {clear_narrow, fun() -> arbo_tree:clear_flags(T, N, 16#3fffff) end},
