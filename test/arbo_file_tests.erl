@@ -27,13 +27,13 @@ config() ->
     [arbo_tree:add(T, O, {opaque, B}) || B <- [<<>>, <<1, 2, 3>>, binary:copy(<<9>>, 40)]],
     T.
 
-%% The whole tree as a term: kind, key, value, flags, attributes 1..8,
-%% children in order.
+%% The whole tree as a term: kind, key, value, flags, the active mark,
+%% attributes 1..8, children in order.
 dump(T) -> dump(T, arbo_tree:root(T)).
 dump(T, N) ->
     Type = arbo_tree:type(T, N),
     {Type, arbo_tree:key(T, N), lists:member(Type, [leaf, instance]) andalso arbo_tree:value(T, N),
-     arbo_tree:flags(T, N), [arbo_tree:attr(T, N, A) || A <- lists:seq(1, 8)],
+     arbo_tree:flags(T, N), arbo_tree:is_active(T, N), [arbo_tree:attr(T, N, A) || A <- lists:seq(1, 8)],
      [dump(T, C) || C <- arbo_tree:children(T, N)]}.
 
 %% Skipping flagged nodes leaves out two interfaces, with their two leaves
