@@ -1,8 +1,8 @@
 %% The gate between the tree API's readers and writers: a reader killed
-%% inside it, one pass for many calls, which calls move the epoch, a tree
-%% closed (or the application stopped) for every process and handle, a
-%% keeper killed in the middle of a write. (The owner's exit and a killed
-%% keeper: arbo_app_tests.)
+%% inside it, one pass for many calls, callbacks that misbehave, which calls
+%% move the epoch, a tree closed (or the application stopped) for every
+%% process and handle, a keeper killed in the middle of a write. (The
+%% owner's exit and a killed keeper: arbo_app_tests.)
 -module(arbo_gate_tests).
 -include_lib("eunit/include/eunit.hrl").
 
@@ -49,6 +49,23 @@ reading_test() ->
     receive {writer, {W, WRef}} -> receive {'DOWN', WRef, process, W, Done} -> ?assertEqual(true, Done) end end,
     ?assertMatch({elsewhere, {'EXIT', {{reading_over, _}, _}}}, receive {elsewhere, _} = E -> E end),
     ?assertError({reading_over, _}, arbo_tree:root(Reader)),
+    ok = arbo_tree:close(T).
+
+%% Callbacks that raise, exit, throw or block leave the gate free: a writer
+%% in another process gets through.
+callbacks_test() ->
+    T = config(),
+    Ifs = arbo_tree:lookup(T, [1, 2]),
+    Calls = [fun(F) -> arbo_tree:fold(T, Ifs, all, fun(C, A) -> F(C), A end, 0) end,
+             fun(F) -> arbo_tree:reading(T, F) end],
+    [catch Call(F) || F <- [fun(_) -> error(boom) end, fun(_) -> exit(boom) end, fun(_) -> throw(boom) end],
+                      Call <- Calls],
+    Self = self(),
+    Blocked = spawn(fun() -> arbo_tree:fold(T, Ifs, all, fun(_, A) -> Self ! blocked, receive _ -> A end end, 0) end),
+    receive blocked -> ok end,
+    {W, WRef} = writer(T),
+    receive {'DOWN', WRef, process, W, R} -> ?assertEqual(true, R) after 2000 -> error(writer_stuck) end,
+    exit(Blocked, kill),
     ok = arbo_tree:close(T).
 
 %% Which calls move the epoch, as the module documentation says.

@@ -212,7 +212,7 @@ not_files_test() ->
     ?assertEqual({[], 0}, {Wrong, maps:get(size, arbo_tree:info(T))}),
     ok = arbo_tree:close(T).
 
-%% ---- processes killed, callbacks that misbehave, many trees ---------------------
+%% ---- processes killed, many trees -------------------------------------------------
 
 %% Callers killed at random moments of their loads and saves leave no
 %% temporary file (the private copies of loads go to TMPDIR), no helper
@@ -247,30 +247,6 @@ killed_callers(Dir) ->
     ?assertEqual({["big"], Procs}, Now()),
     ?assertMatch({ok, #{nodes := 100001}}, arbo_tree:load(T, File)),
     ok = arbo_tree:close(T).
-
-%% Callbacks that raise, exit, throw or block leave the gate free: a writer
-%% in another process gets through at once.
-callbacks_test() ->
-    T = arbo_tree:new(),
-    R = arbo_tree:root(T),
-    [arbo_tree:add_leaf(T, R, N) || N <- lists:seq(1, 100)],
-    Bad = [fun(_) -> error(boom) end, fun(_) -> exit(boom) end, fun(_) -> throw(boom) end],
-    Calls = [fun(F) -> arbo_tree:fold(T, R, all, fun(C, A) -> F(C), A end, 0) end,
-             fun(F) -> arbo_tree:reading(T, F) end],
-    [catch Call(F) || F <- Bad, Call <- Calls],
-    ?assertEqual(true, writer(T, 1)),
-    Self = self(),
-    Blocked = spawn(fun() -> arbo_tree:fold(T, arbo_tree:root(T), all,
-                                            fun(_, A) -> Self ! blocked, receive _ -> A end end, 0) end),
-    receive blocked -> ok end,
-    ?assertEqual(true, writer(T, 2)),
-    exit(Blocked, kill),
-    ok = arbo_tree:close(T).
-
-%% A deletion in another process: its answer, or stuck after 2 s.
-writer(T, Tag) ->
-    {Pid, MRef} = spawn_monitor(fun() -> exit({answer, arbo_tree:delete(T, arbo_tree:root(T), Tag)}) end),
-    receive {'DOWN', MRef, _, _, {answer, G}} -> G after 2000 -> exit(Pid, kill), stuck end.
 
 %% A process that reads many trees other processes create and close keeps
 %% no dictionary entry of a closed one.
