@@ -93,22 +93,7 @@ one_form_per_user_list_test() ->
 form({pair, Ns, _}) when Ns =/= 7 -> pair_other_namespace;
 form(K) -> element(1, K).
 
-%% ---- what the API builds, a file carries back ---------------------------------
-
-%% Every key form, values, flags, attributes, an inactive mark, a move and
-%% pairs of every namespace add/3 takes: saved and loaded back equal.
-round_trip_test() ->
-    T = arbo_file_tests:config(),
-    [U1, _, U3] = arbo_tree:children(T, arbo_tree:find(T, arbo_tree:root(T), {2, 7})),
-    ok = arbo_tree:set_active(T, U1, false),
-    true = arbo_tree:move_to(T, U3, 0),
-    P = arbo_tree:add_list(T, arbo_tree:root(T), 3, sorted),
-    [ok = arbo_tree:set_flags(T, arbo_tree:add(T, P, {pair, Ns, N}), Ns)
-     || Ns <- lists:seq(1, 255) -- [12], N <- [-16#80000000, 16#7fffffff]],
-    ok = arbo_tree:save(T, F = tmp("rt")),
-    {ok, _} = arbo_tree:load(T2 = arbo_tree:new(), F),
-    ?assertEqual(dump(T), dump(T2)),
-    [ok, ok, ok] = [file:delete(F), arbo_tree:close(T), arbo_tree:close(T2)].
+%% ---- loads that end early -----------------------------------------------------
 
 %% A load that stops before the end of the file is an error naming the
 %% record it stopped at (the records before it stay applied), never `ok'.
