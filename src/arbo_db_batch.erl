@@ -475,13 +475,22 @@ flags_record(F) -> refuse({bad_flags, F}).
 %% Nodes found are kept while no deletion moved the tree's epoch.
 -spec apply_direct(arbo_tree:tree(), [action()]) -> ok | {error, term()}.
 apply_direct(T, Acts) ->
-    try lists:foldl(fun(A, C) -> act(T, A, C) end, #{}, Acts) of
+    try lists:foldl(fun(A, C) -> act(T, A, C) end, #{}, runs(Acts)) of
         _ -> ok
     catch
         throw:{failed, A} -> {error, {failed, A}};
         error:R -> {error, R}
     end.
 
+%% Values set on nodes already found are set in one pass of the gate a run.
+runs(Acts) -> runs(Acts, []).
+
+runs([{set, {ref, N}, V} | More], Run) -> runs(More, [{N, V} | Run]);
+runs([], []) -> [];
+runs([A | More], []) -> [A | runs(More, [])];
+runs(More, Run) -> [{set_values, lists:reverse(Run)} | runs(More, [])].
+
+act(T, {set_values, Pairs}, C) -> arbo_tree:set_values(T, Pairs), C;
 act(T, {create, PP, Kind, Key} = A, C) ->
     {P, C1} = node(T, PP, C, A),
     N = case Kind of

@@ -61,7 +61,7 @@
 -export([first_child/2, last_child/2, next_sibling/2, prev_sibling/2, nth_child/3,
          child_index/2, num_children/2, children/2, key/2, type/2, is_same/2]).
 %% values, flags, attributes
--export([value/2, value_raw/2, set_value/3, clear_value/2,
+-export([value/2, value_raw/2, set_value/3, set_values/2, clear_value/2,
          flags/2, set_flags/3, add_flags/3, clear_flags/3,
          attr/3, set_attr/4, delete_attr/3, set_active/3, is_active/2]).
 %% moves
@@ -596,15 +596,33 @@ value_raw(T, N) ->
 %% opaque keys hold no value: `{wrong_node_type, Node}'.
 -spec set_value(tree(), tree_node(), value()) -> ok.
 set_value(T, N, V) ->
-    {Kind, Bin} = if
-                      is_binary(V) -> {?VAL_BINARY, V};
-                      V =:= empty -> error({badarg, {value, V}});
-                      true -> {?VAL_CSVAL, arbo_val:encode(V)}
-                  end,
+    {Kind, Bin} = value_arg(V),
     write(T, [N], fun(_) ->
         holds_value(T, N),
         arbo:set_val(T, N#arbo_node.addr, Kind, Bin)
     end).
+
+%% @doc Set the values of several nodes, as {@link set_value/3} does, in one
+%% pass of the gate instead of one a node. Every node and every value is
+%% checked before any value is set: a bad value, a stale or foreign
+%% reference, or a node that holds no value raises, and then no value has
+%% changed.
+-spec set_values(tree(), [{tree_node(), value()}]) -> ok.
+set_values(T, Pairs) when is_list(Pairs) ->
+    Args = [case P of
+                {N, V} -> {N, value_arg(V)};
+                _ -> error({badarg, {pair, P}})
+            end || P <- Pairs],
+    write(T, [N || {N, _} <- Args], fun(_) ->
+        lists:foreach(fun({N, _}) -> holds_value(T, N) end, Args),
+        lists:foreach(fun({N, {Kind, Bin}}) -> arbo:set_val(T, N#arbo_node.addr, Kind, Bin) end,
+                      Args)
+    end);
+set_values(_, Pairs) -> error({badarg, {pairs, Pairs}}).
+
+value_arg(V) when is_binary(V) -> {?VAL_BINARY, V};
+value_arg(empty) -> error({badarg, {value, empty}});
+value_arg(V) -> {?VAL_CSVAL, arbo_val:encode(V)}.
 
 %% @doc Remove a node's value.
 -spec clear_value(tree(), tree_node()) -> ok.
