@@ -25,9 +25,13 @@ main() ->
     io:format("arbo benchmarks (~s run, OTP ~s, ~p schedulers)~n~n",
               [case quick() of true -> "quick"; false -> "full" end,
                erlang:system_info(otp_release), erlang:system_info(schedulers_online)]),
-    Rows = lists:append([run_group(M) || M <- groups(), loadable(M)]),
-    print(Rows),
-    ok.
+    Results = [{M, run_group(M)} || M <- groups(), loadable(M)],
+    print(lists:append([Rows || {_, Rows} <- Results, is_list(Rows)])),
+    %% the other groups' rows are printed; a failed group fails the run
+    case [M || {M, failed} <- Results] of
+        [] -> ok;
+        Failed -> io:format("~nfailed groups: ~p~n", [Failed]), halt(1)
+    end.
 
 loadable(M) ->
     case code:ensure_loaded(M) of
@@ -44,7 +48,7 @@ run_group(M) ->
             Rows
     catch C:E:St ->
         io:format("group ~p failed: ~p:~p~n  ~p~n", [M, C, E, St]),
-        []
+        failed
     end.
 
 %% ---- measuring helpers for the groups ------------------------------------------
