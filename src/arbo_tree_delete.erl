@@ -1,8 +1,9 @@
 %% @private
 %% @doc Deleting and renaming for `arbo_tree' (delete/2,3, delete_ns/3,
 %% clear/1, rename/3, rename_ns/3): the changes that run on the writer side
-%% of the gate, with the tree to themselves, and move the epoch when they
-%% can free nodes.
+%% of the gate (in the tree's keeper, no reader inside), each telling it
+%% whether the epoch moves: after a deletion that deleted, a clear and a
+%% rename that changed a key, never after rename_ns.
 -module(arbo_tree_delete).
 
 -export([delete/2, delete/3, delete_ns/3, clear/1, rename/3, rename_ns/3]).
