@@ -398,7 +398,7 @@ static void unload(ErlNifEnv* env, void* priv) {
 }  // namespace arbo
 
 // ---- the table of exported functions ------------------------------------------------
-// Registered in exactly this order; the Erlang stubs in erl/arbo.erl follow it.
+// Registered in exactly this order; the Erlang stubs in src/arbo.erl follow it.
 static ErlNifFunc nif_funcs[] = {
     // handle and allocation
     {"new_arbo", 0, arbo::new_arbo, 0},

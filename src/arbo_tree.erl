@@ -39,8 +39,8 @@
 %% == Errors ==
 %% Malformed arguments raise `error({badarg, What})'; a closed tree raises
 %% `error({arbo_closed, Tree})'; operations on the wrong kind of node raise
-%% `error({wrong_node_type, Node})' (or `{not_user_ordered, List}', `{root,
-%% Root}', `{not_a_child, Node}'). Outcomes a caller expects are results:
+%% `error({wrong_node_type, Node})' (or `{not_user_ordered, Instance}',
+%% `{root, Root}', `{not_a_child, Node}'). Outcomes a caller expects are results:
 %% `none' for no node, `false' for a refused move, rename or deletion,
 %% `{error, Reason}' from files.
 %%
@@ -334,7 +334,7 @@ find_after(T, L, Key, Incl) ->
 delete(T, N) -> arbo_tree_delete:delete(T, N).
 
 %% @doc Delete the child of Parent under a key, with its subtree: `true', or
-%% `false' when there is none. Node references are stale afterwards.
+%% `false' when there is none. Node references are stale after a deletion.
 -spec delete(tree(), tree_node(), key()) -> boolean().
 delete(T, P, Key) -> arbo_tree_delete:delete(T, P, Key).
 
