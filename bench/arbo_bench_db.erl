@@ -6,14 +6,19 @@
 %%
 %% A single-operation commit sets the value of an existing instance of a
 %% sorted list (arbo) or writes {kv, Key, Value} (mnesia, DETS), with a
-%% 16-byte value. mnesia does not sync its log per transaction and DETS
-%% only on dets:sync/1: the DETS row with a sync per insert is the durable
-%% peer. The open row builds a snapshot of N instances and a journal of N
-%% value changes after it (N = 1,000,000, or 100,000 with
-%% ARBO_BENCH_QUICK=1) and counts the journal's operations replayed per
-%% second: (open time - open time of the snapshot alone) / N. The changes
-%% go through the keys in ascending order (a sweep over a list), and in a
-%% second journal in random order (changes scattered over the list).
+%% 16-byte value, from one committer and from 16. mnesia does not sync its
+%% log per transaction and DETS only on dets:sync/1: the DETS row with a
+%% sync per insert is the durable peer. Batch commits carry 1,000 such
+%% value changes (arbo) or 1,000 writes in one transaction (mnesia).
+%%
+%% Opening: stores with an N-instance snapshot and a journal of N value
+%% changes after it (N = 1,000,000, or 100,000 with ARBO_BENCH_QUICK=1), in
+%% ascending key order (a sweep over a list) and in random order (changes
+%% scattered over the list), each opened in alternating turns with a copy
+%% of itself compacted (the snapshot alone): journal operations replayed a
+%% second = N / (open time - open time of the compacted copy). And a store
+%% whose journal makes N instances, each with a value (2 N operations),
+%% beside one holding the empty list.
 %%
 %% Beside the 1-op commits, the floor of a commit that answers after its
 %% write, in the same run: a bare gen_server:call round trip and a bare

@@ -22,7 +22,7 @@
 %% arbo_tree} functions of the same names do. A batch that names a missing
 %% node, misuses a node's kind or holds a malformed operation is refused
 %% whole with `{error, {Index, Op, Reason}}' (Index counts from 1), and
-%% nothing changes. Keys `{pair, Ns, N}' are accepted with Ns in 0..255
+%% nothing changes. Keys `{pair, Ns, N}' are accepted with Ns in 1..255
 %% except 12, the pairs the journal can carry.
 %%
 %% == Durability ==
@@ -79,7 +79,9 @@
 %% => true' asks to keep the frames before it (and cut the rest). A journal
 %% that names another snapshot than the latest fails the open with
 %% `{error, {stale_journal, File}}'. Options: `sync' (see the module's
-%% documentation), `compact_bytes', `recover'.
+%% documentation), `compact_bytes', `recover', and for replication
+%% `replicas', `ack', `ack_timeout' (a leader) or `follow' (a follower):
+%% see `arbo_repl'.
 -spec open(atom(), options()) -> {ok, pid()} | {error, term()}.
 open(Name, #{dir := _} = Opts) when is_atom(Name) ->
     case start_child(Name, Opts, 1) of
@@ -255,8 +257,12 @@ claim_here(Dir) ->
 %% @doc Apply a batch atomically and make it durable as the store's `sync'
 %% policy says: `{ok, Seq}' with the batch's sequence number (an empty
 %% batch answers the last one), or `{error, {Index, Op, Reason}}' when the
-%% batch is refused (nothing changed), or `{error, Reason}' when it could
-%% not be written (nothing changed either).
+%% batch is refused (nothing changed), or `{error, Reason}': the batch could
+%% not be written (nothing changed either), `{not_leader, Leader}' on a
+%% follower, `no_quorum' when the `ack' policy was not met in time (the batch
+%% is in this store), `{store_failed, Reason}' after a journal that could not
+%% be cut back, or `{apply_failed, Reason}' (the tree is then rebuilt from
+%% disk).
 -spec commit(db(), [op()]) -> {ok, non_neg_integer()} | {error, term()}.
 commit(Db, Ops) when is_list(Ops) -> gen_server:call(Db, {commit, Ops}, infinity);
 commit(_, Ops) -> error({badarg, {ops, Ops}}).

@@ -472,7 +472,9 @@ flags_record(F) -> refuse({bad_flags, F}).
 %% Applying a checked batch through the plain API
 
 %% Apply the actions of a checked batch, in order, through `arbo_tree'.
-%% Nodes found are kept while no deletion moved the tree's epoch.
+%% Nodes found are kept until a deletion, a rename or a delete_ns moves the
+%% tree's epoch; values set on nodes the check found go in one pass of the
+%% gate a run (runs/1).
 -spec apply_direct(arbo_tree:tree(), [action()]) -> ok | {error, term()}.
 apply_direct(T, Acts) ->
     try lists:foldl(fun(A, C) -> act(T, A, C) end, #{}, runs(Acts)) of
