@@ -68,6 +68,23 @@ changes_test() ->
     ?assertMatch(#{size := 0}, arbo_tree:info(T)),
     ok = arbo_tree:close(T).
 
+%% set_values/2 checks every node and value before it sets any: a node
+%% that holds no value, a bad value, a malformed pair or a stale reference
+%% anywhere in the list leaves every value as it was.
+set_values_test() ->
+    T = config(),
+    R = arbo_tree:root(T),
+    [A, B] = [arbo_tree:add_leaf(T, R, K) || K <- [20, 21]],
+    ok = arbo_tree:set_values(T, [{A, <<"a">>}, {B, {uint8, 2}}]),
+    Refused = [[{A, <<"x">>}, {arbo_tree:lookup(T, [1]), <<"y">>}],
+               [{A, <<"x">>}, {B, empty}],
+               [{A, <<"x">>}, B]],
+    [?assertError(_, arbo_tree:set_values(T, P)) || P <- Refused],
+    ok = arbo_tree:delete(T, arbo_tree:add_leaf(T, R, 22)),
+    ?assertError({stale_node, _}, arbo_tree:set_values(T, [{A, <<"x">>}])),
+    ?assertEqual([<<"a">>, {uint8, 2}], [arbo_tree:value(T, arbo_tree:lookup(T, [K])) || K <- [20, 21]]),
+    ok = arbo_tree:close(T).
+
 %% One row per error path of this layer (value and key encodings are the
 %% codec's, the library's own refusals the native suites').
 errors_test_() ->
