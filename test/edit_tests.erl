@@ -1,16 +1,16 @@
 %% Tree editing from Erlang: containers and namespaces (integer child lists),
-%% renames outside a list, deletion by the key forms the model does not use,
-%% exact accounting of every allocation and the generation's moves, and the
-%% refusals the store makes (argument decoding, handles and node types are
-%% swept by arbo_fuzz_tests). Random sequences of list edits through every
-%% key form, renames included, are checked in store_prop_tests (the lists
-%% themselves, every key style and the index thresholds, in
+%% deletion by the key forms the model does not use, exact accounting of
+%% every allocation, the library counter across tables, and the refusals the
+%% store makes (argument decoding, handles, node types and the order of the
+%% checks are swept by arbo_fuzz_tests). Random sequences of list edits
+%% through every key form, renames included, are checked in store_prop_tests
+%% (the lists themselves, every key style and the index thresholds, in
 %% store_model_test.cpp).
 -module(edit_tests).
 -include_lib("eunit/include/eunit.hrl").
 -include("arbo_codes.hrl").
 
--import(arbo_test_util, [with_table/1, reason/1, children/2, str/1, child_keys/2, lib_mem/0, expect/1]).
+-import(arbo_test_util, [with_table/1, reason/1, children/2, str/1, child_keys/2, lib_mem/0, expect/1, child_vm/2]).
 
 %% Record sizes as the allocator counts them.
 -define(ROOT_MEM, 112).
@@ -77,23 +77,6 @@ rename_ns_test() ->
         ?assertEqual({[L, Z, C, B, A], 6}, {children(T, R), arbo:get_size(T)})
     end).
 
-%% rename_instance0 reads its list first: a node that is not a list is
-%% refused whatever the code, before an unknown code answers false without
-%% the handle (so also with a closed table's). Nothing moves the generation.
-rename_outside_list_test() ->
-    with_table(fun(T) ->
-        R = arbo:get_root(T),
-        [C, G, L] = [arbo:add_hkey_internal(T, R, 1), arbo:add_hkey(T, R, 2, ?KEY_TAG_ALT), arbo:add_hkey_dyn(T, R, 3, ?ORDER_PLAIN)],
-        I = arbo:add_hkey(T, L, 1, ?KEY_INT),
-        Closed = arbo:new(),
-        ok = arbo:close(Closed),
-        Rows = [{T, N, Code} || N <- [R, C, G, I], Code <- [4, 5, 27, 7, 16#FFFFFFFF]] ++ [{Closed, G, 7}, {T, L, 7}, {Closed, L, 7}],
-        Key = fun(5) -> <<"k">>; (27) -> {1, 2}; (_) -> 9 end,
-        ?assertEqual(lists:duplicate(21, badarg) ++ [{returned, false}, {returned, false}],
-                     [reason(fun() -> arbo:rename_instance0(H, N, I, Key(Code), Code) end) || {H, N, Code} <- Rows]),
-        ?assertEqual({[I], 0}, {children(T, L), arbo:get_generation(T)})
-    end).
-
 %% ---- deletion and accounting ----------------------------------------------------
 
 %% del_hkey by the key forms the store model does not use, applied in order:
@@ -136,3 +119,26 @@ accounting(Free) ->
                                       {close, ok, arbo:close(T)}]),
     _ = binary:copy(<<"x">>, 4096),
     ?assertEqual({Lib0 - 8 * 4, binary:copy(<<"k">>, 12)}, {lib_mem(), binary:copy(Key)}).
+
+%% The library counter counts nodes of every table: a table dropped without
+%% close gives them back through the destructor, also when many processes
+%% create and close tables at once.
+destructor_test() ->
+    Base = lib_mem(),
+    {Pid, Ref} = spawn_monitor(fun() -> arbo:get_size(arbo:new()) end),
+    receive {'DOWN', Ref, process, Pid, _} -> ok end,
+    ?assertEqual(ok, wait_for(fun() -> lib_mem() =:= Base end, 200)),
+    Pids = [spawn_monitor(fun() -> [ok = arbo:close(X) || X <- [arbo:new() || _ <- lists:seq(1, 20)]] end)
+            || _ <- lists:seq(1, 16)],
+    [receive {'DOWN', R, process, P, normal} -> ok end || {P, R} <- Pids],
+    ?assertEqual(Base, lib_mem()).
+
+wait_for(_Pred, 0) -> timeout;
+wait_for(Pred, N) ->
+    erlang:garbage_collect(),
+    case Pred() of true -> ok; false -> timer:sleep(10), wait_for(Pred, N - 1) end.
+
+%% A fresh library in a fresh VM reports only its flags table.
+alloc_info_fresh_library_test() ->
+    {0, Out} = child_vm("io:format(\"~w~n\", [arbo:alloc_info()]), halt().", 60),
+    ?assertEqual("[512,{8,64,64}]", hd(string:split(Out, "\n"))).

@@ -1,9 +1,9 @@
-// The element parser and the key order: pinned comparisons in every mode
-// and both operand orders, randomized order laws and the corrupt-key aborts
-// (which codes exist and their lengths: type_codes_test.cpp). Node keys (inline, out of line, integer with namespace)
-// are checked against a model of the list order in store_model_test.cpp.
+// The key order: pinned comparisons in every mode and both operand orders,
+// and randomized order laws. Which codes exist, their lengths and the
+// parser's aborts are checked in type_codes_test.cpp; node keys (inline, out
+// of line, integer with namespace) against a model of the list order in
+// store_model_test.cpp.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -61,27 +61,6 @@ int cmpk(const Bytes& a, int as, const Bytes& b, int bs, int mode) {
   return (r > 0) - (r < 0);
 }
 
-struct Parsed { int32_t hdr, len; int type, varlen; bool operator==(const Parsed&) const = default; };
-Parsed parse(const Bytes& buf, int single = 0) {
-  Parsed p{};
-  return get_tuple_key(single, buf.data(), int32_t(buf.size()), &p.hdr, &p.len, &p.type, &p.varlen), p;
-}
-
-// Which codes exist and their lengths: type_codes_test.cpp, against arbo_key.
-TEST(KeyParserDeathTest, UnknownTypesAndElementsPastTheEndAbort) {
-  EXPECT_DEATH({ dup2(2, 1); parse(Bytes(64, uint8_t(3))); },
-               "type: 3 \\(i=0 buf_len=64\\).*Assertion `0' failed");
-  EXPECT_EQ(parse(Bytes{204, 7, 7, 7}), (Parsed{0, 4, 204, 1}));
-  EXPECT_EQ(parse(Bytes{8, 0}, 1), (Parsed{0, 2, 204, 1}));
-  // A fixed payload cut short, a length field cut short, a huge 4-byte
-  // length, a field smaller than the header it counts.
-  const Bytes cases[] = {{8, 0, 0, 0}, {205, 0, 0}, {206, 0xff, 0xff, 0xff, 0xff, 'x'}, {201, 3, 0, 0, 0, 0, 0, 0, 0, 0}};
-  for (const Bytes& c : cases) EXPECT_DEATH(parse(c), "Assertion `i\\+len <= buf_len' failed");
-  const Bytes bad = K().i32(1).add({3}).b;
-  EXPECT_TRUE(cmpk(K().i32(0).b, 0, bad, 0, 0) == -1 && cmpk(K().i32(1).b, 0, bad, 0, 0) == -1);
-  EXPECT_DEATH(cmpk(K().i32(1).i32(5).b, 0, bad, 0, 0), "Assertion `0' failed");
-}
-
 TEST(KeyOrder, PinnedCasesInEveryModeAndBothOrders) {
   const struct { Bytes a; int as; Bytes b; int bs; int want[3]; } cases[] = {  // sign per mode
       // Empty before anything; a type-0 element ends the comparison; a string
@@ -107,6 +86,8 @@ TEST(KeyOrder, PinnedCasesInEveryModeAndBothOrders) {
       {K().bits({1, 0}).b, 0, K().bits({0, 1}).b, 0, {-1, 1, 1}}, {K().bits({8, 0}).b, 0, K().bits({0, 7}).b, 0, {-1, 0, 0}},
       {K().bits({5}).b, 0, K().bits({2}).b, 0, {1, 0, 0}}, {K().bits({1}).b, 0, K().bits({1, 0, 0}).b, 0, {0, 0, 0}},
       {K().el(30, 2, 8).b, 0, K().el(30, 1, 8).b, 0, {1, -1, -1}},
+      // Opaque keys: length first in mode 1 only.
+      {raw("b"), 1, raw("aa"), 1, {1, -1, 1}}, {raw("ab"), 1, raw("abc"), 1, {-1, -1, -1}},
   };
   for (const auto& c : cases)
     for (int mode : {0, 1, 2, 7}) {  // modes other than 0, 1 and 2 behave as 0
