@@ -1,7 +1,7 @@
-%% Tree editing from Erlang: containers and namespaces (integer child lists),
-%% deletion by the key forms the model does not use, exact accounting of
-%% every allocation, the library counter across tables, and the refusals the
-%% store makes (argument decoding, handles, node types and the order of the
+%% Tree editing from Erlang: containers and namespaces (integer child lists,
+%% their positions and lookups by every tag form), deletion by the key forms
+%% the model does not use, exact accounting of every allocation, the library
+%% counter across tables, and the refusals the store makes (argument decoding, handles, node types and the order of the
 %% checks are swept by arbo_fuzz_tests). Random sequences of list edits
 %% through every key form, renames included, are checked in store_prop_tests
 %% (the lists themselves, every key style and the index thresholds, in
@@ -36,8 +36,17 @@ containers_and_namespaces_test() ->
         ?assertEqual({{2, 1}, [badarg || _ <- Refused]}, {arbo:get_type(T, L), [reason(fun() -> apply(arbo, F, A) end)
                                                                                  || {F, A} <- Refused]}),
         %% ordered by (namespace, unsigned tag); {-5} is stored as its pattern
-        ?assertEqual({[C, L9, Nneg, L, N12], [5, 9, 16#FFFFFFFB, [1 | 1], [1 | 2]]},
-                     {children(T, R), child_keys(T, R)}),
+        Kids = [C, L9, Nneg, L, N12],
+        ?assertEqual({Kids, [5, 9, 16#FFFFFFFB, [1 | 1], [1 | 2]], 5, N12},
+                     {children(T, R), child_keys(T, R), arbo:num_children(T, R), arbo:last_child(T, R)}),
+        [?assertEqual({N, I, Prev}, {arbo:get_child(T, R, I), arbo:child_index(T, R, N), arbo:prev_sibling(T, R, N)})
+         || {I, N, Prev} <- lists:zip3(lists:seq(1, 5), Kids, [0 | lists:droplast(Kids)])],
+        %% kept: N = 0 counts down through the unsigned wrap and finds nothing
+        ?assertEqual([0, 0, 0, 0, 0], [arbo:get_child(T, R, 0), arbo:get_child(T, R, 6), arbo:child_index(T, R, 12345),
+                                       arbo:child_index(T, R, 0), arbo:prev_sibling(T, R, 12345)]),
+        Finds = [{5, 10, C}, {{5}, 11, C}, {[1 | 2], 11, N12}, {{1, 1}, 28, L}, {[3 | 1], 10, 0}, {not_a_tag, 10, 0},
+                 {5, 99, 0}, {<<"x">>, 12, 0}],
+        [?assertEqual({Key, Code, Want}, {Key, Code, arbo:find_child(T, R, Key, Code)}) || {Key, Code, Want} <- Finds],
         %% adds, found pairs and refused adds leave the generation alone
         expect([{size, 5, arbo:get_size(T)}, {mem, ?ROOT_MEM + ?INT_MEM + 3 * ?ONE_MEM + ?DYN_MEM, arbo:get_mem(T)},
                 {generation, 0, arbo:get_generation(T)}]),

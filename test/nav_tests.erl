@@ -1,5 +1,6 @@
-%% Navigation: counting, stepping, lookups, moves and hidden inactive nodes.
-%% (Argument decoding, handles and node types are swept by arbo_fuzz_tests;
+%% Navigation: empty nodes, find_next_nif, moves, flag queries and hidden
+%% inactive nodes. (A container's chain: edit_tests; lists: store_prop_tests;
+%% argument decoding, handles and node types are swept by arbo_fuzz_tests;
 %% filtered walks by filter_tests.)
 -module(nav_tests).
 
@@ -18,29 +19,6 @@ empty_nodes_test() ->
                                                      arbo:has_child_without_flags(T, N, 16#ffff), arbo:find_next_nif(T, N, 1, ?NEXT_INT, 1, [])]})
          || N <- Nodes],
         ?assertEqual([0, 0, lists:nth(3, Nodes), 0], [arbo:last_child(T, N) || N <- Nodes])
-    end).
-
-%% A container's chain is in (namespace, key) order whatever the order of
-%% insertion; positions, lookups by every tag form.
-chain_test() ->
-    with_table(fun(T) ->
-        R = arbo:get_root(T),
-        Add = fun(box, _, K) -> arbo:add_hkey_internal(T, R, K); (leaf, Ns, K) -> arbo:add_hkey(T, R, [Ns | K], ?KEY_TAG_ALT);
-                 (list, Ns, K) -> arbo:add_hkey_dyn(T, R, [Ns | K], ?ORDER_PLAIN) end,
-        Made = lists:sort([{{Ns, K}, Add(Kind, Ns, K)} || {Kind, Ns, K} <- shuffle([{box, 0, 5}, {leaf, 1, 2}, {leaf, 0, 9},
-                                                                                   {box, 0, 1}, {list, 2, 1}, {leaf, 1, 1}])]),
-        Len = length(Expected = [N || {_, N} <- Made]),
-        expect([{children, Expected, children(T, R)}, {count, Len, arbo:num_children(T, R)},
-                {last, lists:last(Expected), arbo:last_child(T, R)}]),
-        [?assertEqual({N, I, Prev}, {arbo:get_child(T, R, I), arbo:child_index(T, R, N), arbo:prev_sibling(T, R, N)})
-         || {I, N, Prev} <- lists:zip3(lists:seq(1, Len), Expected, [0 | lists:droplast(Expected)])],
-        %% Kept: N = 0 counts down through the unsigned wrap and finds nothing.
-        ?assertEqual([0, 0, 0, 0, 0], [arbo:get_child(T, R, 0), arbo:get_child(T, R, Len + 1), arbo:child_index(T, R, 12345),
-                                       arbo:child_index(T, R, 0), arbo:prev_sibling(T, R, 12345)]),
-        [Box1, Leaf12, List21] = [proplists:get_value(P, Made) || P <- [{0, 1}, {1, 2}, {2, 1}]],
-        Cases = [{1, 10, Box1}, {{1}, 11, Box1}, {[1 | 2], 11, Leaf12}, {{2, 1}, 28, List21},
-                 {[3 | 1], 10, 0}, {not_a_tag, 10, 0}, {1, 99, 0}, {<<"x">>, 12, 0}],
-        [?assertEqual({Key, Code, Want}, {Key, Code, arbo:find_child(T, R, Key, Code)}) || {Key, Code, Want} <- Cases]
     end).
 
 %% Sorted lists: find_next_nif (strictly after the key, or at it with Mode
