@@ -1,8 +1,9 @@
 %% Tree editing from Erlang: containers and namespaces (integer child lists,
 %% their positions and lookups by every tag form), deletion by the key forms
 %% the model does not use, exact accounting of every allocation, the library
-%% counter across tables, and the refusals the store makes (argument decoding, handles, node types and the order of the
-%% checks are swept by arbo_fuzz_tests). Random sequences of list edits
+%% counter across tables, and the refusals the store makes (argument
+%% decoding, handles, node types and the order of the checks are swept by
+%% arbo_fuzz_tests). Random sequences of list edits
 %% through every key form, renames included, are checked in store_prop_tests
 %% (the lists themselves, every key style and the index thresholds, in
 %% store_model_test.cpp).
