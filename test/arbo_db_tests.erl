@@ -466,7 +466,7 @@ compaction_failed() ->
     ok = file:write_file(filename:join(Dir, ".left.tmp"), <<"x">>),
     Db2 = reopen(Db, db_compact_fail, Dir),
     {ok, Names} = file:list_dir(Dir),
-    ?assertEqual(["journal", "snap"], lists:sort([hd(string:split(N, "-")) || N <- Names])),
+    ?assertEqual(["LOCK", "journal", "snap"], lists:sort([hd(string:split(N, "-")) || N <- Names])),
     %% an empty batch answers the last seq and writes nothing
     #{journal_bytes := JB} = arbo_db:info(Db2),
     ?assertEqual({ok, 2}, arbo_db:commit(Db2, [])),
@@ -549,3 +549,22 @@ follower_test() ->
     ?assertEqual({ok, []}, arbo_db:frames_since(A, 3)),
     [ok = arbo_db:close(D) || D <- [A, reopen(B, db_follower, maps:get(dir, arbo_db:info(B)))]].
 
+
+%% ---- one VM per directory --------------------------------------------------------------
+
+%% A store open in another VM keeps this VM out; once that VM is killed,
+%% the lock it left is taken over.
+lock_test_() ->
+    {timeout, 60, fun() ->
+        Dir = scratch("lock"),
+        Peer = child(),
+        {ok, _} = peer:call(Peer, arbo_db, open, [db_lock, #{dir => Dir}]),
+        OsPid = peer:call(Peer, os, getpid, []),
+        ?assertEqual({error, {locked, filename:join(Dir, "LOCK"), OsPid}},
+                     arbo_db:open(db_lock, #{dir => Dir})),
+        os:cmd("kill -9 " ++ OsPid),
+        catch peer:stop(Peer),
+        {ok, Db} = arbo_db:open(db_lock, #{dir => Dir}),
+        ok = arbo_db:close(Db),
+        ?assertNot(filelib:is_file(filename:join(Dir, "LOCK")))
+    end}.
