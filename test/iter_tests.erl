@@ -111,12 +111,13 @@ death_frees_memory_test_() ->
 
 death_frees_memory(T) ->
     Mem = fun() -> erlang:garbage_collect(), erlang:memory(system) end,
-    Before = Mem(),
     Pids = [holder(T, lists:seq(1, 10000)) || _ <- lists:seq(1, 100)],
-    ?assert(Mem() - Before > 7000000),
+    Peak = Mem(),
     stop(Pids, stop),
-    %% The down callbacks run after the monitors fire; give them a moment.
-    ?assert(lists:any(fun(_) -> timer:sleep(20), Mem() - Before < 1500000 end, lists:seq(1, 50))).
+    %% Most of the 8 MB comes back (measured from the peak: what other
+    %% suites free meanwhile can only add to it). The down callbacks run
+    %% after the monitors fire; give them a moment.
+    ?assert(lists:any(fun(_) -> timer:sleep(20), Peak - Mem() > 6500000 end, lists:seq(1, 50))).
 
 %% ---- kept traps, in a child VM ------------------------------------------------------------------
 

@@ -1,8 +1,9 @@
 // Node store cases the random list model in store_model_test.cpp does not
 // reach: iterator stacks of several entries over an integer child list, a
-// leaf renamed onto a taken pair, and the user-ordered list's index
-// thresholds. Child lists, values, attributes, flags and moves are pinned
-// through the NIF by the EUnit suites (edit_tests, props_tests, nav_tests).
+// leaf renamed onto a taken pair, the user-ordered list's index ignoring
+// namespaces, and the loader's hinted insertion against the plain one.
+// Child lists, values, attributes and moves are pinned through the NIF by
+// the EUnit suites (edit_tests, props_tests, nav_tests).
 #include <gtest/gtest.h>
 
 #include <random>
