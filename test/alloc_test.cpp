@@ -1,6 +1,6 @@
-// The user-flags table. Node accounting under random sequences lives in
-// pool_test.cpp; the binary accounting drift is pinned exactly through the
-// NIF (edit_tests).
+// The user-flags table and the flag calls. Node accounting under random
+// sequences lives in pool_test.cpp; the binary accounting drift is pinned
+// exactly through the NIF (edit_tests).
 #include <gtest/gtest.h>
 
 #include "arbo_alloc.h"
@@ -33,6 +33,13 @@ TEST(Alloc, UserFlagsInlineSharedAndGrowth) {
   EXPECT_EQ(_arbo_nif_get_flags(nullptr, a), v);
   _arbo_nif_set_flags(nullptr, a, 5);  // back inline
   EXPECT_TRUE((a->tw & kUflagsIndexed) == 0 && _arbo_nif_get_flags(nullptr, a) == 5u);
+  // set_flag and clr_flag answer the new flags, across the boundary.
+  const struct { bool set; uint64_t bits, want; } steps[] = {
+      {false, 1, 4}, {true, 0x400000, 0x400004}, {false, 0x400000, 4}, {true, ~0ull, ~0ull}, {false, ~0ull, 0}};
+  for (const auto& s : steps) {
+    EXPECT_EQ((s.set ? _arbo_nif_set_flag : _arbo_nif_clr_flag)(nullptr, a, s.bits), s.want) << s.bits;
+    EXPECT_EQ(_arbo_nif_get_flags(nullptr, a), s.want);
+  }
   _arbo_nif_node_free(a, &t.ctx);
   _arbo_nif_node_free(b, &t.ctx);
 }

@@ -1,16 +1,17 @@
-%% Tree editing from Erlang: containers and namespaces (integer child lists),
-%% renames outside a list, deletion by the key forms the model does not use,
-%% exact accounting of every allocation and the generation's moves, and the
-%% refusals the store makes (argument decoding, handles and node types are
-%% swept by arbo_fuzz_tests). Random sequences of list edits through every
-%% key form, renames included, are checked in store_prop_tests (the lists
-%% themselves, every key style and the index thresholds, in
+%% Tree editing from Erlang: containers and namespaces (integer child lists,
+%% their positions and lookups by every tag form), deletion by the key forms
+%% the model does not use, exact accounting of every allocation, the library
+%% counter across tables, and the refusals the store makes (argument
+%% decoding, handles, node types and the order of the checks are swept by
+%% arbo_fuzz_tests). Random sequences of list edits
+%% through every key form, renames included, are checked in store_prop_tests
+%% (the lists themselves, every key style and the index thresholds, in
 %% store_model_test.cpp).
 -module(edit_tests).
 -include_lib("eunit/include/eunit.hrl").
 -include("arbo_codes.hrl").
 
--import(arbo_test_util, [with_table/1, reason/1, children/2, str/1, child_keys/2, lib_mem/0, expect/1]).
+-import(arbo_test_util, [with_table/1, reason/1, children/2, str/1, child_keys/2, lib_mem/0, expect/1, child_vm/2]).
 
 %% Record sizes as the allocator counts them.
 -define(ROOT_MEM, 112).
@@ -36,8 +37,17 @@ containers_and_namespaces_test() ->
         ?assertEqual({{2, 1}, [badarg || _ <- Refused]}, {arbo:get_type(T, L), [reason(fun() -> apply(arbo, F, A) end)
                                                                                  || {F, A} <- Refused]}),
         %% ordered by (namespace, unsigned tag); {-5} is stored as its pattern
-        ?assertEqual({[C, L9, Nneg, L, N12], [5, 9, 16#FFFFFFFB, [1 | 1], [1 | 2]]},
-                     {children(T, R), child_keys(T, R)}),
+        Kids = [C, L9, Nneg, L, N12],
+        ?assertEqual({Kids, [5, 9, 16#FFFFFFFB, [1 | 1], [1 | 2]], 5, N12},
+                     {children(T, R), child_keys(T, R), arbo:num_children(T, R), arbo:last_child(T, R)}),
+        [?assertEqual({N, I, Prev}, {arbo:get_child(T, R, I), arbo:child_index(T, R, N), arbo:prev_sibling(T, R, N)})
+         || {I, N, Prev} <- lists:zip3(lists:seq(1, 5), Kids, [0 | lists:droplast(Kids)])],
+        %% kept: N = 0 counts down through the unsigned wrap and finds nothing
+        ?assertEqual([0, 0, 0, 0, 0], [arbo:get_child(T, R, 0), arbo:get_child(T, R, 6), arbo:child_index(T, R, 12345),
+                                       arbo:child_index(T, R, 0), arbo:prev_sibling(T, R, 12345)]),
+        Finds = [{5, 10, C}, {{5}, 11, C}, {[1 | 2], 11, N12}, {{1, 1}, 28, L}, {[3 | 1], 10, 0}, {not_a_tag, 10, 0},
+                 {5, 99, 0}, {<<"x">>, 12, 0}],
+        [?assertEqual({Key, Code, Want}, {Key, Code, arbo:find_child(T, R, Key, Code)}) || {Key, Code, Want} <- Finds],
         %% adds, found pairs and refused adds leave the generation alone
         expect([{size, 5, arbo:get_size(T)}, {mem, ?ROOT_MEM + ?INT_MEM + 3 * ?ONE_MEM + ?DYN_MEM, arbo:get_mem(T)},
                 {generation, 0, arbo:get_generation(T)}]),
@@ -75,23 +85,6 @@ rename_ns_test() ->
         ?assertEqual({[L, Z, C, B, A], 2}, {children(T, R), arbo:get_generation(T)}),
         ?assertEqual(false, arbo:rename_ns(T, R, arbo:add_hkey(T, R, [1 | 6], ?KEY_TAG_ALT), 2)),
         ?assertEqual({[L, Z, C, B, A], 6}, {children(T, R), arbo:get_size(T)})
-    end).
-
-%% rename_instance0 reads its list first: a node that is not a list is
-%% refused whatever the code, before an unknown code answers false without
-%% the handle (so also with a closed table's). Nothing moves the generation.
-rename_outside_list_test() ->
-    with_table(fun(T) ->
-        R = arbo:get_root(T),
-        [C, G, L] = [arbo:add_hkey_internal(T, R, 1), arbo:add_hkey(T, R, 2, ?KEY_TAG_ALT), arbo:add_hkey_dyn(T, R, 3, ?ORDER_PLAIN)],
-        I = arbo:add_hkey(T, L, 1, ?KEY_INT),
-        Closed = arbo:new(),
-        ok = arbo:close(Closed),
-        Rows = [{T, N, Code} || N <- [R, C, G, I], Code <- [4, 5, 27, 7, 16#FFFFFFFF]] ++ [{Closed, G, 7}, {T, L, 7}, {Closed, L, 7}],
-        Key = fun(5) -> <<"k">>; (27) -> {1, 2}; (_) -> 9 end,
-        ?assertEqual(lists:duplicate(21, badarg) ++ [{returned, false}, {returned, false}],
-                     [reason(fun() -> arbo:rename_instance0(H, N, I, Key(Code), Code) end) || {H, N, Code} <- Rows]),
-        ?assertEqual({[I], 0}, {children(T, L), arbo:get_generation(T)})
     end).
 
 %% ---- deletion and accounting ----------------------------------------------------
@@ -136,3 +129,26 @@ accounting(Free) ->
                                       {close, ok, arbo:close(T)}]),
     _ = binary:copy(<<"x">>, 4096),
     ?assertEqual({Lib0 - 8 * 4, binary:copy(<<"k">>, 12)}, {lib_mem(), binary:copy(Key)}).
+
+%% The library counter counts nodes of every table: a table dropped without
+%% close gives them back through the destructor, also when many processes
+%% create and close tables at once.
+destructor_test() ->
+    Base = lib_mem(),
+    {Pid, Ref} = spawn_monitor(fun() -> arbo:get_size(arbo:new()) end),
+    receive {'DOWN', Ref, process, Pid, _} -> ok end,
+    ?assertEqual(ok, wait_for(fun() -> lib_mem() =:= Base end, 200)),
+    Pids = [spawn_monitor(fun() -> [ok = arbo:close(X) || X <- [arbo:new() || _ <- lists:seq(1, 20)]] end)
+            || _ <- lists:seq(1, 16)],
+    [receive {'DOWN', R, process, P, normal} -> ok end || {P, R} <- Pids],
+    ?assertEqual(Base, lib_mem()).
+
+wait_for(_Pred, 0) -> timeout;
+wait_for(Pred, N) ->
+    erlang:garbage_collect(),
+    case Pred() of true -> ok; false -> timer:sleep(10), wait_for(Pred, N - 1) end.
+
+%% A fresh library in a fresh VM reports only its flags table.
+alloc_info_fresh_library_test() ->
+    {0, Out} = child_vm("io:format(\"~w~n\", [arbo:alloc_info()]), halt().", 60),
+    ?assertEqual("[512,{8,64,64}]", hd(string:split(Out, "\n"))).

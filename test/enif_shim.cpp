@@ -27,7 +27,6 @@ namespace {
 // A resource block: the count of references, then the payload.
 struct ResourceHeader {
   std::atomic<long> refs;
-  size_t size;
   alignas(16) unsigned char payload[];
 };
 
@@ -39,7 +38,6 @@ ResourceHeader* header_of(void* obj) {
 void* g_priv = nullptr;
 std::atomic<long> g_live_resources{0};
 std::atomic<long> g_live_blocks{0};
-std::atomic<long> g_sends{0};
 
 }  // namespace
 
@@ -86,11 +84,9 @@ void* enif_alloc_resource(ErlNifResourceType*, size_t size) {
   auto* h = static_cast<ResourceHeader*>(std::malloc(sizeof(ResourceHeader) + size));
   if (h == nullptr) return nullptr;
   new (&h->refs) std::atomic<long>(1);
-  h->size = size;
   g_live_resources++;
   return h->payload;
 }
-void enif_keep_resource(void* obj) { header_of(obj)->refs++; }
 void enif_release_resource(void* obj) {
   ResourceHeader* h = header_of(obj);
   if (--h->refs == 0) {
@@ -113,20 +109,17 @@ unsigned char* enif_make_new_binary(ErlNifEnv*, size_t size, ERL_NIF_TERM* termp
   return scratch;
 }
 ERL_NIF_TERM enif_make_uint(ErlNifEnv*, unsigned i) { return i; }
-ERL_NIF_TERM enif_make_int(ErlNifEnv*, int i) { return static_cast<ERL_NIF_TERM>(i); }
 ERL_NIF_TERM enif_make_uint64(ErlNifEnv*, ErlNifUInt64 i) { return i; }
+ERL_NIF_TERM enif_make_int(ErlNifEnv*, int i) { return static_cast<ERL_NIF_TERM>(i); }
 ERL_NIF_TERM enif_make_tuple(ErlNifEnv*, unsigned, ...) { return 0; }
 ERL_NIF_TERM enif_make_list(ErlNifEnv*, unsigned, ...) { return 0; }
 ERL_NIF_TERM enif_make_atom(ErlNifEnv*, const char*) { return 0; }
 ERL_NIF_TERM enif_make_long(ErlNifEnv*, long i) { return static_cast<ERL_NIF_TERM>(i); }
 ERL_NIF_TERM enif_make_string(ErlNifEnv*, const char*, ErlNifCharEncoding) { return 0; }
-// Message environments and sends: a send is only counted.
-ErlNifEnv* enif_alloc_env() { return reinterpret_cast<ErlNifEnv*>(&g_sends); }
+// Message environments and sends: a send goes nowhere.
+ErlNifEnv* enif_alloc_env() { return reinterpret_cast<ErlNifEnv*>(&g_priv); }
 void enif_free_env(ErlNifEnv*) {}
-int enif_send(ErlNifEnv*, const ErlNifPid*, ErlNifEnv*, ERL_NIF_TERM) {
-  g_sends++;
-  return 1;
-}
+int enif_send(ErlNifEnv*, const ErlNifPid*, ErlNifEnv*, ERL_NIF_TERM) { return 1; }
 void enif_set_pid_undefined(ErlNifPid* pid) { pid->pid = 0; }
 int enif_is_pid_undefined(const ErlNifPid* pid) { return pid->pid == 0; }
 // Decoders: a placeholder integer term decodes back to its value; there are

@@ -36,6 +36,11 @@ fixed_tree(T) ->
 %% masks, own keys, malformed terms, mf 0 answering early, long chains of
 %% right operands (past the first 32 pending pairs) and a left operand
 %% nested too deep, refused rather than exhausting the scheduler's stack.
+%% A path is read as far as its resolution goes, and a malformed part met on
+%% the way answers "unsupported" (a path that is no list, an element that is
+%% neither Tag nor [Ns | Tag] of 32-bit unsigned integers, a tail other than
+%% [], also behind a list node or in the instance scan); what lies past a
+%% missing child, or past a list node for existence, is not read.
 operators_test() ->
     with_table(fun(T) ->
         {P, C} = fixed_tree(T),
@@ -50,27 +55,11 @@ operators_test() ->
              {Chain(1, lists:duplicate(199, ?YES) ++ [?NO]), 1, missing},
              {Chain(0, [?NO, ?NOPE | lists:duplicate(100, ?NO)]), 1, unsupported},
              {lists:foldl(fun(_, F) -> {2, {2, F}} end, ?YES, lists:seq(1, 400)), 1, full},
-             {lists:foldl(fun(_, F) -> {1, F, ?YES} end, ?YES, lists:seq(1, 5000)), 1, unsupported}],
+             {lists:foldl(fun(_, F) -> {1, F, ?YES} end, ?YES, lists:seq(1, 5000)), 1, unsupported}]
+            ++ [{F, 1, unsupported} || F <- [{4, not_a_list}, {4, [bad]}, {4, [1 | 2]}, {4, [[0 | x]]}, {4, [1 bsl 32]},
+                                             {4, [1, bad]}, {4, [9 | 2]}, {3, 1, [9, 1 | 2], <<"a">>}, {3, 1, [9, bad], <<"a">>}]]
+            ++ [{F, 1, missing} || F <- [{4, [99 | 2]}, {4, [99, bad]}, {4, [9, bad]}, {3, 1, [99, bad], <<"a">>}]],
         [?assertEqual({F, MF, Want}, {F, MF, case arbo:first_child_nif(T, P, F, MF) of 0 -> 0; C -> match; {C, A} -> A end}) || {F, MF, Want} <- Cases]
-    end).
-
-%% A path is read as far as its resolution goes, and a malformed part met
-%% on the way answers "unsupported": a path that is no list, an element that
-%% is neither Tag nor [Ns | Tag] of 32-bit unsigned integers, a tail other
-%% than [] (also behind a list node), an element the instance scan reads.
-%% What lies past a missing child, or past a list node for existence, is not
-%% read.
-malformed_paths_test() ->
-    with_table(fun(T) ->
-        {P, C} = fixed_tree(T),
-        Cases = [{{4, not_a_list}, unsupported}, {{4, [bad]}, unsupported}, {{4, [1 | 2]}, unsupported},
-                 {{4, [[0 | x]]}, unsupported}, {{4, [[1, 2]]}, unsupported}, {{4, [1 bsl 32]}, unsupported},
-                 {{4, [-1]}, unsupported}, {{4, [1, bad]}, unsupported}, {{4, [9 | 2]}, unsupported}, {{2, {4, [bad]}}, unsupported},
-                 {{3, 1, x, <<"10">>}, unsupported}, {{3, 1, [1 | 2], <<"10">>}, unsupported},
-                 {{3, 1, [9, 1 | 2], <<"a">>}, unsupported}, {{3, 1, [9, bad], <<"a">>}, unsupported},
-                 {{4, [99 | 2]}, missing}, {{4, [99, bad]}, missing}, {{4, [9, bad]}, missing},
-                 {{3, 1, [99, bad], <<"a">>}, missing}, {{4, [[0 | 1]]}, full}],
-        [?assertEqual({F, Want}, {F, case arbo:first_child_nif(T, P, F, 1) of {C, A} -> A; Other -> Other end}) || {F, Want} <- Cases]
     end).
 
 %% What a value or a key element is compared as: its element's text, whole
@@ -80,39 +69,30 @@ malformed_paths_test() ->
 %% code: without a text form (or empty) they are "unsupported". Elements of
 %% an encoded key by index; past its last one, no match.
 text_forms_test() ->
-    with_table(fun(T) ->
-        R = arbo:get_root(T),
-        Q = fun(N) -> binary:copy(<<"q">>, N) end,
-        Long = <<205, 300:32, (Q(300))/binary>>,
-        Value = [{17, str(Q(63)), 1, Q(63), full}, {17, str(Q(64)), 1, Q(64), full}, {17, str(Q(65)), 1, Q(65), full},
-                 {17, str(Q(65)), 1, Q(64), missing}, {17, str(Q(65)), 2, Q(64), 0}, {17, str(Q(64)), 1, Q(63), 0},
-                 {37, Long, 1, Q(300), full}, {37, Long, 1, Q(299), missing},
-                 {18, <<"abc">>, 1, <<"abc">>, unsupported}, {18, <<"abc">>, 2, <<"x">>, unsupported},
-                 {18, <<>>, 1, <<>>, unsupported}, {18, <<200, 9, "ab">>, 1, <<"ab">>, unsupported},
-                 {18, str("abc"), 1, <<"abc">>, full}, {18, str(Q(65)), 1, Q(65), full},
-                 {18, <<8, 5:32>>, 3, <<"4">>, full}, {18, <<17, 1>>, 1, <<"true">>, full}],
-        Key = [{5, str(Q(64)), 0, 1, Q(64), full}, {5, str(Q(65)), 0, 1, Q(65), full},
-               {5, <<(str("eth"))/binary, 15, 10, 0, 0, 1, (str(Q(70)))/binary>>, 1, 1, <<"10.0.0.1">>, full},
-               {5, <<(str("eth"))/binary, (str(Q(70)))/binary>>, 1, 1, Q(64), missing},
-               {5, <<(str("eth"))/binary, (str(Q(70)))/binary>>, 1, 2, Q(63), missing}, {5, str("eth"), 1, 2, <<"x">>, 0},
-               {6, <<"opaque">>, 0, 1, <<"opaque">>, unsupported}, {6, str("abc"), 0, 1, <<"abc">>, full},
-               {6, <<8, 7:32>>, 0, 6, <<"7">>, full}, {6, str("abc"), 1, 2, <<"x">>, 0}],
-        Got = fun(Parent, F) -> case arbo:first_child_nif(T, Parent, F, 1) of {_, A} -> A; Other -> Other end end,
-        [?assertEqual({value, V, Op, Pat, Want},
-                      {value, V, Op, Pat, begin
-                                              B = arbo:add_hkey_internal(T, R, N),
-                                              ok = arbo:set_val(T, arbo:add_hkey(T, B, 1, ?KEY_TAG_ALT), Kind, V),
-                                              Got(B, {3, Op, [], Pat})
-                                          end})
-         || {N, {Kind, V, Op, Pat, Want}} <- lists:enumerate(Value)],
-        [?assertEqual({key, K, Idx, Op, Pat, Want},
-                      {key, K, Idx, Op, Pat, begin
-                                                 L = arbo:add_hkey_dyn(T, R, [1 | N], ?ORDER_PLAIN),
-                                                 _ = arbo:add_hkey(T, L, K, Code),
-                                                 Got(L, {101, Op, Idx, Pat})
-                                             end})
-         || {N, {Code, K, Idx, Op, Pat, Want}} <- lists:enumerate(Key)]
-    end).
+    Q = fun(N) -> binary:copy(<<"q">>, N) end,
+    Answer = fun(T, Parent, F) -> case arbo:first_child_nif(T, Parent, F, 1) of {_, A} -> A; Other -> Other end end,
+    Value = fun(Kind, V, Op, Pat) -> with_table(fun(T) ->
+                B = arbo:add_hkey_internal(T, arbo:get_root(T), 1),
+                ok = arbo:set_val(T, arbo:add_hkey(T, B, 1, ?KEY_TAG_ALT), Kind, V),
+                Answer(T, B, {3, Op, [], Pat}) end) end,
+    Key = fun(Code, K, Idx, Op, Pat) -> with_table(fun(T) ->
+                L = arbo:add_hkey_dyn(T, arbo:get_root(T), 1, ?ORDER_PLAIN),
+                _ = arbo:add_hkey(T, L, K, Code),
+                Answer(T, L, {101, Op, Idx, Pat}) end) end,
+    Long = <<205, 300:32, (Q(300))/binary>>,
+    Eth = <<(str("eth"))/binary, (str(Q(70)))/binary>>,
+    Rows = [{full, Value, [17, str(Q(64)), 1, Q(64)]}, {full, Value, [17, str(Q(65)), 1, Q(65)]},
+            {missing, Value, [17, str(Q(65)), 1, Q(64)]}, {0, Value, [17, str(Q(65)), 2, Q(64)]},
+            {0, Value, [17, str(Q(64)), 1, Q(63)]}, {full, Value, [37, Long, 1, Q(300)]},
+            {missing, Value, [37, Long, 1, Q(299)]}, {unsupported, Value, [18, <<"abc">>, 1, <<"abc">>]},
+            {unsupported, Value, [18, <<>>, 1, <<>>]}, {unsupported, Value, [18, <<200, 9, "ab">>, 1, <<"ab">>]},
+            {full, Value, [18, str("abc"), 1, <<"abc">>]}, {full, Value, [18, <<8, 5:32>>, 3, <<"4">>]},
+            {full, Key, [5, str(Q(65)), 0, 1, Q(65)]}, {missing, Key, [5, Eth, 1, 1, Q(64)]},
+            {full, Key, [5, <<(str("eth"))/binary, 15, 10, 0, 0, 1, (str(Q(70)))/binary>>, 1, 1, <<"10.0.0.1">>]},
+            {missing, Key, [5, Eth, 1, 2, Q(63)]}, {0, Key, [5, str("eth"), 1, 2, <<"x">>]},
+            {unsupported, Key, [6, <<"opaque">>, 0, 1, <<"opaque">>]}, {full, Key, [6, str("abc"), 0, 1, <<"abc">>]},
+            {full, Key, [6, <<8, 7:32>>, 0, 6, <<"7">>]}, {0, Key, [6, str("abc"), 1, 2, <<"x">>]}],
+    [?assertEqual({Args, Want}, {Args, apply(F, Args)}) || {Want, F, Args} <- Rows].
 
 %% The instance scan over 8 instances yields with one entry on the stack.
 %% One entry does not count as a resumption: the scan starts afresh above it

@@ -1,19 +1,16 @@
 // The chained hash table and the node-store key callbacks: sizing, growth
 // across primes (fresh array and in-place fallback), failing allocations,
-// a model-checked random sequence, and the key hash against values computed
-// independently of this code.
+// and the key hash against values computed independently of this code. The
+// index as the store uses it (records, lookups, thresholds) is followed by
+// the list model in store_model_test.cpp.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <map>
-#include <random>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "arbo_alloc.h"
 #include "arbo_keys.h"
-#include "enif_shim.h"
 #include "mirel_hashtable.h"
 
 using namespace arbo;
@@ -97,40 +94,6 @@ TEST(NodeKeyHash, MatchesIndependentReferenceAndEquality) {
   for (const auto& [k, want] : hashes) EXPECT_EQ(ht_hash_from_key(&k), want) << want;
   const ht_key abc = bytes_key("abc"), three = int_key(3), one = int_key(1), wide = int_key(0x100000001ull);
   EXPECT_TRUE(ht_keys_equal(&three, &abc) && ht_keys_equal(&abc, &three) && !ht_keys_equal(&one, &wide));
-}
-
-// The index as the node store uses it: key records from the allocator,
-// released through free_key, checked against a model after every step.
-// Byte keys are short strings, integer keys 1000 and up, so the two never
-// meet as "equal" through the length rule.
-TEST(NodeKeyIndex, RandomSequenceAgainstModel) {
-  arbo_shim::TestTable t;
-  const uint64_t mem0 = t.table.mem;
-  mirel_hashtable* h = _mirel_create_hashtable_mallf(128, ht_hash_from_key, ht_keys_equal, std::malloc,
-                                                     std::free, free_key, reinterpret_cast<uint64_t>(&t.table));
-  std::vector<std::string> texts;  // outlive their entries
-  for (int i = 0; i < 250; ++i) texts.push_back(std::to_string(i * 7919 % 1000).append(1, 'k'));
-  std::map<int, uintptr_t> model;  // key id -> value
-  std::mt19937 rng(4);
-  for (int step = 1; step <= 4000; ++step) {
-    const int id = static_cast<int>(rng() % 500);
-    const ht_key probe = id % 2 ? int_key(1000 + static_cast<uint64_t>(id)) : bytes_key(texts[id / 2]);
-    const auto it = model.find(id);
-    const unsigned op = rng() % 3;
-    if (op == 0 && it == model.end()) {
-      ht_key* k = _arbo_alloc_ht_key(&t.table);
-      *k = probe;
-      ASSERT_EQ(_mirel_hashtable_insert(h, k, key_of(model[id] = static_cast<uintptr_t>(step))), 1);
-    } else if (op != 0) {
-      const void* want = it == model.end() ? nullptr : key_of(it->second);
-      EXPECT_EQ(op == 1 ? _mirel_hashtable_remove(h, &probe) : _mirel_hashtable_search(h, &probe), want);
-      if (op == 1 && it != model.end()) model.erase(it);
-    }
-    ASSERT_TRUE(_mirel_hashtable_count(h) == model.size() && _mirel_hashtable_check(h) == 1) << step;
-    ASSERT_EQ(t.table.mem, mem0 + 16 * model.size());  // one 16-byte record per entry
-  }
-  _mirel_hashtable_destroy(h, 0);
-  EXPECT_EQ(t.table.mem, mem0);  // every record went back through free_key
 }
 
 }  // namespace

@@ -111,12 +111,13 @@ death_frees_memory_test_() ->
 
 death_frees_memory(T) ->
     Mem = fun() -> erlang:garbage_collect(), erlang:memory(system) end,
-    Before = Mem(),
     Pids = [holder(T, lists:seq(1, 10000)) || _ <- lists:seq(1, 100)],
-    ?assert(Mem() - Before > 7000000),
+    Peak = Mem(),
     stop(Pids, stop),
-    %% The down callbacks run after the monitors fire; give them a moment.
-    ?assert(lists:any(fun(_) -> timer:sleep(20), Mem() - Before < 1500000 end, lists:seq(1, 50))).
+    %% Most of the 8 MB comes back (measured from the peak: what other
+    %% suites free meanwhile can only add to it). The down callbacks run
+    %% after the monitors fire; give them a moment.
+    ?assert(lists:any(fun(_) -> timer:sleep(20), Peak - Mem() > 6500000 end, lists:seq(1, 50))).
 
 %% ---- kept traps, in a child VM ------------------------------------------------------------------
 
@@ -136,22 +137,22 @@ traps_test_() ->
         %% them otherwise.
         Mark = fun(M) -> "file:write_file(\"/dev/stderr\", \"" ++ M ++ "\\n\", [append]), " end,
         Emptied = "arbo:push_iter_node(T, R), arbo:pop_iter_node(T), ",
-        Aborts = [{"arbo:push_iter_node(T, 0), ", "Assertion `node' failed"},
-                  {Emptied ++ "arbo:pop_iter_node(T), ", "Assertion `0' failed"},
-                  {Emptied ++ "arbo:get_iter_node(T), ", "Assertion `0' failed"}],
+        %% {expression, exit status (any but 0 and 137 for an abort), text seen, text not seen}
+        Aborted = fun(S) -> not lists:member(S, [0, 137]) end,
+        Traps = [{"arbo:push_iter_node(T, 0), ", Aborted, "Assertion `node' failed", "returned"},
+                 {Emptied ++ "arbo:pop_iter_node(T), ", Aborted, "Assertion `0' failed", "returned"},
+                 {Emptied ++ "arbo:get_iter_node(T), ", Aborted, "Assertion `0' failed", "returned"},
+                 %% Filter operator 6 re-reads its own tuple for ever. A bad
+                 %% stack term raises badarg and keeps the shared lock:
+                 %% readers go on, the next writer waits for ever.
+                 {?WATCHDOG ++ "arbo:add_hkey_internal(T, R, 1), " ++ Mark("walking") ++ "arbo:first_child_nif(T, R, {6}, 0), ",
+                  fun(S) -> S =:= 137 end, "walking", "returned"},
+                 {?WATCHDOG ++ "try arbo:next_sibling_nif(T, R, {4, []}, 0, {[x], [y]}) catch error:{badarg, _, _} -> ok end, "
+                  "R = arbo:get_root(T), " ++ Mark("read") ++ "arbo:add_hkey_internal(T, R, 1), ",
+                  fun(S) -> S =:= 137 end, "read", "returned"}],
         [begin
-             {Status, Out} = child_vm(New ++ Expr ++ "halt(0).", ?VM_SECS),
-             ?assertEqual({false, true}, {lists:member(Status, [0, 137]), string:find(Out, Text) =/= nomatch}, Out)
-         end || {Expr, Text} <- Aborts],
-        %% Filter operator 6 re-reads its own tuple for ever. A bad stack
-        %% term raises badarg and keeps the shared lock: readers go on, the
-        %% next writer waits for ever.
-        Stalls = [{"arbo:add_hkey_internal(T, R, 1), " ++ Mark("walking") ++ "arbo:first_child_nif(T, R, {6}, 0), ", "walking",
-                   "returned"},
-                  {"try arbo:next_sibling_nif(T, R, {4, []}, 0, {[x], [y]}) catch error:{badarg, _, _} -> ok end, "
-                   "R = arbo:get_root(T), " ++ Mark("read") ++ "arbo:add_hkey_internal(T, R, 1), ", "read", "written"}],
-        [begin
-             {Status, Out} = child_vm(?WATCHDOG ++ New ++ Expr ++ Mark(Unseen) ++ "halt(0).", ?VM_SECS),
-             ?assertEqual({137, true, false}, {Status, string:find(Out, Seen) =/= nomatch, string:find(Out, Unseen) =/= nomatch}, Out)
-         end || {Expr, Seen, Unseen} <- Stalls]
+             {Status, Out} = child_vm(New ++ Expr ++ Mark("returned") ++ "halt(0).", ?VM_SECS),
+             ?assertEqual({true, true, false}, {StatusOk(Status), string:find(Out, Seen) =/= nomatch,
+                                                string:find(Out, Unseen) =/= nomatch}, Out)
+         end || {Expr, StatusOk, Seen, Unseen} <- Traps]
     end}.

@@ -1,5 +1,6 @@
-%% Navigation: counting, stepping, lookups, moves and hidden inactive nodes.
-%% (Argument decoding, handles and node types are swept by arbo_fuzz_tests;
+%% Navigation: empty nodes, find_next_nif, moves, flag queries and hidden
+%% inactive nodes. (A container's chain: edit_tests; lists: store_prop_tests;
+%% argument decoding, handles and node types are swept by arbo_fuzz_tests;
 %% filtered walks by filter_tests.)
 -module(nav_tests).
 
@@ -20,53 +21,21 @@ empty_nodes_test() ->
         ?assertEqual([0, 0, lists:nth(3, Nodes), 0], [arbo:last_child(T, N) || N <- Nodes])
     end).
 
-%% A container's chain is in (namespace, key) order whatever the order of
-%% insertion; positions, lookups by every tag form.
-chain_test() ->
-    with_table(fun(T) ->
-        R = arbo:get_root(T),
-        Add = fun(box, _, K) -> arbo:add_hkey_internal(T, R, K); (leaf, Ns, K) -> arbo:add_hkey(T, R, [Ns | K], ?KEY_TAG_ALT);
-                 (list, Ns, K) -> arbo:add_hkey_dyn(T, R, [Ns | K], ?ORDER_PLAIN) end,
-        Made = lists:sort([{{Ns, K}, Add(Kind, Ns, K)} || {Kind, Ns, K} <- shuffle([{box, 0, 5}, {leaf, 1, 2}, {leaf, 0, 9},
-                                                                                   {box, 0, 1}, {list, 2, 1}, {leaf, 1, 1}])]),
-        Len = length(Expected = [N || {_, N} <- Made]),
-        expect([{children, Expected, children(T, R)}, {count, Len, arbo:num_children(T, R)},
-                {last, lists:last(Expected), arbo:last_child(T, R)}]),
-        [?assertEqual({N, I, Prev}, {arbo:get_child(T, R, I), arbo:child_index(T, R, N), arbo:prev_sibling(T, R, N)})
-         || {I, N, Prev} <- lists:zip3(lists:seq(1, Len), Expected, [0 | lists:droplast(Expected)])],
-        %% Kept: N = 0 counts down through the unsigned wrap and finds nothing.
-        ?assertEqual([0, 0, 0, 0, 0], [arbo:get_child(T, R, 0), arbo:get_child(T, R, Len + 1), arbo:child_index(T, R, 12345),
-                                       arbo:child_index(T, R, 0), arbo:prev_sibling(T, R, 12345)]),
-        [Box1, Leaf12, List21] = [proplists:get_value(P, Made) || P <- [{0, 1}, {1, 2}, {2, 1}]],
-        Cases = [{1, 10, Box1}, {{1}, 11, Box1}, {[1 | 2], 11, Leaf12}, {{2, 1}, 28, List21},
-                 {[3 | 1], 10, 0}, {not_a_tag, 10, 0}, {1, 99, 0}, {<<"x">>, 12, 0}],
-        [?assertEqual({Key, Code, Want}, {Key, Code, arbo:find_child(T, R, Key, Code)}) || {Key, Code, Want} <- Cases]
-    end).
-
-%% Sorted lists: skip-list positions and find_next_nif (strictly after the
-%% key, or at it with Mode 1; with a filter the walk starts there), also by
-%% encoded and opaque byte keys.
+%% Sorted lists: find_next_nif (strictly after the key, or at it with Mode
+%% 1; with a filter the walk starts there). Positions, lookups and byte keys
+%% in lists are followed by store_prop_tests.
 sorted_list_test() ->
     with_table(fun(T) ->
-        L = arbo:add_hkey_dyn(T, R = arbo:get_root(T), 1, ?ORDER_PLAIN),
+        L = arbo:add_hkey_dyn(T, arbo:get_root(T), 1, ?ORDER_PLAIN),
         Keys = [2 * I || I <- lists:seq(1, 300)],
         ByKey = maps:from_list([{K, arbo:add_hkey(T, L, K, ?KEY_INT)} || K <- shuffle(Keys)]),
         Inst = fun(K) -> maps:get(K, ByKey, 0) end,
-        expect([{children, [Inst(K) || K <- Keys], children(T, L)}, {count, 300, arbo:num_children(T, L)},
-                {last, Inst(600), arbo:last_child(T, L)}, {nth_100, Inst(200), arbo:get_child(T, L, 100)},
-                {before_200, Inst(198), arbo:prev_sibling(T, L, Inst(200))},
-                {index_of_200, 100, arbo:child_index(T, L, Inst(200))},
-                {find_absent, 0, arbo:find_child(T, L, {3}, ?FIND_TAG_ALT)},
+        expect([{find_absent, 0, arbo:find_child(T, L, {3}, ?FIND_TAG_ALT)},
                 {find_pair, Inst(40), arbo:find_child(T, L, {0, 40}, ?FIND_NS_INT)}]),
         Next = [{5, 39, 0, [], 6}, {6, 39, 0, [], 8}, {6, 39, 1, [], 6}, {600, 39, 0, [], 0}, {{0, 6}, 40, 1, [], 6}, {5, 77, 0, [], 0},
                 {6, 39, 0, {101, 1, 0, <<"10">>}, 10}],
         [?assertEqual({Key, Mode, F, Inst(Want)}, {Key, Mode, F, arbo:find_next_nif(T, L, Key, Code, Mode, F)})
-         || {Key, Code, Mode, F, Want} <- Next],
-        B = arbo:add_hkey_dyn(T, R, 2, ?ORDER_PLAIN),
-        [Bd, Bf, Opaque] = [arbo:add_hkey(T, B, K, C) || {K, C} <- [{str("d"), 5}, {str("f"), 5}, {<<"zz">>, 6}]],
-        ?assertEqual([0, Bd, 0, Opaque, Bf, Bd], [arbo:find_next_nif(T, R, 6, ?NEXT_INT, 0, []), arbo:find_child(T, B, str("d"), ?FIND_TUPLE),
-                                                  arbo:find_child(T, B, str("e"), ?FIND_TUPLE), arbo:find_child(T, B, <<"zz">>, ?FIND_OPAQUE)] ++
-                                                 [arbo:find_next_nif(T, B, str("d"), ?NEXT_TUPLE, M, []) || M <- [0, 1]])
+         || {Key, Code, Mode, F, Want} <- Next]
     end).
 
 %% Moves in user-ordered lists (their order, last child and links are

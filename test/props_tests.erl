@@ -1,13 +1,13 @@
-%% Node properties at the boundary: types, the flag calls, attribute bytes
-%% held, the inactive-count special case of attribute 0 on a list node, and
-%% the lifetime of values handed out. Values, flags and attributes in random
-%% sequences are checked against a model in store_prop_tests; argument
-%% decoding is swept by arbo_fuzz_tests.
+%% Node properties at the boundary: types, attribute bytes held, the
+%% inactive-count special case of attribute 0 on a list node, and the
+%% lifetime of values handed out. Values, flags and attributes in random
+%% sequences are checked against a model in store_prop_tests, the flag calls
+%% in alloc_test.cpp; argument decoding is swept by arbo_fuzz_tests.
 -module(props_tests).
 -include_lib("eunit/include/eunit.hrl").
 -include("arbo_codes.hrl").
 
--import(arbo_test_util, [with_table/1, children/2, hide/1, flags_free/0, expect/1]).
+-import(arbo_test_util, [with_table/1, children/2, hide/1, expect/1]).
 
 
 %% get_type of every node kind; instances of a sorted list come in three
@@ -22,22 +22,6 @@ get_type_test() ->
         ?assertEqual([W || {_, W} <- Rows], [arbo:get_type(T, N) || {N, _} <- Rows]),
         ?assertEqual({[ok, ok], [undefined, undefined], arbo:get_mem(T)},
                      {[arbo:set_val(T, X, ?VAL_BINARY, <<"v">>) || X <- [C, U]], [arbo:get_val_raw(T, X) || X <- [C, U]], arbo:get_mem(T)})
-    end).
-
-%% set_flag / clr_flag across the inline/shared-table boundary (its slots
-%% and growth are pinned in alloc_test.cpp); no generation moves. A wide
-%% value is shared by tables.
-flags_test() ->
-    with_table(fun(T) ->
-        N = arbo:add_hkey(T, arbo:get_root(T), {-3}, ?KEY_TAG_ALT),
-        Steps = [{set_flags, 5, 5}, {clr_flag, 1, 4}, {set_flag, 16#400000, 16#400004}, {clr_flag, 16#400000, 4},
-                 {set_flag, 16#ffffffffffffffff, 16#ffffffffffffffff}, {clr_flag, 16#ffffffffffffffff, 0}],
-        [?assertEqual({Op, Arg, Want, Want}, {Op, Arg, arbo:Op(T, N, Arg), arbo:get_flags(T, N)}) || {Op, Arg, Want} <- Steps],
-        V = arbo:set_flags(T, N, 16#400000 bor (erlang:unique_integer([positive]) bsl 23)),
-        Free = flags_free(),
-        with_table(fun(T2) -> V = arbo:set_flags(T2, arbo:add_hkey(T2, arbo:get_root(T2), 1, ?KEY_TAG_ALT), V) end),
-        expect([{flags_table_free, Free, flags_free()}, {flags, V, arbo:get_flags(T, N)},
-                {generation, 0, arbo:get_generation(T)}])
     end).
 
 %% Replacing an attribute keeps its node (the bytes held are pinned by

@@ -196,8 +196,16 @@ check(Idx, M = #m{t = T}) ->
     Size = lists:sum([1 + length(L#l.items) + lists:sum([length(It#it.attrs) || It <- L#l.items]) || L <- maps:values(M#m.lists)]),
     expect(size_gen, {Size, M#m.gen}, {arbo:get_size(T), arbo:get_generation(T)}),
     L = get_list(Idx, M),
-    expect({order, Idx}, {[It#it.ref || It <- L#l.items], length(L#l.items)},
-           {children(T, L#l.ref), arbo:num_children(T, L#l.ref)}),
+    Refs = [It#it.ref || It <- L#l.items],
+    %% (an empty sorted list's last child is its header view: the list itself)
+    Last = case {Refs, L#l.mode} of {[], 3} -> 0; {[], _} -> L#l.ref; _ -> lists:last(Refs) end,
+    expect({order, Idx}, {Refs, length(Refs), Last},
+           {children(T, L#l.ref), arbo:num_children(T, L#l.ref), arbo:last_child(T, L#l.ref)}),
+    %% the positions of the instance in the middle, walked to by the library
+    Pos = (length(Refs) + 1) div 2,
+    Pos =:= 0 orelse expect({position, Idx}, {lists:nth(Pos, Refs), Pos, lists:nth(Pos, [0 | Refs])},
+                            {arbo:get_child(T, L#l.ref, Pos), arbo:child_index(T, L#l.ref, lists:nth(Pos, Refs)),
+                             arbo:prev_sibling(T, L#l.ref, lists:nth(Pos, Refs))}),
     lists:foreach(fun(It = #it{ref = Ref}) ->
         {_, FC, FK} = key_form(It#it.key),
         %% attribute values of up to 10 bytes read back in their string form
