@@ -153,26 +153,21 @@ check(Db, Logs) ->
 %% the store then answers the same tree, and reopened here it holds exactly
 %% the acknowledged commits.
 full_disk_run() ->
-    [Prlimit, Erl] = Exes = [os:find_executable(X) || X <- ["prlimit", "erl"]],
-    case lists:member(false, Exes) of
-        true -> io:format(user, "full disk skipped: no prlimit or erl~n", []), {skipped, 0};
-        false ->
-            Dir = scratch("full"),
-            %% writes past the limit fail with EFBIG instead of a signal
-            Exec = {"/bin/sh", ["-c", "trap '' XFSZ; exec \"$@\"", "sh", Prlimit,
-                                "--fsize=262144", Erl]},
-            Peer = child(#{exec => Exec}),
-            {{Answer, Fails}, Keys, Seq, Again} = peer:call(Peer, ?MODULE, full_disk, [Dir], 60000),
-            catch peer:stop(Peer),
-            ?assertEqual({{error, efbig}, {error, efbig}}, {Answer, Again}),
-            {ok, Db} = arbo_db:open(db_full, #{dir => Dir}),
-            T = arbo_db:tree(Db),
-            ?assertEqual({Seq, Keys, Fails - 1}, {maps:get(seq, arbo_db:info(Db)), keys(T), length(Keys)}),
-            {ok, _} = arbo_db:commit(Db, [{instance, [1], Fails}]),
-            ok = arbo_db:close(Db),
-            os:cmd("rm -rf '" ++ Dir ++ "'"),
-            {Answer, Seq}
-    end.
+    Dir = scratch("full"),
+    %% writes past the limit fail with EFBIG instead of a signal
+    Exec = {"/bin/sh", ["-c", "trap '' XFSZ; exec \"$@\"", "sh", os:find_executable("prlimit"),
+                        "--fsize=262144", os:find_executable("erl")]},
+    Peer = child(#{exec => Exec}),
+    {{Answer, Fails}, Keys, Seq, Again} = peer:call(Peer, ?MODULE, full_disk, [Dir], 60000),
+    catch peer:stop(Peer),
+    ?assertEqual({{error, efbig}, {error, efbig}}, {Answer, Again}),
+    {ok, Db} = arbo_db:open(db_full, #{dir => Dir}),
+    ?assertEqual({Seq, Keys, Fails - 1},
+                 {maps:get(seq, arbo_db:info(Db)), keys(arbo_db:tree(Db)), length(Keys)}),
+    {ok, _} = arbo_db:commit(Db, [{instance, [1], Fails}]),
+    ok = arbo_db:close(Db),
+    os:cmd("rm -rf '" ++ Dir ++ "'"),
+    {Answer, Seq}.
 
 %% In the child: commit until refused; the tree then, its seq, and a
 %% second try.
