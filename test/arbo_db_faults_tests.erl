@@ -108,20 +108,14 @@ round(Dir, Logs, R, Workers) ->
     ?assertEqual({R, Acked, 0}, {R, Present, Half}),
     {Acked, Present, Half, Snap}.
 
-%% In the child: the committers, started and left running.
+%% In the child: the store and its committers, started and left running.
 committers(Dir, Workers, Log, R) ->
-    Self = self(),
-    spawn(fun() ->
-              %% {interval, _} acknowledges once the frame is written: a VM
-              %% killed before the sync loses nothing either
-              Sync = case R rem 2 of 1 -> always; 0 -> {interval, 1000} end,
-              {ok, Db} = arbo_db:open(db_faults, #{dir => Dir, compact_bytes => 64 * 1024,
-                                                   sync => Sync}),
-              [spawn(fun() -> worker(Db, Log, R, W) end) || W <- lists:seq(1, Workers)],
-              Self ! started,
-              receive after infinity -> ok end
-          end),
-    receive started -> ok end.
+    %% {interval, _} acknowledges once the frame is written: a VM killed
+    %% before the sync loses nothing either
+    Sync = case R rem 2 of 1 -> always; 0 -> {interval, 1000} end,
+    {ok, Db} = arbo_db:open(db_faults, #{dir => Dir, compact_bytes => 64 * 1024, sync => Sync}),
+    [spawn(fun() -> worker(Db, Log, R, W) end) || W <- lists:seq(1, Workers)],
+    ok.
 
 %% Keys (R * 16 + W) * 2^20 + I: distinct over rounds and workers.
 worker(Db, Log, R, W) ->
