@@ -9,7 +9,8 @@
 %% A target is written "<side> <op> <number>" with side one of arbo/peer,
 %% peer/arbo, arbo or peer and op one of <=, <, >=, >, e.g. "arbo/peer <= 0.8"
 %% or "arbo <= 64"; "-" (or no target) means none. A group that crashes is
-%% reported and skipped; the others still run.
+%% reported, the others still run and their rows are printed, and then the
+%% run fails (exit status 1).
 %%
 %% ARBO_BENCH_QUICK=1 asks every group for a short smoke run.
 -module(arbo_bench).
@@ -25,9 +26,13 @@ main() ->
     io:format("arbo benchmarks (~s run, OTP ~s, ~p schedulers)~n~n",
               [case quick() of true -> "quick"; false -> "full" end,
                erlang:system_info(otp_release), erlang:system_info(schedulers_online)]),
-    Rows = lists:append([run_group(M) || M <- groups(), loadable(M)]),
-    print(Rows),
-    ok.
+    Results = [{M, run_group(M)} || M <- groups(), loadable(M)],
+    print(lists:append([Rows || {_, Rows} <- Results, is_list(Rows)])),
+    %% the other groups' rows are printed; a failed group fails the run
+    case [M || {M, failed} <- Results] of
+        [] -> ok;
+        Failed -> io:format("~nfailed groups: ~p~n", [Failed]), halt(1)
+    end.
 
 loadable(M) ->
     case code:ensure_loaded(M) of
@@ -44,7 +49,7 @@ run_group(M) ->
             Rows
     catch C:E:St ->
         io:format("group ~p failed: ~p:~p~n  ~p~n", [M, C, E, St]),
-        []
+        failed
     end.
 
 %% ---- measuring helpers for the groups ------------------------------------------

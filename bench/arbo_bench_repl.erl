@@ -1,8 +1,8 @@
 %% Replication rows of the benchmark harness: three nodes on this machine
 %% (peers of the benchmark VM), a store led on the first and followed on the
 %% other two, against a mnesia table with disc_copies on the same three
-%% nodes written with mnesia:sync_transaction, each arbo run back to back with a
-%% mnesia run of its own. Every commit runs on the
+%% nodes written with mnesia:sync_transaction, arbo and mnesia runs in
+%% alternating turns (3 each; the medians). Every commit runs on the
 %% first node (the committers live there), one record each: on arbo a
 %% batch that makes a list instance with a leaf and sets its value, on
 %% mnesia a write of {Key, Value}.
@@ -40,12 +40,11 @@ rows() ->
         Ns = [N || {_, N} <- Nodes],
         Disk = disk_rows(Root, Ns),
         mnesia_start(Ns),
-        %% Each arbo run and a mnesia run back to back: both sides see the
-        %% machine as it is at that moment.
-        Arbo = [{{Ack, Sync}, arbo_runs(Root, Ns, Ack, Sync, Seq, Par),
-                 erpc:call(hd(Ns), ?MODULE, commits, [mnesia, Seq, Par, 100000000 * I], infinity)}
-                || {I, {Sync, Ack}} <- lists:enumerate([{S, A} || S <- [always, {interval, 1000}],
-                                                                  A <- [one, majority]])],
+        %% arbo and mnesia in alternating turns (3 each, medians): both
+        %% sides see the machine as it is at that moment.
+        put(arbo_bench_repl_base, 0),
+        Arbo = [arbo_runs(Root, Ns, Ack, Sync, Seq, Par)
+                || Sync <- [always, {interval, 1000}], Ack <- [one, majority]],
         [erpc:call(N, mnesia, stop, []) || N <- Ns],
         CatchUp = catch_up(Root, Ns, Behind),
         Disk ++ commit_rows(Arbo) ++ CatchUp
@@ -118,9 +117,18 @@ arbo_runs(Root, [N1 | Fs] = Ns, Ack, Sync, Seq, Par) ->
     {ok, _} = erpc:call(N1, arbo_db, commit, [?DB, [{container, [1]}, {list, [1, 2], sorted}]]),
     %% Both followers have joined before the clock starts.
     wait_joined(N1, Fs),
-    R = erpc:call(N1, ?MODULE, commits, [arbo, Seq, Par, 0], infinity),
+    Run = fun(Side) ->
+              fun() ->
+                  %% keys of their own for every run, within an instance key's 31 bits
+                  Base = (put(arbo_bench_repl_base, get(arbo_bench_repl_base) + 1) + 1) * 50000000,
+                  erpc:call(N1, ?MODULE, commits, [Side, Seq, Par, Base], infinity)
+              end
+          end,
+    [A, M] = arbo_bench:turns(3, [Run(arbo), Run(mnesia)]),
     [ok = erpc:call(N, arbo_db, close, [?DB]) || N <- Ns],
-    R.
+    {{Ack, Sync}, medians(A), medians(M)}.
+
+medians([R | _] = Rs) -> maps:map(fun(K, _) -> arbo_bench:median([maps:get(K, X) || X <- Rs]) end, R).
 
 wait_joined(N1, Fs) ->
     {ok, S} = erpc:call(N1, arbo_db, commit, [?DB, []]),

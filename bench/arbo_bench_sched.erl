@@ -12,7 +12,8 @@
 %% scheduler while it ran, as the VM's long_schedule monitor reports it
 %% (threshold 1 ms: 0 means no process or port ran 1 ms or more without a
 %% break); and the longest lateness of one high-priority ticker per
-%% scheduler that sleeps 1 ms at a time. The ticker also sees what the
+%% scheduler that sleeps 1 ms at a time (of these two, the least of the
+%% three runs'). The ticker also sees what the
 %% monitor cannot: the OS taking the scheduler's thread away, for a dirty
 %% scheduler's thread or another program on a shared machine; its floor is
 %% the timer's own granularity, about 1 ms, on both sides.

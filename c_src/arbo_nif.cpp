@@ -200,6 +200,14 @@ bool get_int_pair(ErlNifEnv* env, ERL_NIF_TERM term, int* a, int* b) {
          enif_get_int(env, el[1], b);
 }
 
+bool get_ns_int(ErlNifEnv* env, ERL_NIF_TERM term, uint32_t* ns, uint32_t* tag) {
+  int a = 0, b = 0;
+  const bool ok = get_int_pair(env, term, &a, &b);
+  *ns = static_cast<uint32_t>(a);
+  *tag = static_cast<uint32_t>(b);
+  return ok;
+}
+
 bool get_nul_path(ErlNifEnv* env, ERL_NIF_TERM term, const char** path) {
   ErlNifBinary bin;
   if (!enif_inspect_binary(env, term, &bin) || bin.size == 0) return false;
@@ -390,7 +398,7 @@ static void unload(ErlNifEnv* env, void* priv) {
 }  // namespace arbo
 
 // ---- the table of exported functions ------------------------------------------------
-// Registered in exactly this order; the Erlang stubs in erl/arbo.erl follow it.
+// Registered in exactly this order; the Erlang stubs in src/arbo.erl follow it.
 static ErlNifFunc nif_funcs[] = {
     // handle and allocation
     {"new_arbo", 0, arbo::new_arbo, 0},

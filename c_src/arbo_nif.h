@@ -123,6 +123,10 @@ bool get_node(ErlNifEnv* env, ERL_NIF_TERM term, arbo_node** node);
 bool get_htag(ErlNifEnv* env, ERL_NIF_TERM term, uint32_t* ns, uint32_t* tag);
 // {A, B} of integers (enif_get_int each).
 bool get_int_pair(ErlNifEnv* env, ERL_NIF_TERM term, int* a, int* b);
+// {Ns, N}, a namespaced integer key: the pair's integers as the namespace and
+// tag, each kept as its 32 bits. On a failed decode they hold what was read
+// (0 for the rest): lenient callers look that key up.
+bool get_ns_int(ErlNifEnv* env, ERL_NIF_TERM term, uint32_t* ns, uint32_t* tag);
 // A binary holding a NUL-terminated path: a NUL, and only NULs after the
 // first one except (kept leniency) the very last byte. Points into the
 // binary; the path ends at the first NUL.

@@ -1,4 +1,5 @@
-// Allocator, memory accounting and the user-flags table.
+// Allocator, memory accounting and the user-flags table; alloc_info/0, which
+// reads them.
 #include "arbo_alloc.h"
 
 #include <cstdlib>

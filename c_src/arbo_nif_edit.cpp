@@ -109,15 +109,11 @@ ARBO_NIF_FN(add_hkey) {
       if (n == nullptr) return ARBO_BADARG(env);
       return make_node(env, n);
     }
-    case KEY_NS_INT: {
-      int a = 0, b = 0;
-      if (!get_int_pair(env, argv[2], &a, &b)) return ARBO_BADARG(env);
-      ns = static_cast<uint32_t>(a);
-      tag = static_cast<uint32_t>(b);
+    case KEY_NS_INT:
+      if (!get_ns_int(env, argv[2], &ns, &tag)) return ARBO_BADARG(env);
       add_kind = ADD_INSTANCE;
       key_flag = F_KEY_IS_BTUPLE;
       break;
-    }
     default:
       return ARBO_BADARG(env);
   }
@@ -160,13 +156,9 @@ ARBO_NIF_FN(del_hkey) {
       g.table()->generation++;
       return am_true;
     }
-    case DEL_NS_INT: {
-      int a = 0, b = 0;
-      if (!get_int_pair(env, argv[2], &a, &b)) return ARBO_BADARG(env);
-      ns = static_cast<uint32_t>(a);
-      tag = static_cast<uint32_t>(b);
+    case DEL_NS_INT:
+      if (!get_ns_int(env, argv[2], &ns, &tag)) return ARBO_BADARG(env);
       break;
-    }
     default:
       return ARBO_BADARG(env);
   }
@@ -273,14 +265,10 @@ ARBO_NIF_FN(rename_instance) {
       if (!enif_inspect_binary(env, argv[3], &bin)) return ARBO_BADARG(env);
       key_kind = code == KEY_TUPLE ? STORE_KEY_TUPLE : STORE_KEY_OPAQUE;
       break;
-    case KEY_NS_INT: {
-      int a = 0, b = 0;
-      if (!get_int_pair(env, argv[3], &a, &b)) return ARBO_BADARG(env);
-      ns = static_cast<uint32_t>(a);
-      tag = static_cast<uint32_t>(b);
+    case KEY_NS_INT:
+      if (!get_ns_int(env, argv[3], &ns, &tag)) return ARBO_BADARG(env);
       key_kind = STORE_KEY_NS_INT;
       break;
-    }
     case KEY_INT:
       if (!get_htag(env, argv[3], &ns, &tag)) return ARBO_BADARG(env);
       key_kind = STORE_KEY_TAG;

@@ -1,11 +1,10 @@
 // The loader: replays a save file into a tree, record by record.
 //
-// Reads go through one 1 MiB buffer (requests above it bypass it). Every
-// length read from the file is checked against the bytes the file still
-// holds before anything is allocated for it. The path from the root to the
-// current node is a stack; beside each entry sits an append hint, so a saved
-// sorted list (its instances arrive in ascending order) is rebuilt in O(1)
-// per instance.
+// The records' bytes come through the record reader
+// (arbo_nif_io_load_read.cpp, state and reader in arbo_nif_io_load.h). The
+// path from the root to the current node is a stack; beside each entry sits
+// an append hint, so a saved sorted list (its instances arrive in ascending
+// order) is rebuilt in O(1) per instance.
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -14,16 +13,12 @@
 #include "arbo_atoms.h"
 #include "arbo_bytes.h"
 #include "arbo_io.h"
+#include "arbo_nif_io_load.h"
 #include "arbo_store.h"
 
 namespace arbo {
 
-// ---- decoded keys and values ---------------------------------------------------------
-
-void _arbo_nif_val_destroy(decoded_val* val) {
-  val->buf.release();
-  val->len = 0;
-}
+// ---- finding a decoded key ------------------------------------------------------------
 
 arbo_node* _arbo_nif_io_find_child(arbo_node* node, const decoded_key* key) {
   switch (key->kind) {
@@ -38,15 +33,6 @@ arbo_node* _arbo_nif_io_find_child(arbo_node* node, const decoded_key* key) {
                                       key->len);
     default: return nullptr;
   }
-}
-
-bool _load_progress_due(load_progress* p, time_t now) {
-  if (now - p->last < static_cast<time_t>(p->interval)) return false;
-  p->last = now;
-  p->count++;
-  if (p->count >= 5) p->interval = 300;
-  else p->interval = 60;
-  return true;
 }
 
 // ---- hinted instance creation (store entry points) ---------------------------------
@@ -83,265 +69,12 @@ arbo_node* _arbo_nif_add_hkey_bin_hinted(arbo_node* parent, const unsigned char*
 
 namespace {
 
-// ---- loader state ----------------------------------------------------------------------
-
 struct free_deleter {
   void operator()(void* p) const { enif_free(p); }
 };
 struct file_closer {
   void operator()(FILE* f) const { std::fclose(f); }
 };
-
-struct load_state {
-  ErlNifEnv* env;
-  arbo_t* table;
-  store_ctx ctx;
-  int32_t capture;
-  FILE* f;
-  const char* path;
-  int64_t file_size;  // -1 when it cannot be measured
-  uint64_t consumed = 0;
-  int32_t result = LOAD_OK;
-  load_stop stop = load_stop::kEnd;  // why the load ended
-  int32_t in_trans = 0;
-  // path stack; hints[i] serves the list at stack[i]
-  arbo_node* cur = nullptr;
-  uint32_t depth = 0;
-  uint32_t cap = 0;
-  arbo_node** stack = nullptr;
-  sl_append_hint* hints = nullptr;
-  int64_t checkpoint;
-  load_result* res;
-  unsigned char* buf;
-  uint32_t pos = 0;
-  uint64_t valid = 0;
-  load_progress* prog = nullptr;
-
-  // Bytes the file holds beyond what was consumed: the most any record may
-  // still ask for.
-  uint64_t remaining() const {
-    if (file_size < 0) return UINT64_MAX;
-    const uint64_t size = static_cast<uint64_t>(file_size);
-    return size > consumed ? size - consumed : 0;
-  }
-  bool at_root() const { return depth < 2; }
-  sl_append_hint* hint() { return &hints[depth - 1]; }
-};
-
-void _load_send_progress(load_state* st) {
-  load_progress* p = st->prog;
-  if (p == nullptr) return;
-  const time_t now = std::time(nullptr);
-  if (!_load_progress_due(p, now)) return;
-  ErlNifEnv* menv = enif_alloc_env();
-  const int64_t elapsed = static_cast<int32_t>(now - p->start);
-  ERL_NIF_TERM stamp =
-      enif_make_tuple3(menv, enif_make_int64(menv, static_cast<int64_t>(now) / 1000000),
-                       enif_make_int64(menv, static_cast<int64_t>(now) % 1000000),
-                       enif_make_int(menv, 0));
-  ERL_NIF_TERM body = enif_make_tuple7(
-      menv, enif_make_uint(menv, p->count),
-      enif_make_uint(menv, static_cast<uint32_t>(st->consumed)),
-      enif_make_string(menv, st->path, ERL_NIF_LATIN1), enif_make_int64(menv, st->file_size),
-      enif_make_uint(menv, static_cast<uint32_t>(st->res->trans_count)),
-      enif_make_int64(menv, elapsed * 1000), stamp);
-  enif_send(st->env, &p->pid, menv, enif_make_tuple2(menv, am_msg, body));
-  enif_free_env(menv);
-}
-
-// ---- reading -------------------------------------------------------------------------
-
-int _load_read(load_state* st, void* dst, size_t n) {
-  if (n == 0) return 1;
-  unsigned char* out = static_cast<unsigned char*>(dst);
-  const uint64_t rest = st->valid - st->pos;
-  if (rest >= n) {
-    std::memcpy(out, st->buf + st->pos, n);
-    st->pos += static_cast<uint32_t>(n);
-    st->consumed += n;
-    return 1;
-  }
-  if (n <= kLoadBufferSize) {
-    std::memmove(st->buf, st->buf + st->pos, rest);
-    const size_t got = std::fread(st->buf + rest, 1, kLoadBufferSize - rest, st->f);
-    _load_send_progress(st);
-    st->pos = 0;
-    st->valid = rest + got;
-    if (st->valid >= n) {
-      std::memcpy(out, st->buf, n);
-      st->pos = static_cast<uint32_t>(n);
-      st->consumed += n;
-      return 1;
-    }
-  } else {
-    std::memcpy(out, st->buf + st->pos, rest);
-    const size_t ok = std::fread(out + rest, n - rest, 1, st->f);
-    _load_send_progress(st);
-    st->pos = 0;
-    st->valid = 0;
-    if (ok == 1) {
-      st->consumed += n;
-      return 1;
-    }
-  }
-  st->result = LOAD_IO;
-  return 0;
-}
-
-// Fixed-size fields: straight from the buffer when it holds them.
-inline int read_small(load_state* st, void* dst, size_t n) {
-  if (st->valid - st->pos < n) return _load_read(st, dst, n);
-  std::memcpy(dst, st->buf + st->pos, n);
-  st->pos += static_cast<uint32_t>(n);
-  st->consumed += n;
-  return 1;
-}
-
-int read_u8(load_state* st, uint8_t* v) { return read_small(st, v, 1); }
-
-int read_u16(load_state* st, uint16_t* v) {
-  unsigned char b[2];
-  if (!read_small(st, b, 2)) return 0;
-  *v = static_cast<uint16_t>(be16(b));
-  return 1;
-}
-
-int read_u32(load_state* st, uint32_t* v) {
-  unsigned char b[4];
-  if (!read_small(st, b, 4)) return 0;
-  *v = be32(b);
-  return 1;
-}
-
-int read_u64(load_state* st, uint64_t* v) {
-  uint64_t be = 0;
-  if (!_load_read(st, &be, 8)) return 0;
-  *v = _arbo_nif_io_be64toh(be);
-  return 1;
-}
-
-// A record asks for `len` more bytes: refused ("io") when the file cannot
-// hold that many, before anything is allocated for them.
-int refuse_io(load_state* st) {
-  st->result = LOAD_IO;
-  return 0;
-}
-
-int fits(load_state* st, uint64_t len) { return len <= st->remaining() ? 1 : refuse_io(st); }
-// (A stream whose size cannot be told has no such bound: a refused
-// allocation for it answers "io" as well.)
-
-// How a csval of `type` is framed: a fixed payload of *fixed bytes (*width
-// 0), or a big-endian length prefix of *width bytes. False when the width
-// is none of 1, 2 and 4 (a type the value-length table does not know).
-bool csval_framing(uint8_t type, int* fixed, int* width) {
-  int is_variable = 0, is_nested = 0;
-  const int n = _arbo_nif_val_len(type, &is_variable, &is_nested);
-  *fixed = is_variable ? 0 : n;
-  *width = is_variable ? n : 0;
-  return !is_variable || n == 1 || n == 2 || n == 4;
-}
-
-// One csval: the type byte, then a fixed payload or a big-endian length
-// prefix of 1, 2 or 4 bytes and that many bytes. Type 0 is no value.
-int _load_csval(load_state* st, decoded_val* out) {
-  _arbo_nif_val_destroy(out);
-  uint8_t type = 0;
-  if (!read_u8(st, &type)) return 0;
-  if (type == TYPE_EMPTY) return 1;
-  int fixed = 0, width = 0;
-  if (!csval_framing(type, &fixed, &width)) {
-    st->result = LOAD_INVALID_DATA;
-    return 0;
-  }
-  if (width == 0) {
-    if (!fits(st, static_cast<uint64_t>(fixed))) return 0;
-    unsigned char* v = out->buf.reserve(1 + static_cast<size_t>(fixed));
-    ARBO_ASSERT(v != nullptr);
-    v[0] = type;
-    if (!_load_read(st, v + 1, static_cast<size_t>(fixed))) return 0;
-    out->len = 1 + static_cast<size_t>(fixed);
-    return 1;
-  }
-  unsigned char prefix[4];
-  if (!_load_read(st, prefix, static_cast<size_t>(width))) return 0;
-  const uint64_t len = be_n(prefix, width);
-  if (!fits(st, len)) return 0;
-  const size_t head = 1 + static_cast<size_t>(width);
-  unsigned char* v = out->buf.reserve(head + static_cast<size_t>(len));
-  if (v == nullptr) return refuse_io(st);
-  v[0] = type;
-  std::memcpy(v + 1, prefix, static_cast<size_t>(width));
-  if (!_load_read(st, v + head, static_cast<size_t>(len))) return 0;
-  out->len = head + static_cast<size_t>(len);
-  return 1;
-}
-
-// ---- the six key readers, key forms 0..5 ------------------------------------------
-
-int _load_node_path_htag(load_state* st, decoded_key* k) {
-  k->kind = KF_HTAG;
-  return read_u32(st, &k->tag);
-}
-
-int _load_node_path_ns_htag(load_state* st, decoded_key* k) {
-  k->kind = KF_NS_HTAG;
-  return read_u32(st, &k->ns) && read_u32(st, &k->tag);
-}
-
-int _load_node_path_hkey_int(load_state* st, decoded_key* k) {
-  k->kind = KF_HKEY_INT;
-  return read_u32(st, &k->tag);
-}
-
-// Type byte TYPE_UINT32 marks a generic key: the five bytes as they stand.
-int _load_node_path_hkey_int_btuple(load_state* st, decoded_key* k) {
-  unsigned char b[5];
-  if (!_load_read(st, b, 5)) return 0;
-  if (b[0] == TYPE_UINT32) {
-    k->kind = KF_HKEY_GEN;
-    std::memcpy(k->buf.reserve(5), b, 5);
-    k->len = 5;
-    return 1;
-  }
-  k->kind = KF_HKEY_INT_BTUPLE;
-  k->ns = b[0];
-  k->tag = be32(b + 1);
-  return 1;
-}
-
-int read_key_bytes(load_state* st, decoded_key* k) {
-  uint32_t len = 0;
-  if (!read_u32(st, &len) || !fits(st, len)) return 0;
-  unsigned char* b = k->buf.reserve(len);
-  if (b == nullptr) return refuse_io(st);
-  k->len = len;
-  return _load_read(st, b, len);
-}
-
-int _load_node_path_hkey_bin(load_state* st, decoded_key* k) {
-  k->kind = KF_HKEY_BIN;
-  return read_key_bytes(st, k);
-}
-
-int _load_node_path_hkey_gen(load_state* st, decoded_key* k) {
-  k->kind = KF_HKEY_GEN;
-  return read_key_bytes(st, k);
-}
-
-using key_reader = int (*)(load_state*, decoded_key*);
-constexpr key_reader kKeyReaders[kKeyFormCount] = {
-    _load_node_path_htag,     _load_node_path_ns_htag,         _load_node_path_hkey_int,
-    _load_node_path_hkey_int_btuple, _load_node_path_hkey_bin, _load_node_path_hkey_gen,
-};
-
-int _load_key(load_state* st, uint8_t form, decoded_key* k) {
-  if (form >= kKeyFormCount) {
-    st->result = LOAD_INVALID_KEY_TYPE;
-    return 0;
-  }
-  return kKeyReaders[form](st, k);
-}
 
 // ---- path stack ------------------------------------------------------------------------
 
@@ -747,16 +480,6 @@ int _load_op_rename_ns(load_state* st, uint8_t form) {
 int _load_op_rename_instance(load_state* st, uint8_t) {
   st->result = LOAD_DEPRECATED_OP;
   return 0;
-}
-
-// A key form byte read from the payload (not from the opcode).
-int read_key_form(load_state* st, uint8_t* form) {
-  if (!read_u8(st, form)) return 0;
-  if (*form >= kKeyFormCount) {
-    st->result = LOAD_INVALID_KEY_TYPE;
-    return 0;
-  }
-  return 1;
 }
 
 // Edits of a list's instances: current must be a list node.

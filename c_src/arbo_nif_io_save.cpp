@@ -4,7 +4,6 @@
 // bytes in one fwrite, the payload (key, value or attribute bytes) from where
 // it lies in a second one. The first incomplete write ends the walk.
 #include <cstdio>
-#include <cstring>
 
 #include "arbo_alloc.h"
 #include "arbo_io.h"
@@ -34,11 +33,6 @@ struct rec_header {
   void u32(uint32_t v) {
     u16(static_cast<uint16_t>(v >> 16));
     u16(static_cast<uint16_t>(v));
-  }
-  void u64(uint64_t v) {
-    const uint64_t be = _arbo_nif_io_htobe64(v);
-    std::memcpy(b + n, &be, 8);
-    n += 8;
   }
 };
 
@@ -158,35 +152,20 @@ constexpr value_writer kValueWriters[] = {
 
 // ---- flags writers, codes 0..4 ------------------------------------------------------
 
+// One set_flags record: the opcode, then the low `bytes` bytes of the flags,
+// big-endian.
+int write_flags(save_ctx* c, uint8_t op, int bytes, uint64_t f) {
+  rec_header h;
+  h.u8(op);
+  for (int i = bytes - 1; i >= 0; --i) h.u8(static_cast<uint8_t>(f >> (8 * i)));
+  return write_rec(c, h, nullptr, 0);
+}
+
 int _save_node_flags_0(save_ctx*, uint64_t) { return 1; }
-
-int _save_node_flags_8(save_ctx* c, uint64_t f) {
-  rec_header h;
-  h.u8(OP_SET_FLAGS8);
-  h.u8(static_cast<uint8_t>(f));
-  return write_rec(c, h, nullptr, 0);
-}
-
-int _save_node_flags_16(save_ctx* c, uint64_t f) {
-  rec_header h;
-  h.u8(OP_SET_FLAGS16);
-  h.u16(static_cast<uint16_t>(f));
-  return write_rec(c, h, nullptr, 0);
-}
-
-int _save_node_flags_32(save_ctx* c, uint64_t f) {
-  rec_header h;
-  h.u8(OP_SET_FLAGS32);
-  h.u32(static_cast<uint32_t>(f));
-  return write_rec(c, h, nullptr, 0);
-}
-
-int _save_node_flags_64(save_ctx* c, uint64_t f) {
-  rec_header h;
-  h.u8(OP_SET_FLAGS64);
-  h.u64(f);
-  return write_rec(c, h, nullptr, 0);
-}
+int _save_node_flags_8(save_ctx* c, uint64_t f) { return write_flags(c, OP_SET_FLAGS8, 1, f); }
+int _save_node_flags_16(save_ctx* c, uint64_t f) { return write_flags(c, OP_SET_FLAGS16, 2, f); }
+int _save_node_flags_32(save_ctx* c, uint64_t f) { return write_flags(c, OP_SET_FLAGS32, 4, f); }
+int _save_node_flags_64(save_ctx* c, uint64_t f) { return write_flags(c, OP_SET_FLAGS64, 8, f); }
 
 using flags_writer = int (*)(save_ctx*, uint64_t);
 constexpr flags_writer kFlagsWriters[] = {

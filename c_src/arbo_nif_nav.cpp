@@ -289,9 +289,9 @@ ARBO_NIF_FN(find_child) {
       break;
     }
     case FIND_NS_INT: {
-      int a = 0, b = 0;
-      (void)get_int_pair(env, argv[2], &a, &b);  // lenient: a bad pair looks up (0, 0)
-      found = _arbo_nif_find_child_int(node, static_cast<uint32_t>(b), static_cast<uint32_t>(a));
+      uint32_t ns = 0, tag = 0;
+      (void)get_ns_int(env, argv[2], &ns, &tag);  // lenient: a bad pair looks up (0, 0)
+      found = _arbo_nif_find_child_int(node, tag, ns);
       break;
     }
     default:

@@ -1,5 +1,5 @@
-// Private to the filter sources (arbo_nif_node_filter*.cpp): a comparison's
-// Value decoded once per walk, and the comparison that uses it.
+// Private to the filter sources (arbo_nif_node_filter*.cpp) and their tests:
+// a comparison's Value decoded once per walk, and the comparison that uses it.
 //
 // Contract
 // - A CmpPattern points into the Value binary of the running call's

@@ -22,7 +22,7 @@
 %% arbo_tree} functions of the same names do. A batch that names a missing
 %% node, misuses a node's kind or holds a malformed operation is refused
 %% whole with `{error, {Index, Op, Reason}}' (Index counts from 1), and
-%% nothing changes. Keys `{pair, Ns, N}' are accepted with Ns in 0..255
+%% nothing changes. Keys `{pair, Ns, N}' are accepted with Ns in 1..255
 %% except 12, the pairs the journal can carry.
 %%
 %% == Durability ==
@@ -69,15 +69,19 @@
 
 %% @doc Open the store in `Dir' (made when missing) under a registered name
 %% (an atom; `{error, {already_open, Pid}}' when taken, `{error, {dir_in_use,
-%% Pid}}' when another store of this VM has the directory): its latest snapshot, then every committed frame of its
-%% journal. A torn last frame (short, zeroed or with a bad checksum, and no
+%% Pid}}' when another store of this VM has the directory, `{error, {locked,
+%% LockFile, OsPid}}' when another VM that is still running has it): its
+%% latest snapshot, then every committed frame of its journal. A `LOCK' file
+%% left by a VM that is gone is taken over. A torn last frame (short, zeroed or with a bad checksum, and no
 %% committed frame after it) is cut off, and a warning logs the bytes
 %% dropped. A bad frame followed by a good one is corruption: the open
 %% fails with `{error, {corrupt_journal, File, Offset}}', unless `recover
 %% => true' asks to keep the frames before it (and cut the rest). A journal
 %% that names another snapshot than the latest fails the open with
 %% `{error, {stale_journal, File}}'. Options: `sync' (see the module's
-%% documentation), `compact_bytes', `recover'.
+%% documentation), `compact_bytes', `recover', and for replication
+%% `replicas', `ack', `ack_timeout' (a leader) or `follow' (a follower):
+%% see `arbo_repl'.
 -spec open(atom(), options()) -> {ok, pid()} | {error, term()}.
 open(Name, #{dir := _} = Opts) when is_atom(Name) ->
     case start_child(Name, Opts, 1) of
@@ -108,13 +112,16 @@ start_link(Name, Opts) -> proc_lib:start_link(?MODULE, init_it, [self(), Name, O
 init_it(Parent, Name, Opts) ->
     case catch register(Name, self()) of
         true ->
-            case claim(maps:get(dir, Opts)) of
+            Dir = maps:get(dir, Opts, undefined),
+            case claim(Dir) of
                 ok ->
                     case catch_init(Name, Opts) of
                         {ok, S} ->
                             proc_lib:init_ack(Parent, {ok, self()}),
                             gen_server:enter_loop(?MODULE, [], S, {local, Name});
-                        {stop, R} -> proc_lib:init_ack(Parent, {error, R})
+                        {stop, R} ->
+                            unlock(Dir),
+                            proc_lib:init_ack(Parent, {error, R})
                     end;
                 {error, _} = E -> proc_lib:init_ack(Parent, E)
             end;
@@ -137,8 +144,96 @@ dir_key(Dir) ->
     filename:join([Root | lists:reverse(Kept)]).
 
 %% One server per directory in this VM (the table belongs to arbo_db_sup;
-%% a claim of a server that died without letting go is taken over).
-claim(Dir) ->
+%% a claim of a server that died without letting go is taken over), and one
+%% VM per directory (the LOCK file).
+claim(Dir) when is_list(Dir); is_binary(Dir) ->
+    case claim_here(Dir) of
+        ok ->
+            case lock(Dir) of
+                ok -> ok;
+                {error, _} = E ->
+                    ets:delete_object(arbo_db_dirs, {dir_key(Dir), self()}),
+                    E
+            end;
+        {error, _} = E -> E
+    end;
+claim(Dir) -> {error, {badarg, {dir, Dir}}}.
+
+%% The LOCK file of a store's directory holds the OS process id of the VM
+%% that has the store open. A lock whose VM is gone (killed, or this VM's
+%% own, left by a server that died) is taken over: it is removed and made
+%% anew, and read back, so that of two VMs taking it over at once at most
+%% the last one to write it goes on. A VM just killed takes a moment to be
+%% gone: the lock is asked for again for up to a second.
+lock(Dir) -> lock(Dir, 20).
+
+lock(Dir, Tries) ->
+    Lock = filename:join(Dir, "LOCK"),
+    Me = os:getpid(),
+    MeBin = list_to_binary(Me),
+    case filelib:ensure_dir(Lock) of
+        ok ->
+            case file:write_file(Lock, Me, [exclusive, raw]) of
+                ok ->
+                    case file:read_file(Lock) of
+                        {ok, MeBin} -> ok;
+                        {ok, Held} -> {error, {locked, Lock, binary_to_list(Held)}};
+                        {error, _} = E -> E
+                    end;
+                {error, eexist} ->
+                    case file:read_file(Lock) of
+                        {ok, Held} ->
+                            Pid = binary_to_list(Held),
+                            case Pid =:= Me orelse not os_alive(Pid) of
+                                true ->
+                                    logger:warning("arbo_db: taking over ~s of OS process ~s, gone",
+                                                   [Lock, Pid]),
+                                    _ = file:delete(Lock),
+                                    lock(Dir, Tries);
+                                false when Tries > 0 ->
+                                    timer:sleep(50),
+                                    lock(Dir, Tries - 1);
+                                false -> {error, {locked, Lock, Pid}}
+                            end;
+                        {error, enoent} -> lock(Dir, Tries);
+                        {error, _} = E -> E
+                    end;
+                {error, _} = E -> E
+            end;
+        {error, _} = E -> E
+    end.
+
+%% Whether the OS process Pid is a live VM: /proc says it where there is
+%% one; elsewhere, whether it exists at all.
+os_alive(Pid) ->
+    case Pid =/= [] andalso lists:all(fun(C) -> C >= $0 andalso C =< $9 end, Pid) of
+        false -> false;
+        true ->
+            case filelib:is_dir("/proc/self") of
+                true ->
+                    %% "pid (comm) state ...": a zombie (Z) or dead (X) is gone
+                    case file:read_file("/proc/" ++ Pid ++ "/stat") of
+                        {ok, Stat} ->
+                            [_, After] = string:split(Stat, <<")">>, trailing),
+                            binary:match(Stat, <<"(beam">>) =/= nomatch
+                                andalso not lists:member(binary:at(After, 1), "ZXx");
+                        {error, _} -> false
+                    end;
+                false -> os:cmd("kill -0 " ++ Pid ++ " 2>/dev/null && echo y") =:= "y\n"
+            end
+    end.
+
+unlock(Dir) when is_list(Dir); is_binary(Dir) ->
+    ets:delete_object(arbo_db_dirs, {dir_key(Dir), self()}),
+    Lock = filename:join(Dir, "LOCK"),
+    Me = list_to_binary(os:getpid()),
+    case file:read_file(Lock) of
+        {ok, Me} -> _ = file:delete(Lock), ok;
+        _ -> ok
+    end;
+unlock(_) -> ok.
+
+claim_here(Dir) ->
     Key = dir_key(Dir),
     Self = self(),
     case ets:insert_new(arbo_db_dirs, {Key, Self}) of
@@ -152,18 +247,22 @@ claim(Dir) ->
                             Swap = [{{Key, Pid}, [], [{{Key, Self}}]}],
                             case ets:select_replace(arbo_db_dirs, Swap) of
                                 1 -> ok;
-                                _ -> claim(Dir)
+                                _ -> claim_here(Dir)
                             end
                     end;
-                _ -> claim(Dir)
+                _ -> claim_here(Dir)
             end
     end.
 
 %% @doc Apply a batch atomically and make it durable as the store's `sync'
 %% policy says: `{ok, Seq}' with the batch's sequence number (an empty
 %% batch answers the last one), or `{error, {Index, Op, Reason}}' when the
-%% batch is refused (nothing changed), or `{error, Reason}' when it could
-%% not be written (nothing changed either).
+%% batch is refused (nothing changed), or `{error, Reason}': the batch could
+%% not be written (nothing changed either), `{not_leader, Leader}' on a
+%% follower, `no_quorum' when the `ack' policy was not met in time (the batch
+%% is in this store), `{store_failed, Reason}' after a journal that could not
+%% be cut back, or `{apply_failed, Reason}' (the tree is then rebuilt from
+%% disk).
 -spec commit(db(), [op()]) -> {ok, non_neg_integer()} | {error, term()}.
 commit(Db, Ops) when is_list(Ops) -> gen_server:call(Db, {commit, Ops}, infinity);
 commit(_, Ops) -> error({badarg, {ops, Ops}}).
@@ -234,6 +333,7 @@ catch_init(Name, Opts) ->
 %% @private
 init({Name, Opts}) ->
     process_flag(trap_exit, true),
+    process_flag(min_heap_size, 1 bsl 18),
     Dir = maps:get(dir, Opts),
     Sync = maps:get(sync, Opts, always),
     case Sync of
@@ -266,10 +366,10 @@ handle_call({repl, Req}, _, S) -> repl_call(Req, flush(S));
 handle_call({commit, []}, From, #s{seq = Seq} = S) ->
     noreply(S#s{pending = [{From, Seq} | S#s.pending]});
 handle_call({commit, Ops}, From, #s{tree = T, seq = Seq} = S) ->
-    case catch_prepare(T, Ops, short(Ops, S#s.direct)) of
+    case catch_prepare(T, Ops, true) of
         {error, _} = E -> noreply_with(E, S);
         {ok, Parts, Acts} ->
-            case catch_apply(T, S, Parts, Acts) of
+            case catch_apply(T, S, Parts, direct(Acts, S#s.direct)) of
                 ok ->
                     Payload = iolist_to_binary(arbo_db_journal:payload(Parts)),
                     noreply(S#s{seq = Seq + 1, buf = [{Seq + 1, Payload} | S#s.buf],
@@ -359,8 +459,7 @@ terminate(_, #s{fd = Fd, tree = T, dir = Dir} = S) ->
     _ = flush(S),
     Fd =/= undefined andalso file:close(Fd),
     catch arbo_tree:close(T),
-    ets:delete_object(arbo_db_dirs, {dir_key(Dir), self()}),
-    ok.
+    unlock(Dir).
 
 noreply(#s{pending = []} = S) -> {noreply, S};
 noreply(S) -> {noreply, S, 0}.
@@ -392,12 +491,18 @@ append([{Seq, Payload} | More], From, #s{tree = T} = S) ->
             {reply, {error, {bad_frame, Seq}}, S1}
     end.
 
-short([_ | More], N) when N > 0 -> short(More, N - 1);
-short([], _) -> true;
-short(_, _) -> false.
+%% A batch is applied call by call, unless it does more than N things other
+%% than set values on nodes the check found (those cost least call by call,
+%% one pass of the gate a run), or N is 0: then in one pass of the library's
+%% loader, from the very records of its frame.
+direct(_, 0) -> [];
+direct(Acts, N) -> direct(Acts, N, Acts).
 
-%% A small batch is applied call by call; a large one in one pass of the
-%% library's loader, from the very records of its frame.
+direct([{set, {ref, _}, _} | More], N, Acts) -> direct(More, N, Acts);
+direct([_ | More], N, Acts) when N > 0 -> direct(More, N - 1, Acts);
+direct([], _, Acts) -> Acts;
+direct(_, _, _) -> [].
+
 catch_apply(T, #s{scratch = Scratch}, Parts, Acts) ->
     try
         case Acts of

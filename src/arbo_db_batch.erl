@@ -472,16 +472,27 @@ flags_record(F) -> refuse({bad_flags, F}).
 %% Applying a checked batch through the plain API
 
 %% Apply the actions of a checked batch, in order, through `arbo_tree'.
-%% Nodes found are kept while no deletion moved the tree's epoch.
+%% Nodes found are kept until a deletion, a rename or a delete_ns moves the
+%% tree's epoch; values set on nodes the check found go in one pass of the
+%% gate a run (runs/1).
 -spec apply_direct(arbo_tree:tree(), [action()]) -> ok | {error, term()}.
 apply_direct(T, Acts) ->
-    try lists:foldl(fun(A, C) -> act(T, A, C) end, #{}, Acts) of
+    try lists:foldl(fun(A, C) -> act(T, A, C) end, #{}, runs(Acts)) of
         _ -> ok
     catch
         throw:{failed, A} -> {error, {failed, A}};
         error:R -> {error, R}
     end.
 
+%% Values set on nodes already found are set in one pass of the gate a run.
+runs(Acts) -> runs(Acts, []).
+
+runs([{set, {ref, N}, V} | More], Run) -> runs(More, [{N, V} | Run]);
+runs([], []) -> [];
+runs([A | More], []) -> [A | runs(More, [])];
+runs(More, Run) -> [{set_values, lists:reverse(Run)} | runs(More, [])].
+
+act(T, {set_values, Pairs}, C) -> arbo_tree:set_values(T, Pairs), C;
 act(T, {create, PP, Kind, Key} = A, C) ->
     {P, C1} = node(T, PP, C, A),
     N = case Kind of

@@ -326,7 +326,7 @@ load(Tree, Path) -> load(Tree, Path, []).
 %%      Consumed, Path, FileSize, Transactions, ElapsedMs, Now}}' are
 %%      forwarded to Pid as they come; `{progress, Fun}': Fun is called with
 %%      a map of the same figures, in a helper process (a Fun still running
-%%      five seconds after the load is ended). The library reports after 30
+%%      five seconds after the load has ended is killed). The library reports after 30
 %%      seconds, then every minute, later every five minutes; Consumed and
 %%      Transactions count the private copy the library reads, which holds
 %%      a one-byte marker per record.</li>

@@ -39,8 +39,8 @@
 %% == Errors ==
 %% Malformed arguments raise `error({badarg, What})'; a closed tree raises
 %% `error({arbo_closed, Tree})'; operations on the wrong kind of node raise
-%% `error({wrong_node_type, Node})' (or `{not_user_ordered, List}', `{root,
-%% Root}', `{not_a_child, Node}'). Outcomes a caller expects are results:
+%% `error({wrong_node_type, Node})' (or `{not_user_ordered, Instance}',
+%% `{root, Root}', `{not_a_child, Node}'). Outcomes a caller expects are results:
 %% `none' for no node, `false' for a refused move, rename or deletion,
 %% `{error, Reason}' from files.
 %%
@@ -61,7 +61,7 @@
 -export([first_child/2, last_child/2, next_sibling/2, prev_sibling/2, nth_child/3,
          child_index/2, num_children/2, children/2, key/2, type/2, is_same/2]).
 %% values, flags, attributes
--export([value/2, value_raw/2, set_value/3, clear_value/2,
+-export([value/2, value_raw/2, set_value/3, set_values/2, clear_value/2,
          flags/2, set_flags/3, add_flags/3, clear_flags/3,
          attr/3, set_attr/4, delete_attr/3, set_active/3, is_active/2]).
 %% moves
@@ -81,13 +81,12 @@
 -include("arbo_codes.hrl").
 -include("arbo_gate.hrl").
 
--import(arbo_tree_keys, [htag/1, add_arg/1, find_arg/1, del_arg/1, key_term/2, key_form/1,
-                         key_form/2, one_form/4, exact/4, same_key/3]).
+-import(arbo_tree_keys, [htag/1, add_arg/1, find_arg/1, key_term/2, one_form/4, exact/4,
+                         same_key/3, is_list_addr/2]).
 
 %% The gate: every check of a handle or a reference, every reader section and
 %% the writer side.
--import(arbo_gate, [read/3, read1/3, write/3, exclusive/2, gate/1, readable/1, writable/1,
-                    own/2, fresh/2, mk/4]).
+-import(arbo_gate, [read/3, read1/3, write/3, gate/1, readable/1, mk/4]).
 
 -include("arbo_error.hrl").
 
@@ -135,10 +134,7 @@
                  {user_order, ?ORDER_USER}]).
 -define(U32(X), (is_integer(X) andalso X >= 0 andalso X =< 16#ffffffff)).
 -define(I32(X), (is_integer(X) andalso X >= -16#80000000 andalso X =< 16#7fffffff)).
--define(U64(X), (is_integer(X) andalso X >= 0 andalso X =< 16#ffffffffffffffff)).
 -define(HIDE_INACTIVE, 16#100).
--define(INLINE_FLAGS, 16#3fffff).
--define(WIDE_FLAGS_LIMIT, 30000).
 
 %% ===========================================================================
 %% Lifecycle
@@ -330,67 +326,26 @@ find_after(T, L, Key, Incl) ->
     end).
 
 %% ===========================================================================
-%% Deleting and renaming
+%% Deleting and renaming (the writer side: arbo_tree_delete)
 
 %% @doc Delete a node with its subtree. Every node reference of the tree is
 %% stale afterwards. The root cannot be deleted (`{root, Node}').
 -spec delete(tree(), tree_node()) -> ok.
-delete(T, N) ->
-    gate(T),
-    own(T, N),
-    N#arbo_node.parent =/= 0 orelse error({root, N}),
-    Reply = exclusive(T, fun(H, S) ->
-        fresh(S, N),
-        #arbo_node{addr = Addr, parent = Parent} = N,
-        {K, Code, FCode} = del_arg(arbo:get_hkey0(H, Addr)),
-        %% The key must lead back to this very node (two instances that differ
-        %% only in namespace share a key in an indexed list).
-        case arbo:find_child(H, Parent, K, FCode) of
-            Addr -> {arbo:del_hkey(H, Parent, K, Code), true};
-            _ -> {ambiguous, false}
-        end
-    end),
-    case Reply of
-        true -> ok;
-        ambiguous -> error({ambiguous_key, N})
-    end.
+delete(T, N) -> arbo_tree_delete:delete(T, N).
 
 %% @doc Delete the child of Parent under a key, with its subtree: `true', or
-%% `false' when there is none. Node references are stale afterwards.
+%% `false' when there is none. Node references are stale after a deletion.
 -spec delete(tree(), tree_node(), key()) -> boolean().
-delete(T, P, Key) ->
-    {K, Code} = find_arg(Key),
-    gate(T),
-    own(T, P),
-    exclusive(T, fun(H, S) ->
-        fresh(S, P),
-        Addr = P#arbo_node.addr,
-        case exact(H, arbo:find_child(H, Addr, K, Code), K, Code) of
-            0 -> {false, false};
-            N ->
-                {DK, DCode, _} = del_arg(arbo:get_hkey0(H, N)),
-                {arbo:del_hkey(H, Addr, DK, DCode), true}
-        end
-    end).
+delete(T, P, Key) -> arbo_tree_delete:delete(T, P, Key).
 
 %% @doc Delete every child of Parent in namespace Ns: `true' when something
 %% was deleted.
 -spec delete_ns(tree(), tree_node(), 0..16#ffffffff) -> boolean().
-delete_ns(T, P, Ns) ->
-    ?U32(Ns) orelse error({badarg, {namespace, Ns}}),
-    gate(T),
-    own(T, P),
-    exclusive(T, fun(H, S) ->
-        fresh(S, P),
-        R = arbo:del_ns(H, P#arbo_node.addr, Ns),
-        {R, R}
-    end).
+delete_ns(T, P, Ns) -> arbo_tree_delete:delete_ns(T, P, Ns).
 
 %% @doc Delete every node but the root.
 -spec clear(tree()) -> ok.
-clear(T) ->
-    gate(T),
-    exclusive(T, fun(H, _) -> {arbo:del_all(H), true} end).
+clear(T) -> arbo_tree_delete:clear(T).
 
 %% @doc Give an instance a new key of the same form ({@link
 %% instance_key()}: an integer, a pair, a tuple or an opaque key; another
@@ -400,31 +355,7 @@ clear(T) ->
 %% the epoch when the key changed (the library may move the instance to new
 %% memory): find nodes again afterwards.
 -spec rename(tree(), tree_node(), instance_key()) -> boolean().
-rename(T, I, NewKey) ->
-    {K, Code} = add_arg(NewKey),
-    gate(T),
-    own(T, I),
-    Reply = exclusive(T, fun(H, S) ->
-        fresh(S, I),
-        #arbo_node{addr = Addr, parent = List} = I,
-        case List =/= 0 andalso is_list_addr(H, List) andalso not is_list_addr(H, Addr) of
-            false -> {{raise, {wrong_node_type, I}}, false};
-            true ->
-                case key_form(arbo:get_hkey0(H, Addr)) =:= key_form(K, Code) of
-                    false -> {{raise, {key_form, NewKey}}, false};
-                    true ->
-                        R = arbo:rename_instance0(H, List, Addr, rename_key(K, Code), Code),
-                        {R, R}
-                end
-        end
-    end),
-    case Reply of
-        {raise, E} -> error(E);
-        R -> R
-    end.
-
-rename_key(N, ?KEY_INT) -> {N};  % a tag form here
-rename_key(K, _) -> K.
+rename(T, I, NewKey) -> arbo_tree_delete:rename(T, I, NewKey).
 
 %% @doc Move a child that has a namespace into another namespace (under the
 %% same tag): `true', or `false' when the library refuses (a container, a
@@ -433,21 +364,7 @@ rename_key(K, _) -> K.
 %% with its value and subtree, so it is not asked. Runs on the writer side
 %% (raises `{in_reading, Tree}' inside a reading pass).
 -spec rename_ns(tree(), tree_node(), 0..16#ffffffff) -> boolean().
-rename_ns(T, N, NewNs) ->
-    ?U32(NewNs) orelse error({badarg, {namespace, NewNs}}),
-    gate(T),
-    own(T, N),
-    N#arbo_node.parent =/= 0 orelse error({root, N}),
-    exclusive(T, fun(H, S) ->
-        fresh(S, N),
-        #arbo_node{addr = Addr, parent = P} = N,
-        Free = case arbo:get_hkey0(H, Addr) of
-                   [_ | Tag] ->
-                       lists:member(arbo:find_child(H, P, [NewNs | Tag], ?FIND_TAG), [0, Addr]);
-                   _ -> true
-               end,
-        {Free andalso arbo:rename_ns(H, P, Addr, NewNs), false}
-    end).
+rename_ns(T, N, NewNs) -> arbo_tree_delete:rename_ns(T, N, NewNs).
 
 %% ===========================================================================
 %% Navigation
@@ -569,54 +486,40 @@ is_same(#arbo_node{}, #arbo_node{}) -> false;
 is_same(A, B) -> error({badarg, {A, B}}).
 
 %% ===========================================================================
-%% Values, flags, attributes
+%% Values, flags, attributes (arbo_tree_props)
 
 %% @doc A node's value: `undefined', a binary (a plain binary value), or an
 %% encoded value decoded with {@link arbo_val:decode/1}.
 -spec value(tree(), tree_node()) -> undefined | value().
-value(T, N) ->
-    case value_raw(T, N) of
-        {csval, B} ->
-            case arbo_val:decode(B) of
-                {ok, V} -> V;
-                {error, _} -> {csval, B}
-            end;
-        Other -> Other
-    end.
+value(T, N) -> arbo_tree_props:value(T, N).
 
 %% @doc A node's value as the library hands it out: `undefined', a binary,
 %% or `{csval, Bytes}' for an encoded value.
 -spec value_raw(tree(), tree_node()) -> undefined | binary() | {csval, binary()}.
-value_raw(T, N) ->
-    read1(T, N, fun(_) -> arbo:get_val_raw(T, N#arbo_node.addr) end).
+value_raw(T, N) -> arbo_tree_props:value_raw(T, N).
 
 %% @doc Set a leaf's or an instance's value: a binary is kept as it is, any
 %% other term is encoded with {@link arbo_val:encode/1} (`empty' is refused:
 %% use {@link clear_value/2}). Containers, lists and instances with tuple or
 %% opaque keys hold no value: `{wrong_node_type, Node}'.
 -spec set_value(tree(), tree_node(), value()) -> ok.
-set_value(T, N, V) ->
-    {Kind, Bin} = if
-                      is_binary(V) -> {?VAL_BINARY, V};
-                      V =:= empty -> error({badarg, {value, V}});
-                      true -> {?VAL_CSVAL, arbo_val:encode(V)}
-                  end,
-    write(T, [N], fun(_) ->
-        holds_value(T, N),
-        arbo:set_val(T, N#arbo_node.addr, Kind, Bin)
-    end).
+set_value(T, N, V) -> arbo_tree_props:set_value(T, N, V).
+
+%% @doc Set the values of several nodes, as {@link set_value/3} does, in one
+%% pass of the gate instead of one a node. Every node and every value is
+%% checked before any value is set: a bad value, a stale or foreign
+%% reference, or a node that holds no value raises, and then no value has
+%% changed.
+-spec set_values(tree(), [{tree_node(), value()}]) -> ok.
+set_values(T, Pairs) -> arbo_tree_props:set_values(T, Pairs).
 
 %% @doc Remove a node's value.
 -spec clear_value(tree(), tree_node()) -> ok.
-clear_value(T, N) ->
-    write(T, [N], fun(_) ->
-        holds_value(T, N),
-        arbo:set_val(T, N#arbo_node.addr, ?VAL_CLEAR, <<>>)
-    end).
+clear_value(T, N) -> arbo_tree_props:clear_value(T, N).
 
 %% @doc A node's user flags (64 bits).
 -spec flags(tree(), tree_node()) -> non_neg_integer().
-flags(T, N) -> read(T, [N], fun(_) -> arbo:get_flags(T, N#arbo_node.addr) end).
+flags(T, N) -> arbo_tree_props:flags(T, N).
 
 %% @doc Replace a node's user flags. Values above 22 bits are kept in one
 %% table shared by every tree of the VM, which never shrinks: once it holds
@@ -624,66 +527,30 @@ flags(T, N) -> read(T, [N], fun(_) -> arbo:get_flags(T, N#arbo_node.addr) end).
 %% `{error, flags_table_full}' and changes nothing (values of 22 bits and
 %% below are always taken).
 -spec set_flags(tree(), tree_node(), non_neg_integer()) -> ok | {error, flags_table_full}.
-set_flags(T, N, M) -> flag_op(T, N, M, set_flags).
+set_flags(T, N, M) -> arbo_tree_props:set_flags(T, N, M).
 
 %% @doc Set the bits of Mask in a node's user flags (see {@link set_flags/3}
 %% for wide values).
 -spec add_flags(tree(), tree_node(), non_neg_integer()) -> ok | {error, flags_table_full}.
-add_flags(T, N, M) -> flag_op(T, N, M, set_flag).
+add_flags(T, N, M) -> arbo_tree_props:add_flags(T, N, M).
 
 %% @doc Clear the bits of Mask in a node's user flags (see {@link
 %% set_flags/3} for wide values).
 -spec clear_flags(tree(), tree_node(), non_neg_integer()) -> ok | {error, flags_table_full}.
-clear_flags(T, N, M) -> flag_op(T, N, M, clr_flag).
-
-flag_op(T, N, M, F) ->
-    ?U64(M) orelse error({badarg, {flags, M}}),
-    write(T, [N], fun(_) ->
-        Addr = N#arbo_node.addr,
-        New = case F of
-                  set_flags -> M;
-                  set_flag -> arbo:get_flags(T, Addr) bor M;
-                  clr_flag -> arbo:get_flags(T, Addr) band bnot M
-              end,
-        case New =< ?INLINE_FLAGS orelse wide_flags_room(1) of
-            true -> _ = arbo:F(T, Addr, M), ok;
-            false -> {error, flags_table_full}
-        end
-    end).
+clear_flags(T, N, M) -> arbo_tree_props:clear_flags(T, N, M).
 
 %% @doc Attribute Id (1..2^32-1) of a node, decoded, or `undefined'.
 -spec attr(tree(), tree_node(), pos_integer()) -> undefined | arbo_val:value().
-attr(T, N, Id) ->
-    attr_id(Id),
-    R = read(T, [N], fun(_) -> arbo:do_get_attr(T, N#arbo_node.addr, Id) end),
-    case R of
-        [] -> undefined;
-        {csval, B} -> decode_attr(B);
-        B when is_binary(B) -> decode_attr(B)
-    end.
-
-decode_attr(B) ->
-    case arbo_val:decode(B) of
-        {ok, V} -> V;
-        {error, _} -> {binary, B}
-    end.
+attr(T, N, Id) -> arbo_tree_props:attr(T, N, Id).
 
 %% @doc Set attribute Id (1..2^32-1) of a node to an encoded value
 %% (attribute 0 is the library's inactive mark and is not set here).
 -spec set_attr(tree(), tree_node(), pos_integer(), arbo_val:value()) -> ok.
-set_attr(T, N, Id, V) ->
-    attr_id(Id),
-    V =/= empty orelse error({badarg, {value, V}}),
-    Bin = arbo_val:encode(V),
-    write(T, [N], fun(_) -> _ = arbo:do_set_attr(T, N#arbo_node.addr, Id, Bin), ok end).
+set_attr(T, N, Id, V) -> arbo_tree_props:set_attr(T, N, Id, V).
 
 %% @doc Remove attribute Id of a node (nothing when it has none).
 -spec delete_attr(tree(), tree_node(), pos_integer()) -> ok.
-delete_attr(T, N, Id) ->
-    attr_id(Id),
-    write(T, [N], fun(_) -> _ = arbo:do_set_attr(T, N#arbo_node.addr, Id, <<>>), ok end).
-
-attr_id(Id) -> (?U32(Id) andalso Id > 0) orelse error({badarg, {attribute, Id}}).
+delete_attr(T, N, Id) -> arbo_tree_props:delete_attr(T, N, Id).
 
 %% @doc Mark a list instance active (`true') or inactive (`false'). A tree
 %% made with the `hide_inactive' option leaves inactive instances out of
@@ -695,27 +562,11 @@ attr_id(Id) -> (?U32(Id) andalso Id > 0) orelse error({badarg, {attribute, Id}})
 %% attribute 0, kept in save files. Raises `{wrong_node_type,
 %% Node}' for a node that is not a list instance.
 -spec set_active(tree(), tree_node(), boolean()) -> ok.
-set_active(T, N, Active) when is_boolean(Active) ->
-    write(T, [N], fun(_) ->
-        instance(T, N),
-        Mark = case Active of
-                   true -> <<>>;                  % removes the mark
-                   false -> arbo_val:encode({bool, true})
-               end,
-        _ = arbo:do_set_attr(T, N#arbo_node.addr, 0, Mark),
-        ok
-    end);
-set_active(_, _, Active) -> error({badarg, {active, Active}}).
+set_active(T, N, Active) -> arbo_tree_props:set_active(T, N, Active).
 
 %% @doc Whether a node is active (every node but a marked list instance is).
 -spec is_active(tree(), tree_node()) -> boolean().
-is_active(T, N) ->
-    read(T, [N], fun(_) -> arbo:do_get_attr(T, N#arbo_node.addr, 0) =:= [] end).
-
-instance(T, N) ->
-    P = N#arbo_node.parent,
-    (P =/= 0 andalso is_list_addr(T, P) andalso not is_list_addr(T, N#arbo_node.addr))
-        orelse error({wrong_node_type, N}).
+is_active(T, N) -> arbo_tree_props:is_active(T, N).
 
 %% ===========================================================================
 %% Moves (user-ordered lists)
@@ -857,12 +708,6 @@ order_name(Mode) ->
         false -> sorted
     end.
 
-is_list_addr(T, Addr) ->
-    case arbo:get_type(T, Addr) of
-        {?NODE_LIST, _} -> true;
-        _ -> false
-    end.
-
 not_list(T, P) ->
     is_list_addr(T, P#arbo_node.addr) andalso error({wrong_node_type, P}).
 
@@ -875,25 +720,9 @@ expect_type(T, N, Want, Name) ->
         _ -> error({name_taken, Name})
     end.
 
-%% Values live on leaves and integer-keyed instances only.
-holds_value(T, N) ->
-    Addr = N#arbo_node.addr,
-    case arbo:get_type(T, Addr) of
-        {?NODE_GEN, _} when N#arbo_node.parent =/= 0 ->
-            case arbo:get_hkey0(T, Addr) of
-                {binary, _} -> error({wrong_node_type, N});
-                {B} when is_binary(B) -> error({wrong_node_type, N});
-                _ -> ok
-            end;
-        _ -> error({wrong_node_type, N})
-    end.
-
-
 %% @private
 %% @doc Whether the VM's table of wide flag values has room for N more
 %% distinct values below the limit: the library's table counts with 16 bits
 %% and searches with a signed 16-bit count, so it is kept well below 32767.
 -spec wide_flags_room(non_neg_integer()) -> boolean().
-wide_flags_room(N) ->
-    [_, {8, Cap, Free}] = arbo:alloc_info(),
-    Cap - Free + N =< ?WIDE_FLAGS_LIMIT.
+wide_flags_room(N) -> arbo_tree_props:wide_flags_room(N).

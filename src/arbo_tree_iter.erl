@@ -2,8 +2,8 @@
 %% @doc The iterator stacks of `arbo_tree' (iter_push/2, iter_pop/1,
 %% iter_top/1, iter_depth/1): the library's per-process stack, with a copy
 %% of it in the calling process's dictionary so that an empty stack is never
-%% popped (the library would abort) and a top whose tree changed since it
-%% was pushed is answered stale.
+%% popped (the library would abort) and a top pushed before nodes of the
+%% tree were freed is answered stale.
 -module(arbo_tree_iter).
 
 -export([push/2, pop/1, top/1, depth/1]).

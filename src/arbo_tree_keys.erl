@@ -2,11 +2,11 @@
 %% @doc Key arguments of `arbo_tree': names and instance keys turned into
 %% the library's key terms and kind codes (only well-formed ones: an encoded
 %% key is encoded or validated first), the library's key terms read back,
-%% and the checks that keep two keys apart that the library could take for
-%% one.
+%% the checks that keep two keys apart that the library could take for
+%% one, and whether a node is a list (its children take instance keys).
 -module(arbo_tree_keys).
 -export([htag/1, add_arg/1, find_arg/1, del_arg/1, key_term/2]).
--export([key_form/1, key_form/2, one_form/4, exact/4, same_key/3]).
+-export([key_form/1, key_form/2, one_form/4, exact/4, same_key/3, is_list_addr/2]).
 
 -define(U32(X), (is_integer(X) andalso X >= 0 andalso X =< 16#ffffffff)).
 -define(I32(X), (is_integer(X) andalso X >= -16#80000000 andalso X =< 16#7fffffff)).
@@ -121,4 +121,12 @@ exact(T, A, K, Code) ->
     case same_key(arbo:get_hkey0(T, A), K, Code) of
         true -> A;
         false -> 0
+    end.
+
+%% Whether the node at Addr is a list: its children are instances, named by
+%% instance keys rather than by names.
+is_list_addr(T, Addr) ->
+    case arbo:get_type(T, Addr) of
+        {?NODE_LIST, _} -> true;
+        _ -> false
     end.

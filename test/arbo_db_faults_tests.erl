@@ -63,8 +63,9 @@ compaction_killed_test_() ->
                           {Step, maps:get(seq, arbo_db:info(Db)), keys(arbo_db:tree(Db))}),
              {ok, 22} = arbo_db:commit(Db, [{instance, [1], 99}]),
              ok = arbo_db:close(Db),
+             {ok, Names} = file:list_dir(Dir),
              {ok, Db2} = arbo_db:open(db_compact, #{dir => Dir}),
-             ?assertMatch({Step, #{seq := 22}, {ok, [_, _]}}, {Step, arbo_db:info(Db2), file:list_dir(Dir)}),
+             ?assertMatch({Step, #{seq := 22}, [_, _]}, {Step, arbo_db:info(Db2), Names}),
              ok = arbo_db:close(Db2)
          end || Step <- [snapshot_write, snapshot_renamed, journal_started, old_removed]]
     end}.

@@ -46,6 +46,13 @@ holds(Name, Dir, Opts) ->
     ok = arbo_db:close(Db),
     S.
 
+%% A child VM that loads this code and the library.
+child() ->
+    Args = lists:append([["-pa", filename:absname(filename:dirname(code:which(M)))]
+                         || M <- [?MODULE, arbo_tree]]),
+    {ok, Peer, _} = peer:start(#{connection => standard_io, args => Args}),
+    Peer.
+
 %% Run F with the console's log handler silent: the warnings and errors it
 %% provokes are expected (and checked where they are promised).
 quiet(F) ->
@@ -354,7 +361,7 @@ compaction_failed() ->
     ok = file:write_file(filename:join(Dir, ".left.tmp"), <<"x">>),
     Db2 = reopen(Db, db_compact_fail, Dir),
     {ok, Names} = file:list_dir(Dir),
-    ?assertEqual(["journal", "snap"], lists:sort([hd(string:split(N, "-")) || N <- Names])),
+    ?assertEqual(["LOCK", "journal", "snap"], lists:sort([hd(string:split(N, "-")) || N <- Names])),
     #{journal_bytes := JB} = arbo_db:info(Db2),
     ?assertEqual({ok, 2}, arbo_db:commit(Db2, [])),
     ?assertMatch(#{seq := 2, journal_bytes := JB, snapshot_seq := 0}, arbo_db:info(Db2)),
@@ -420,3 +427,22 @@ follower_test() ->
     ?assertEqual({ok, []}, arbo_db:frames_since(A, 3)),
     [ok = arbo_db:close(D) || D <- [A, reopen(B, db_follower, maps:get(dir, arbo_db:info(B)))]].
 
+
+%% ---- one VM per directory --------------------------------------------------------------
+
+%% A store open in another VM keeps this VM out; once that VM is killed,
+%% the lock it left is taken over.
+lock_test_() ->
+    {timeout, 60, fun() ->
+        Dir = scratch("lock"),
+        Peer = child(),
+        {ok, _} = peer:call(Peer, arbo_db, open, [db_lock, #{dir => Dir}]),
+        OsPid = peer:call(Peer, os, getpid, []),
+        ?assertEqual({error, {locked, filename:join(Dir, "LOCK"), OsPid}},
+                     arbo_db:open(db_lock, #{dir => Dir})),
+        os:cmd("kill -9 " ++ OsPid),
+        catch peer:stop(Peer),
+        {ok, Db} = arbo_db:open(db_lock, #{dir => Dir}),
+        ok = arbo_db:close(Db),
+        ?assertNot(filelib:is_file(filename:join(Dir, "LOCK")))
+    end}.
