@@ -1,10 +1,11 @@
-%% Durable stores under faults, in child VMs: committers killed with
-%% SIGKILL at random moments, and a disk that fills up. `make test' runs a
-%% few rounds; `make reliability' runs figures(full).
+%% Durable stores under faults, in child VMs: a compaction stopped at each
+%% of its steps, committers killed with SIGKILL at random moments, and a
+%% disk that fills up. `make test' runs a few rounds; `make reliability'
+%% runs figures(full).
 -module(arbo_db_faults_tests).
 -include_lib("eunit/include/eunit.hrl").
 
--export([figures/1, committers/4, full_disk/1]).
+-export([figures/1, commit_and_compact/3, committers/4, full_disk/1]).
 
 -define(BATCH(Key, I), [{instance, [1], Key}, {set, [1, Key], <<I:32>>}, {instance, [2], Key}]).
 
@@ -37,6 +38,38 @@ child(Extra) ->
     {ok, Peer, _} = peer:start(Extra#{connection => standard_io, args => Args}),
     Peer.
 
+%% ---- compaction killed at every step ---------------------------------------------------
+
+%% In the child: commit batches, then compact and stop the VM at Step.
+commit_and_compact(Dir, Step, Batches) ->
+    {ok, Db} = arbo_db:open(db_child, #{dir => Dir, crash_at => Step}),
+    [{ok, _} = arbo_db:commit(Db, B) || B <- Batches],
+    arbo_db:snapshot(Db).
+
+%% Whatever step it stops at, the store opens to every commit; it goes on
+%% from there, and the files the compaction left are gone.
+compaction_killed_test_() ->
+    {timeout, 120, fun() ->
+        Batches = [[{list, [1], sorted}] | [[{instance, [1], I}, {set, [1, I], <<I:32>>}]
+                                            || I <- lists:seq(1, 20)]],
+        [begin
+             Dir = scratch("compact_" ++ atom_to_list(Step)),
+             Peer = child(#{}),
+             Outcome = (catch peer:call(Peer, ?MODULE, commit_and_compact, [Dir, Step, Batches])),
+             ?assertMatch({'EXIT', _}, Outcome),
+             catch peer:stop(Peer),
+             {ok, Db} = arbo_db:open(db_compact, #{dir => Dir}),
+             ?assertEqual({Step, 21, [{{int, I}, <<I:32>>} || I <- lists:seq(1, 20)]},
+                          {Step, maps:get(seq, arbo_db:info(Db)), keys(arbo_db:tree(Db))}),
+             {ok, 22} = arbo_db:commit(Db, [{instance, [1], 99}]),
+             ok = arbo_db:close(Db),
+             {ok, Names} = file:list_dir(Dir),
+             {ok, Db2} = arbo_db:open(db_compact, #{dir => Dir}),
+             ?assertMatch({Step, #{seq := 22}, [_, _]}, {Step, arbo_db:info(Db2), Names}),
+             ok = arbo_db:close(Db2)
+         end || Step <- [snapshot_write, snapshot_renamed, journal_started, old_removed]]
+    end}.
+
 %% ---- SIGKILL while committing --------------------------------------------------------
 
 %% Rounds of: a child VM whose Workers processes commit batches of three
@@ -50,16 +83,16 @@ kills(Rounds, Workers) ->
     {ok, Db0} = arbo_db:open(db_faults, #{dir => Dir}),
     {ok, _} = arbo_db:commit(Db0, [{list, [1], sorted}, {list, [2], sorted}]),
     ok = arbo_db:close(Db0),
-    %% each round checks every key logged so far, its own and the earlier ones'
-    {Rows, {Acked, Present, Half}} =
-        lists:mapfoldl(fun(R, {Prev, _, _}) ->
-                               {Now, _, _} = Checked = round(Dir, Logs, R, Workers),
-                               {{R, Prev, Now}, Checked}
-                       end, {0, 0, 0}, lists:seq(1, Rounds)),
+    %% each round checks every key logged so far, its own and the earlier
+    %% ones', and acknowledged commits before its kill
+    {Acked, Present, Half, Snaps} =
+        lists:foldl(fun(R, {Prev, _, _, Snaps}) ->
+                            {Now, P, H, Snap} = round(Dir, Logs, R, Workers),
+                            ?assert(Now > Prev),
+                            {Now, P, H, [Snap | Snaps]}
+                    end, {0, 0, 0, []}, lists:seq(1, Rounds)),
     os:cmd("rm -rf '" ++ Dir ++ "' '" ++ Logs ++ "'"),
-    %% every round acknowledged commits before its kill
-    ?assertEqual([], [R || {R, Prev, Now} <- Rows, Now =< Prev]),
-    {Rounds, Acked, Present, Acked - Present, Half, length(lists:usort(get(snaps))) - 1}.
+    {Rounds, Acked, Present, Acked - Present, Half, length(lists:usort(Snaps)) - 1}.
 
 round(Dir, Logs, R, Workers) ->
     Peer = child(#{}),
@@ -74,23 +107,16 @@ round(Dir, Logs, R, Workers) ->
     #{snapshot_seq := Snap} = arbo_db:info(Db),
     ok = arbo_db:close(Db),
     ?assertEqual({R, Acked, 0}, {R, Present, Half}),
-    put(snaps, [Snap | case R of 1 -> []; _ -> get(snaps) end]),
-    {Acked, Present, Half}.
+    {Acked, Present, Half, Snap}.
 
-%% In the child: the committers, started and left running.
+%% In the child: the store and its committers, started and left running.
 committers(Dir, Workers, Log, R) ->
-    Self = self(),
-    spawn(fun() ->
-              %% {interval, _} acknowledges once the frame is written: a VM
-              %% killed before the sync loses nothing either
-              Sync = case R rem 2 of 1 -> always; 0 -> {interval, 1000} end,
-              {ok, Db} = arbo_db:open(db_faults, #{dir => Dir, compact_bytes => 64 * 1024,
-                                                   sync => Sync}),
-              [spawn(fun() -> worker(Db, Log, R, W) end) || W <- lists:seq(1, Workers)],
-              Self ! started,
-              receive after infinity -> ok end
-          end),
-    receive started -> ok end.
+    %% {interval, _} acknowledges once the frame is written: a VM killed
+    %% before the sync loses nothing either
+    Sync = case R rem 2 of 1 -> always; 0 -> {interval, 1000} end,
+    {ok, Db} = arbo_db:open(db_faults, #{dir => Dir, compact_bytes => 64 * 1024, sync => Sync}),
+    [spawn(fun() -> worker(Db, Log, R, W) end) || W <- lists:seq(1, Workers)],
+    ok.
 
 %% Keys (R * 16 + W) * 2^20 + I: distinct over rounds and workers.
 worker(Db, Log, R, W) ->
@@ -122,29 +148,21 @@ check(Db, Logs) ->
 %% the store then answers the same tree, and reopened here it holds exactly
 %% the acknowledged commits.
 full_disk_run() ->
-    [Prlimit, Erl] = Exes = [os:find_executable(X) || X <- ["prlimit", "erl"]],
-    case lists:member(false, Exes) of
-        true -> io:format(user, "full disk skipped: no prlimit or erl~n", []), {skipped, 0};
-        false ->
-            Dir = scratch("full"),
-            %% writes past the limit fail with EFBIG instead of a signal
-            Exec = {"/bin/sh", ["-c", "trap '' XFSZ; exec \"$@\"", "sh", Prlimit,
-                                "--fsize=262144", Erl]},
-            Peer = child(#{exec => Exec}),
-            {{Answer, Fails}, Keys, Seq, Again} = peer:call(Peer, ?MODULE, full_disk, [Dir], 60000),
-            catch peer:stop(Peer),
-            ?assertEqual({{error, efbig}, {error, efbig}}, {Answer, Again}),
-            {ok, Db} = arbo_db:open(db_full, #{dir => Dir}),
-            T = arbo_db:tree(Db),
-            ?assertEqual({Seq, Keys}, {maps:get(seq, arbo_db:info(Db)), keys(T)}),
-            %% the refused batch is not there; the ones before it are
-            ?assertEqual({none, true},
-                         {arbo_tree:lookup(T, [1, Fails]), arbo_tree:lookup(T, [1, Fails - 1]) =/= none}),
-            {ok, _} = arbo_db:commit(Db, [{instance, [1], Fails}]),
-            ok = arbo_db:close(Db),
-            os:cmd("rm -rf '" ++ Dir ++ "'"),
-            {Answer, Seq}
-    end.
+    Dir = scratch("full"),
+    %% writes past the limit fail with EFBIG instead of a signal
+    Exec = {"/bin/sh", ["-c", "trap '' XFSZ; exec \"$@\"", "sh", os:find_executable("prlimit"),
+                        "--fsize=262144", os:find_executable("erl")]},
+    Peer = child(#{exec => Exec}),
+    {{Answer, Fails}, Keys, Seq, Again} = peer:call(Peer, ?MODULE, full_disk, [Dir], 60000),
+    catch peer:stop(Peer),
+    ?assertEqual({{error, efbig}, {error, efbig}}, {Answer, Again}),
+    {ok, Db} = arbo_db:open(db_full, #{dir => Dir}),
+    ?assertEqual({Seq, Keys, Fails - 1},
+                 {maps:get(seq, arbo_db:info(Db)), keys(arbo_db:tree(Db)), length(Keys)}),
+    {ok, _} = arbo_db:commit(Db, [{instance, [1], Fails}]),
+    ok = arbo_db:close(Db),
+    os:cmd("rm -rf '" ++ Dir ++ "'"),
+    {Answer, Seq}.
 
 %% In the child: commit until refused; the tree then, its seq, and a
 %% second try.
