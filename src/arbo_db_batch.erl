@@ -178,16 +178,21 @@ op({delete_ns, P, Ns}, V) when ?U32(Ns) ->
     Id = lists:last(Chain),
     V2 = emit(<<12, Ns:32>>, navigate(Chain, V1)),
     #v{nodes = Nodes, links = Links} = V2,
-    {Kind, Key, Ref, Gone} = maps:get(Id, Nodes),
-    Links1 = maps:map(fun({P1, K}, Child) when P1 =:= Id, Child =/= deleted ->
-                              case key_ns(K) of
-                                  Ns -> deleted;
-                                  _ -> Child
-                              end;
-                         (_, Child) -> Child
-                      end, Links),
-    {{delete_ns, target(Chain, V1), Ns},
-     V2#v{nodes = Nodes#{Id := {Kind, Key, Ref, [Ns | Gone]}}, links = Links1, moved = true}};
+    case maps:get(Id, Nodes) of
+        {{list, _}, _, _, _} ->
+            %% the library deletes nothing by namespace in a list
+            {{delete_ns, target(Chain, V1), Ns}, V2#v{moved = true}};
+        {Kind, Key, Ref, Gone} ->
+            Links1 = maps:map(fun({P1, K}, Child) when P1 =:= Id, Child =/= deleted ->
+                                      case key_ns(K) of
+                                          Ns -> deleted;
+                                          _ -> Child
+                                      end;
+                                 (_, Child) -> Child
+                              end, Links),
+            {{delete_ns, target(Chain, V1), Ns},
+             V2#v{nodes = Nodes#{Id := {Kind, Key, Ref, [Ns | Gone]}}, links = Links1, moved = true}}
+    end;
 op({rename, P, NewKey}, V) ->
     {Chain, V1} = resolve(P, V),
     {Parent, [Id]} = lists:split(length(Chain) - 1, Chain),

@@ -171,7 +171,7 @@ random_op() ->
           {list, L, O}, {instance, L, pick(keys())}, {set, V, pick(values())}, {clear_value, V},
           {set_active, I, pick([true, false])}, {set_flags, P, pick([0, 5, 300, 1 bsl 20, 1 bsl 40])},
           {set_attr, P, pick([1, 7]), {int32, rand:uniform(9)}}, {delete_attr, P, pick([1, 7])},
-          {delete, P}, {delete_ns, pick([[], [1]]), pick([0, 5, 7])}, {rename, I, pick(keys())},
+          {delete, P}, {delete_ns, pick([[], [1], [4]]), pick([0, 5, 7])}, {rename, I, pick(keys())},
           {move, I, pick([first, last, {position, 1}, {before, 1}, {'after', 2}])},
           {container, [1]}, {list, [1, 13], user_order}, {list, [4], user_order},
           {instance, [4], rand:uniform(3)}, {set_active, I4, pick([true, false])},
@@ -222,7 +222,8 @@ every_kind_test() ->
                [{rename, [5, 1], {int, 10}}, {rename, [{6, 7}, {opaque, <<"o">>}], {opaque, <<"p">>}}],
                [{delete, [{6, 7}, [{string, <<"k">>}]]}, {delete, [1, 2]}],
                [{leaf, [{9, 1}]}, {leaf, [{9, 2}]}, {leaf, [{8, 1}]}],
-               [{delete_ns, [], 9}],
+               %% by namespace nothing goes from a list: [5, 2] stays
+               [{delete_ns, [], 9}, {delete_ns, [5], 0}, {set_active, [5, 2], true}],
                [clear, {leaf, [1]}, {set, [1], <<"after clear">>}]],
     ?assertEqual(length(Batches), against_reference("db_kinds", Batches, 1)).
 
