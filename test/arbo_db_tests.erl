@@ -211,6 +211,8 @@ every_kind_test() ->
                [{set, [1, 2], <<"short">>}, {set, [{3, 4}], binary:copy(<<"l">>, 300)},
                 {set, [5, 1], {int32, -5}}, {set, [5, 2], {string, binary:copy(<<"s">>, 90)}},
                 {set, [5, 1, 9], {bool, true}}],
+               %% a long run of values set on nodes already there: one pass of the gate
+               [{set, [5, I rem 3 + 1], <<I:16>>} || I <- lists:seq(1, 80)],
                [{set_flags, [1], 7}, {set_flags, [1, 2], 1 bsl 12}, {set_flags, [5, 1], 1 bsl 20},
                 {set_flags, [5], 1 bsl 40}],
                [{set_attr, [1, 2], 1, {int32, 1}}, {set_attr, [5, 2], 9, {string, <<"a">>}}],
