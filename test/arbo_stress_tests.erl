@@ -341,8 +341,7 @@ report(#{params := #{trees := NT, readers := NR, writers := NW, rounds := Rounds
     All = fun(K) -> lists:sum([Get(merge(S, Race), R, K) || R <- [reader, writer, pushers]]) end,
     [Reads, Writes, Walks] = [Get(S, R, K) || {R, K} <- [{reader, ops}, {writer, ops}, {reader, walks}]],
     [{Label, lists:flatten(io_lib:format(F, A))} || {Label, F, A} <- [
-        {"mixed load: duration", "~.1f s", [Ms / 1000]},
-        {"mixed load: trees at once", "~b", [NT]},
+        {"mixed load: duration, trees at once", "~.1f s, ~b", [Ms / 1000, NT]},
         {"mixed load: processes", "~b readers, ~b writers, ~b savers, ~b pusher spawners; ~b iterator pushers "
          "started, ~b of them killed", [NR * NT, NW * NT, NT, NT, Get(S, pushers, ops), Get(S, pushers, killed)]},
         {"reader ops/s", "~b (~b ops, ~b filtered walks completed)", [Reads * 1000 div Ms, Reads, Walks]},
@@ -356,7 +355,6 @@ report(#{params := #{trees := NT, readers := NR, writers := NW, rounds := Rounds
          "~b saved files consistent", [NT, Walked, NT * NW, length(Saves)]},
         {"memory back to baseline (bytes)", "~b off, after the kept drifts: -8 x ~b binaries freed, "
          "+16 x ~b indexed removals, +~b flags table growth", [maps:get(K, Mem) || K <- [off, bins, leaks, growth]]},
-        {"race rounds", "~b x ~b trees", [Rounds, RT]},
         {"lost", "~b instances of the writers' models missing from their lists", [Lost]}]].
 
 %% ---- small helpers ---------------------------------------------------------
