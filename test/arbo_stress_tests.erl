@@ -13,6 +13,7 @@
 -include("arbo_codes.hrl").
 
 -export([figures/1]).
+-import(arbo_test_util, [pick/1, shuffle/1]).
 
 -define(SORTED_KEYS, 4000).  % key range of each tree's sorted list /2
 -define(LEAVES, 48).         % tags of the leaves under the container /1
@@ -23,8 +24,7 @@ stress_test_() -> {timeout, 900, fun() -> run(quick) end}.
 figures(Scale) -> report(run(Scale)).
 
 run(Scale) ->
-    Dir = filename:join("/tmp", "arbo_stress_" ++ os:getpid()),
-    ok = filelib:ensure_dir(filename:join(Dir, "x")),
+    Dir = arbo_bench_sched:scratch(),
     %% trees, readers, writers, ms, saves, rounds, race_trees, race_ms (as zipped below)
     Sizes = case Scale of quick -> [2, 3, 3, 2500, 2, 2, 3, 150]; full -> [4, 6, 4, 60000, 8, 10, 4, 400] end,
     P = maps:from_list([{dir, Dir}, {prefill, case os:getenv("ARBO_ASAN") of "1" -> 1100; _ -> 2000 end}
@@ -370,6 +370,3 @@ leaf_name() -> pick([{rand:uniform(3), rand:uniform(16)}, rand:uniform(?LEAVES) 
 
 sorted_key() -> rand:uniform(?SORTED_KEYS) - 1.
 
-pick(L) -> lists:nth(rand:uniform(length(L)), L).
-
-shuffle(L) -> [X || {_, X} <- lists:sort([{rand:uniform(), X} || X <- L])].
