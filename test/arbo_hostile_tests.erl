@@ -119,8 +119,9 @@ huge_lengths(Good) ->
 %% Opcodes replaced by codes that stop the load: operations 0, 1, 21, 25 and
 %% 28..31 anywhere, key forms 6 and 7 on the path records.
 bad_codes(Good) ->
-    [put_int(Good, P, 1, C) || {P, Op} <- records(Good), rand:uniform(3) =:= 1,
-        C <- [pick([0, 1, 21, 25, 28, 29, 30, 31]) | [Op band 31 + 32 * F || F <- [6, 7], lists:member(Op band 31, [6, 15, 20])]]].
+    [put_int(Good, P, 1, C) || {P, Op} <- records(Good),
+        C <- [pick([0, 1, 21, 25, 28, 29, 30, 31]) | [Op band 31 + 32 * F || F <- [6, 7], lists:member(Op band 31, [6, 15, 20])]],
+        rand:uniform(3) =:= 1].
 
 %% {Offset, Opcode} of every record: a record ends where a prefix verifies.
 records(Good) ->
@@ -164,7 +165,7 @@ decorate(T, Node, Kind) ->
 %% A typed value, or with Raw > 0 now and then a raw binary (one long).
 value(Raw) ->
     pick([{string32, rand:bytes(rand:uniform(40))}, {uint32, rand:uniform(1 bsl 20)}, {int64, -5},
-          {string, rand:bytes(rand:uniform(9))}, {ipv4, {10, 0, 0, 7}} | lists:duplicate(Raw, rand:bytes(20))]
+          {string, rand:bytes(rand:uniform(9))}, {ipv4, {10, 0, 0, 7}} | lists:duplicate(Raw, rand:bytes(rand:uniform(20)))]
          ++ [rand:bytes(250 + rand:uniform(20)) || Raw > 0]).
 
 stream() -> [?MAGIC | [record() || _ <- lists:seq(1, rand:uniform(40))]].
