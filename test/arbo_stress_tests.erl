@@ -13,6 +13,7 @@
 -include("arbo_codes.hrl").
 
 -export([figures/1]).
+-import(arbo_test_util, [pick/1, shuffle/1]).
 
 -define(SORTED_KEYS, 4000).  % key range of each tree's sorted list /2
 -define(LEAVES, 48).         % tags of the leaves under the container /1
@@ -23,8 +24,7 @@ stress_test_() -> {timeout, 900, fun() -> run(quick) end}.
 figures(Scale) -> report(run(Scale)).
 
 run(Scale) ->
-    Dir = filename:join("/tmp", "arbo_stress_" ++ os:getpid()),
-    ok = filelib:ensure_dir(filename:join(Dir, "x")),
+    Dir = arbo_bench_sched:scratch(),
     %% trees, readers, writers, ms, saves, rounds, race_trees, race_ms (as zipped below)
     Sizes = case Scale of quick -> [2, 3, 3, 2500, 2, 2, 3, 150]; full -> [4, 6, 4, 60000, 8, 10, 4, 400] end,
     P = maps:from_list([{dir, Dir}, {prefill, case os:getenv("ARBO_ASAN") of "1" -> 1100; _ -> 2000 end}
@@ -341,8 +341,7 @@ report(#{params := #{trees := NT, readers := NR, writers := NW, rounds := Rounds
     All = fun(K) -> lists:sum([Get(merge(S, Race), R, K) || R <- [reader, writer, pushers]]) end,
     [Reads, Writes, Walks] = [Get(S, R, K) || {R, K} <- [{reader, ops}, {writer, ops}, {reader, walks}]],
     [{Label, lists:flatten(io_lib:format(F, A))} || {Label, F, A} <- [
-        {"mixed load: duration", "~.1f s", [Ms / 1000]},
-        {"mixed load: trees at once", "~b", [NT]},
+        {"mixed load: duration, trees at once", "~.1f s, ~b", [Ms / 1000, NT]},
         {"mixed load: processes", "~b readers, ~b writers, ~b savers, ~b pusher spawners; ~b iterator pushers "
          "started, ~b of them killed", [NR * NT, NW * NT, NT, NT, Get(S, pushers, ops), Get(S, pushers, killed)]},
         {"reader ops/s", "~b (~b ops, ~b filtered walks completed)", [Reads * 1000 div Ms, Reads, Walks]},
@@ -356,7 +355,6 @@ report(#{params := #{trees := NT, readers := NR, writers := NW, rounds := Rounds
          "~b saved files consistent", [NT, Walked, NT * NW, length(Saves)]},
         {"memory back to baseline (bytes)", "~b off, after the kept drifts: -8 x ~b binaries freed, "
          "+16 x ~b indexed removals, +~b flags table growth", [maps:get(K, Mem) || K <- [off, bins, leaks, growth]]},
-        {"race rounds", "~b x ~b trees", [Rounds, RT]},
         {"lost", "~b instances of the writers' models missing from their lists", [Lost]}]].
 
 %% ---- small helpers ---------------------------------------------------------
@@ -372,6 +370,3 @@ leaf_name() -> pick([{rand:uniform(3), rand:uniform(16)}, rand:uniform(?LEAVES) 
 
 sorted_key() -> rand:uniform(?SORTED_KEYS) - 1.
 
-pick(L) -> lists:nth(rand:uniform(length(L)), L).
-
-shuffle(L) -> [X || {_, X} <- lists:sort([{rand:uniform(), X} || X <- L])].
