@@ -7,7 +7,7 @@
 -module(arbo_repl_tests).
 -include_lib("eunit/include/eunit.hrl").
 
--export([figures/1, dump/1, distributed/0]).
+-export([figures/1, distributed/0]).
 
 -define(NAME, arbo_repl_t).
 
@@ -17,25 +17,17 @@
 %% peer loads our code and library and keeps its connections to itself:
 %% no mesh made behind the tests' back, no partition "prevented" for them.
 distributed() ->
-    case node() of
-        nonode@nohost ->
-            _ = os:cmd("epmd -daemon"),
-            Name = list_to_atom("arbo_repl_tests_" ++ os:getpid()),
-            {ok, _} = net_kernel:start([Name, shortnames]);
-        _ -> ok
+    node() =:= nonode@nohost andalso begin
+        _ = os:cmd("epmd -daemon"),
+        {ok, _} = net_kernel:start([list_to_atom("arbo_repl_tests_" ++ os:getpid()), shortnames])
     end,
     erlang:set_cookie(arbo_repl_cookie).
 
 start_node(Name) ->
-    Ebin = filename:dirname(code:which(arbo_db)),
-    TestEbin = filename:dirname(code:which(?MODULE)),
-    {ok, P, N} = peer:start(#{name => Name, wait_boot => 60000,
-                              args => ["-pa", Ebin, "-pa", TestEbin,
-                                       "-setcookie", atom_to_list(erlang:get_cookie()),
-                                       "-connect_all", "false",
-                                       "+sbwt", "none", "+sbwtdcpu", "none", "+sbwtdio", "none",
-                                       "-kernel", "prevent_overlapping_partitions", "false"]}),
-    {P, N}.
+    Args = ["-setcookie", atom_to_list(erlang:get_cookie()), "-connect_all", "false",
+            "+sbwt", "none", "+sbwtdcpu", "none", "+sbwtdio", "none",
+            "-kernel", "prevent_overlapping_partitions", "false"],
+    arbo_test_util:start_peer(#{name => Name, wait_boot => 60000, args => Args}).
 
 %% A killed node stops at once, as a crash would: nothing is flushed.
 kill({P, N}) ->
@@ -47,8 +39,7 @@ kill({P, N}) ->
 %% after Fun.
 with_nodes(Fun) ->
     distributed(),
-    Root = filename:join("/tmp", "arbo_repl_" ++ os:getpid() ++ "_" ++
-                            integer_to_list(erlang:unique_integer([positive]))),
+    Root = arbo_test_util:tmp("repl_" ++ integer_to_list(erlang:unique_integer([positive]))),
     put(nodes, [start_node(list_to_atom(peer:random_name(X))) || X <- ["a", "b", "c"]]),
     try Fun(Root, get(nodes))
     after
@@ -73,6 +64,9 @@ leader(Root, X, Followers, Ack) ->
 
 follower(Root, X, L) -> open(Root, X, #{follow => n(L)}).
 
+%% X (killed) back as a new node following L.
+rejoin(Root, X, L) -> X1 = restart(X), follower(Root, X1, L), X1.
+
 %% A leads B and C under ack => majority, with the list the batches write.
 majority_group(Root, A, B, C) ->
     leader(Root, A, [B, C], majority),
@@ -90,15 +84,8 @@ seq(X) -> maps:get(seq, info(X)).
 role(X) -> maps:get(role, maps:get(replication, info(X))).
 repl_proc(X) -> erpc:call(n(X), erlang, whereis, [list_to_atom("arbo_repl " ++ atom_to_list(?NAME))]).
 
-%% A store's tree as its saved bytes: equal bytes, equal trees.
-dump(Name) ->
-    F = filename:join("/tmp", "arbo_repl_dump_" ++ os:getpid()),
-    ok = arbo_tree:save(arbo_db:tree(Name), F),
-    {ok, B} = file:read_file(F),
-    ok = file:delete(F),
-    B.
-
-dump_of(X) -> erpc:call(n(X), ?MODULE, dump, [?NAME]).
+%% X's tree as its saved bytes: equal bytes, equal trees.
+dump_of(X) -> erpc:call(n(X), fun() -> arbo_db_tests:dump(arbo_db:tree(?NAME)) end).
 
 %% Wait until X has applied Seq, then compare its tree with Ref's.
 same(Ref, X, Seq) ->
@@ -151,8 +138,7 @@ committed(X, I, Last, Acc) ->
     end.
 
 has(X, I) ->
-    T = erpc:call(n(X), arbo_db, tree, [?NAME]),
-    erpc:call(n(X), arbo_tree, lookup, [T, [1, 2, I, 3]]) =/= none.
+    erpc:call(n(X), fun() -> T = arbo_db:tree(?NAME), arbo_tree:lookup(T, [1, 2, I, 3]) =/= none end).
 
 %% ---- tests --------------------------------------------------------------------------
 
@@ -214,8 +200,7 @@ catch_up() ->
         commits(A, lists:seq(1, 20)),
         kill(B),
         commits(A, lists:seq(21, 60)),
-        B1 = restart(B),
-        follower(Root, B1, A),
+        B1 = rejoin(Root, B, A),
         same(A, B1, seq(A)),
         kill(B1),
         Big = binary:copy(<<"x">>, 200),
@@ -233,8 +218,7 @@ catch_up() ->
                      timed(fun() -> commit(A, batch(71)) end)),
         close(C),
         follower(Root, C, A),
-        B2 = restart(B1),
-        follower(Root, B2, A),
+        B2 = rejoin(Root, B1, A),
         [same(A, X, seq(A)) || X <- [B2, C]]
     end).
 
@@ -379,7 +363,7 @@ one_round(KillX) ->
                            end),
         {ok, _} = promote(Y),
         Lost = length([I || I <- Acked, not has(Y, I)]),
-        X1 = case KillX of true -> X2 = restart(X), follower(Root, X2, Y), X2; false -> X end,
+        X1 = case KillX of true -> rejoin(Root, X, Y); false -> X end,
         {ok, S} = retry_commit(Y, batch(1)),
         A1 = restart(A),
         leader(Root, A1, [B, C], majority),
