@@ -14,17 +14,13 @@ full_disk_test_() -> {timeout, 60, fun() -> full_disk_run() end}.
 
 %% The figures of `make reliability'.
 figures(full) ->
-    {Rounds, Acked, Present, Lost, Half, Compactions} = kills(60, 6),
+    Kills = [integer_to_list(N) || N <- tuple_to_list(kills(60, 6))],
     {Answer, Seq} = full_disk_run(),
-    [{"kill rounds (SIGKILL while 6 processes commit; sync => always, {interval, 1000} in turn)",
-      integer_to_list(Rounds)},
-     {"acknowledged commits checked after the reopens", integer_to_list(Acked)},
-     {"of them present", integer_to_list(Present)},
-     {"lost", integer_to_list(Lost)},
-     {"batches found half applied", integer_to_list(Half)},
-     {"snapshot moved on between reopens (compactions)", integer_to_list(Compactions)},
-     {"full disk: commit answered", io_lib:format("~p", [Answer])},
-     {"full disk: reopened at the last acknowledged seq", integer_to_list(Seq)}].
+    lists:zip(["kill rounds (SIGKILL while 6 processes commit; sync => always, {interval, 1000} in turn)",
+               "acknowledged commits checked after the reopens", "of them present", "lost",
+               "batches found half applied", "snapshot moved on between reopens (compactions)",
+               "full disk: commit answered", "full disk: reopened at the last acknowledged seq"],
+              Kills ++ [io_lib:format("~p", [Answer]), integer_to_list(Seq)]).
 
 scratch(Name) -> arbo_db_tests:scratch("faults_" ++ Name).
 

@@ -62,18 +62,17 @@ quiet(F) ->
 %% or answers false or an error).
 reference(Ref, Ops) ->
     C = copy(Ref),
-    case ref_ops(C, Ops, 1) of
-        ok -> {ok, C};
-        Fail -> arbo_tree:close(C), Fail
+    case lists:dropwhile(fun({_, Op}) -> ref_ok(C, Op) end, lists:enumerate(Ops)) of
+        [] -> {ok, C};
+        [{I, _} | _] -> arbo_tree:close(C), {fail, I}
     end.
 
-ref_ops(_, [], _) -> ok;
-ref_ops(T, [Op | More], I) ->
+ref_ok(T, Op) ->
     try ref_op(T, Op) of
-        false -> {fail, I};
-        {error, _} -> {fail, I};
-        _ -> ref_ops(T, More, I + 1)
-    catch _:_ -> {fail, I}
+        false -> false;
+        {error, _} -> false;
+        _ -> true
+    catch _:_ -> false
     end.
 
 node(T, P) ->
@@ -138,8 +137,7 @@ against_reference(Name, Batches, Every) ->
                    {Dbs1, Ref1, C1}
            end,
     Dbs0 = [begin {ok, D} = open(N, Dir, O), D end || {N, Dir, O} <- Stores],
-    {Dbs, Ref, Committed} = lists:foldl(Step, {Dbs0, arbo_tree:new(), 0},
-                                        lists:zip(lists:seq(1, length(Batches)), Batches)),
+    {Dbs, Ref, Committed} = lists:foldl(Step, {Dbs0, arbo_tree:new(), 0}, lists:enumerate(Batches)),
     [ok = arbo_db:close(Db) || Db <- Reopen(Dbs)],
     arbo_tree:close(Ref),
     Committed.
@@ -266,20 +264,7 @@ refusal_test() ->
 
 %% ---- journals cut and corrupted ------------------------------------------------------
 
-%% Four frames: the journal, its bytes, the tree after each frame and the
-%% frames' offsets.
-four_frames(Name, Dir) ->
-    {ok, Db} = open(Name, Dir),
-    Dumps = [begin {ok, _} = arbo_db:commit(Db, B), dump(arbo_db:tree(Db)) end
-             || B <- [[{list, [1], sorted}, {instance, [1], 1}],
-                      [{set, [1, 1], <<"one">>}, {instance, [1], 2}],
-                      [{set, [1, 2], {int32, 2}}, {set_flags, [1, 2], 3}],
-                      [{instance, [1], 3}, {set, [1, 3], <<"three">>}, {delete, [1, 1]}]]],
-    ok = arbo_db:close(Db),
-    [J] = filelib:wildcard(filename:join(Dir, "journal-*")),
-    {ok, Bin} = file:read_file(J),
-    {J, Bin, Dumps, frame_starts(Bin, 36)}.
-
+%% The offsets of a journal's frames.
 frame_starts(Bin, Pos) when Pos < byte_size(Bin) ->
     <<_:Pos/binary, Len:32, _/binary>> = Bin,
     [Pos | frame_starts(Bin, Pos + 16 + Len)];
@@ -296,7 +281,16 @@ journal_test_() ->
 
 journal() ->
     Dir = scratch("journal"),
-    {J, Bin, Dumps, [_, Second, Third, Last]} = four_frames(db_journal, Dir),
+    {ok, Db0} = open(db_journal, Dir),
+    Dumps = [begin {ok, _} = arbo_db:commit(Db0, B), dump(arbo_db:tree(Db0)) end
+             || B <- [[{list, [1], sorted}, {instance, [1], 1}],
+                      [{set, [1, 1], <<"one">>}, {instance, [1], 2}],
+                      [{set, [1, 2], {int32, 2}}, {set_flags, [1, 2], 3}],
+                      [{instance, [1], 3}, {set, [1, 3], <<"three">>}, {delete, [1, 1]}]]],
+    ok = arbo_db:close(Db0),
+    [J] = filelib:wildcard(filename:join(Dir, "journal-*")),
+    {ok, Bin} = file:read_file(J),
+    [_, Second, Third, Last] = frame_starts(Bin, 36),
     [begin
          <<A:Bit/bits, B:1, C/bits>> = Bin,
          ok = file:write_file(J, <<A:Bit/bits, (1 - B):1, C/bits>>),
