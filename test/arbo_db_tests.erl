@@ -4,12 +4,13 @@
 -module(arbo_db_tests).
 -include_lib("eunit/include/eunit.hrl").
 
--export([log/2]).
+-export([log/2, scratch/1, dump/1, reopen/3]).
 
 %% ---- helpers ------------------------------------------------------------------------
 
+%% A scratch directory, removed if it is there.
 scratch(Name) ->
-    D = filename:join("/tmp", "arbo_db_" ++ os:getpid() ++ "_" ++ Name),
+    D = arbo_test_util:tmp(Name),
     os:cmd("rm -rf '" ++ D ++ "'"),
     D.
 
@@ -19,7 +20,7 @@ dump(T) -> saved(T, fun file:read_file/1).
 copy(T) -> saved(T, fun(F) -> C = arbo_tree:new(), {ok, _} = arbo_tree:load(C, F), {ok, C} end).
 
 saved(T, Read) ->
-    F = filename:join("/tmp", "arbo_db_saved_" ++ os:getpid()),
+    F = arbo_test_util:tmp("saved"),
     ok = arbo_tree:save(T, F),
     {ok, R} = Read(F),
     ok = file:delete(F),
@@ -32,10 +33,11 @@ open(Name, Dir, Opts) -> arbo_db:open(Name, Opts#{dir => Dir}).
 state(Db) -> {dump(arbo_db:tree(Db)), maps:get(seq, arbo_db:info(Db))}.
 
 %% Close and open again: what is read back is what the store held.
-reopen(Db, Name, Dir) ->
+reopen(Db, Name, Dir) -> reopen(Db, Name, Dir, #{}).
+reopen(Db, Name, Dir, Opts) ->
     Expect = state(Db),
     ok = arbo_db:close(Db),
-    {ok, Db2} = open(Name, Dir),
+    {ok, Db2} = open(Name, Dir, Opts),
     ?assertEqual(Expect, state(Db2)),
     Db2.
 
@@ -45,13 +47,6 @@ holds(Name, Dir, Opts) ->
     S = state(Db),
     ok = arbo_db:close(Db),
     S.
-
-%% A child VM that loads this code and the library.
-child() ->
-    Args = lists:append([["-pa", filename:absname(filename:dirname(code:which(M)))]
-                         || M <- [?MODULE, arbo_tree]]),
-    {ok, Peer, _} = peer:start(#{connection => standard_io, args => Args}),
-    Peer.
 
 %% Run F with the console's log handler silent: the warnings and errors it
 %% provokes are expected (and checked where they are promised).
@@ -67,18 +62,17 @@ quiet(F) ->
 %% or answers false or an error).
 reference(Ref, Ops) ->
     C = copy(Ref),
-    case ref_ops(C, Ops, 1) of
-        ok -> {ok, C};
-        Fail -> arbo_tree:close(C), Fail
+    case lists:dropwhile(fun({_, Op}) -> ref_ok(C, Op) end, lists:enumerate(Ops)) of
+        [] -> {ok, C};
+        [{I, _} | _] -> arbo_tree:close(C), {fail, I}
     end.
 
-ref_ops(_, [], _) -> ok;
-ref_ops(T, [Op | More], I) ->
+ref_ok(T, Op) ->
     try ref_op(T, Op) of
-        false -> {fail, I};
-        {error, _} -> {fail, I};
-        _ -> ref_ops(T, More, I + 1)
-    catch _:_ -> {fail, I}
+        false -> false;
+        {error, _} -> false;
+        _ -> true
+    catch _:_ -> false
     end.
 
 node(T, P) ->
@@ -124,7 +118,7 @@ ref_op(T, Op) ->
 against_reference(Name, Batches, Every) ->
     Stores = [{list_to_atom(Name ++ S), scratch(Name ++ S), O}
               || {S, O} <- [{"", #{}}, {"_loader", #{direct_max => 0}}]],
-    Reopen = fun(Dbs) -> [reopen(Db, N, Dir) || {Db, {N, Dir, _}} <- lists:zip(Dbs, Stores)] end,
+    Reopen = fun(Dbs) -> [reopen(Db, N, Dir, O) || {Db, {N, Dir, O}} <- lists:zip(Dbs, Stores)] end,
     Step = fun({I, Ops}, {Dbs, Ref, Committed}) ->
                    Answers = [arbo_db:commit(Db, Ops) || Db <- Dbs],
                    {Ref1, C1} =
@@ -135,8 +129,7 @@ against_reference(Name, Batches, Every) ->
                                {Ref, Committed};
                            Other -> error({mismatch, Ops, Answers, Other})
                        end,
-                   Want = dump(Ref1),
-                   [?assertEqual(Want, dump(arbo_db:tree(Db))) || Db <- Dbs],
+                   [?assertEqual(dump(Ref1), dump(arbo_db:tree(Db))) || Db <- Dbs],
                    Dbs1 = if I rem Every =:= 0 -> Reopen(Dbs);
                              I rem Every =:= Every div 2 -> [ok = arbo_db:snapshot(Db) || Db <- Dbs], Dbs;
                              true -> Dbs
@@ -144,8 +137,7 @@ against_reference(Name, Batches, Every) ->
                    {Dbs1, Ref1, C1}
            end,
     Dbs0 = [begin {ok, D} = open(N, Dir, O), D end || {N, Dir, O} <- Stores],
-    {Dbs, Ref, Committed} = lists:foldl(Step, {Dbs0, arbo_tree:new(), 0},
-                                        lists:zip(lists:seq(1, length(Batches)), Batches)),
+    {Dbs, Ref, Committed} = lists:foldl(Step, {Dbs0, arbo_tree:new(), 0}, lists:enumerate(Batches)),
     [ok = arbo_db:close(Db) || Db <- Reopen(Dbs)],
     arbo_tree:close(Ref),
     Committed.
@@ -274,78 +266,65 @@ refusal_test() ->
 
 %% ---- journals cut and corrupted ------------------------------------------------------
 
-%% Four frames: the journal, its bytes, the tree after each frame and the
-%% frames' offsets.
-four_frames(Name, Dir) ->
-    {ok, Db} = open(Name, Dir),
-    Dumps = [begin {ok, _} = arbo_db:commit(Db, B), dump(arbo_db:tree(Db)) end
-             || B <- [[{list, [1], sorted}, {instance, [1], 1}],
-                      [{set, [1, 1], <<"one">>}, {instance, [1], 2}],
-                      [{set, [1, 2], {int32, 2}}, {set_flags, [1, 2], 3}],
-                      [{instance, [1], 3}, {set, [1, 3], <<"three">>}, {delete, [1, 1]}]]],
-    ok = arbo_db:close(Db),
-    [J] = filelib:wildcard(filename:join(Dir, "journal-*")),
-    {ok, Bin} = file:read_file(J),
-    {J, Bin, Dumps, frame_starts(Bin, 36)}.
-
+%% The offsets of a journal's frames.
 frame_starts(Bin, Pos) when Pos < byte_size(Bin) ->
     <<_:Pos/binary, Len:32, _/binary>> = Bin,
     [Pos | frame_starts(Bin, Pos + 16 + Len)];
 frame_starts(_, _) -> [].
 
+%% A flipped bit in a middle frame (header or payload) refuses the open
+%% with the frame's offset; recover => true opens to the frame before it.
 %% A last frame cut at any byte, or zeroed, opens to the frame before it;
 %% the cut bytes are gone from the file, a warning says how many went from
-%% where, and the next commit follows on.
-torn_tail_test_() ->
-    {timeout, 60, fun() -> quiet(fun torn_tail/0) end}.
+%% where, and the next commit follows on. A journal of an older snapshot is
+%% not replayed onto a newer one, nor a journal of a snapshot that is missing.
+journal_test_() ->
+    {timeout, 60, fun() -> quiet(fun journal/0) end}.
 
-torn_tail() ->
-    Dir = scratch("torn"),
-    {J, Bin, Dumps, [_, _, _, Last]} = four_frames(db_torn, Dir),
+journal() ->
+    Dir = scratch("journal"),
+    {ok, Db0} = open(db_journal, Dir),
+    Dumps = [begin {ok, _} = arbo_db:commit(Db0, B), dump(arbo_db:tree(Db0)) end
+             || B <- [[{list, [1], sorted}, {instance, [1], 1}],
+                      [{set, [1, 1], <<"one">>}, {instance, [1], 2}],
+                      [{set, [1, 2], {int32, 2}}, {set_flags, [1, 2], 3}],
+                      [{instance, [1], 3}, {set, [1, 3], <<"three">>}, {delete, [1, 1]}]]],
+    ok = arbo_db:close(Db0),
+    [J] = filelib:wildcard(filename:join(Dir, "journal-*")),
+    {ok, Bin} = file:read_file(J),
+    [_, Second, Third, Last] = frame_starts(Bin, 36),
+    [begin
+         <<A:Bit/bits, B:1, C/bits>> = Bin,
+         ok = file:write_file(J, <<A:Bit/bits, (1 - B):1, C/bits>>),
+         ?assertEqual({Bit, {error, {corrupt_journal, J, Second}}}, {Bit, open(db_journal, Dir)}),
+         ?assertEqual({Bit, {hd(Dumps), 1}}, {Bit, holds(db_journal, Dir, #{recover => true})})
+     end || Bit <- [Second * 8 + 2, (Second + 5) * 8, (Second + 13) * 8 + 7, (Third - 1) * 8]],
     ok = logger:add_handler(?MODULE, ?MODULE, #{config => #{to => self()}, level => warning}),
     Zeroed = <<(binary:part(Bin, 0, Last))/binary, 0:((byte_size(Bin) - Last) * 8)>>,
     [begin
          ok = file:write_file(J, Torn),
          ?assertEqual({byte_size(Torn), {lists:nth(3, Dumps), 3}, Last},
-                      {byte_size(Torn), holds(db_torn, Dir, #{}), filelib:file_size(J)}),
+                      {byte_size(Torn), holds(db_journal, Dir, #{}), filelib:file_size(J)}),
          Dropped = byte_size(Torn) - Last,
          ?assertEqual(if Dropped > 0 -> {Dropped, Last}; true -> no_warning end,
-                      receive {warning, [db_torn, _, D, At]} -> {D, At} after 100 -> no_warning end)
+                      receive {warning, [db_journal, _, D, At]} -> {D, At} after 100 -> no_warning end)
      end || Torn <- [binary:part(Bin, 0, Cut) || Cut <- lists:seq(Last, byte_size(Bin) - 1)] ++ [Zeroed]],
     ok = logger:remove_handler(?MODULE),
-    {ok, Db} = open(db_torn, Dir),
+    {ok, Db} = open(db_journal, Dir),
     ?assertEqual({ok, 4}, arbo_db:commit(Db, [{instance, [1], 9}])),
-    ok = arbo_db:close(reopen(Db, db_torn, Dir)).
+    Db2 = reopen(Db, db_journal, Dir),
+    ok = arbo_db:snapshot(Db2),
+    ok = arbo_db:close(Db2),
+    [New] = filelib:wildcard(filename:join(Dir, "journal-*")),
+    ok = file:write_file(New, Bin),
+    ?assertEqual({error, {stale_journal, New}}, open(db_journal, Dir)),
+    ok = file:write_file(filename:join(Dir, "journal-00000000000000ff-"
+                                       "00000000000000000000000000000000.log"), Bin),
+    ?assertMatch({error, {missing_snapshot, _}}, open(db_journal, Dir)).
 
 %% A logger handler that passes warnings on to a test process.
 log(#{level := warning, msg := {_, Args}}, #{config := #{to := Pid}}) -> Pid ! {warning, Args};
 log(_, _) -> ok.
-
-%% A flipped bit in a middle frame (header or payload) refuses the open
-%% with the frame's offset; recover => true opens to the frame before it.
-%% A journal of an older snapshot is not replayed onto a newer one, nor a
-%% journal of a snapshot that is missing.
-damaged_journal_test() -> quiet(fun damaged_journal/0).
-
-damaged_journal() ->
-    Dir = scratch("damaged"),
-    {J, Bin, Dumps, [_, Second, Third, _]} = four_frames(db_damaged, Dir),
-    [begin
-         <<A:Bit/bits, B:1, C/bits>> = Bin,
-         ok = file:write_file(J, <<A:Bit/bits, (1 - B):1, C/bits>>),
-         ?assertEqual({Bit, {error, {corrupt_journal, J, Second}}}, {Bit, open(db_damaged, Dir)}),
-         ?assertEqual({Bit, {hd(Dumps), 1}}, {Bit, holds(db_damaged, Dir, #{recover => true})}),
-         ok = file:write_file(J, Bin)
-     end || Bit <- [Second * 8 + 2, (Second + 5) * 8, (Second + 13) * 8 + 7, (Third - 1) * 8]],
-    {ok, Db} = open(db_damaged, Dir),
-    ok = arbo_db:snapshot(Db),
-    ok = arbo_db:close(Db),
-    [New] = filelib:wildcard(filename:join(Dir, "journal-*")),
-    ok = file:write_file(New, Bin),
-    ?assertEqual({error, {stale_journal, New}}, open(db_damaged, Dir)),
-    ok = file:write_file(filename:join(Dir, "journal-00000000000000ff-"
-                                       "00000000000000000000000000000000.log"), Bin),
-    ?assertMatch({error, {missing_snapshot, _}}, open(db_damaged, Dir)).
 
 %% ---- compaction, writers ---------------------------------------------------------------
 
@@ -402,20 +381,18 @@ policy(Policy) ->
 
 %% ---- frames for followers -------------------------------------------------------------
 
-%% A second store fed with the first one's frames, as a subscriber gets
-%% them and as frames_since/2 reads them back, holds the same tree; frames
-%% out of order or malformed are refused.
+%% A second store fed with the first one's frames, as frames_since/2 reads
+%% them back, holds the same tree; frames out of order or malformed are
+%% refused. (The replication suite feeds followers as subscribers.)
 follower_test() ->
     {ok, A} = open(db_leader, scratch("leader")),
     {ok, B} = open(db_follower, scratch("follower")),
-    ok = arbo_db:subscribe(A),
-    Batches = [[{list, [1], user_order}, {instance, [1], 1}, {instance, [1], 2}],
-               [{set, [1, 1], <<"a">>}, {move, [1, 2], first}, {set_active, [1, 1], false}],
-               [{leaf, [2]}, {set, [2], {int32, 7}}, {clear_value, [2]}, clear, {leaf, [3]}]],
-    [{ok, _} = arbo_db:commit(A, Ops) || Ops <- Batches],
-    Frames = lists:append([receive {arbo_db_frames, db_leader, F} -> F end || _ <- Batches]),
+    [{ok, _} = arbo_db:commit(A, Ops)
+     || Ops <- [[{list, [1], user_order}, {instance, [1], 1}, {instance, [1], 2}],
+                [{set, [1, 1], <<"a">>}, {move, [1, 2], first}, {set_active, [1, 1], false}],
+                [{leaf, [2]}, {set, [2], {int32, 7}}, {clear_value, [2]}, clear, {leaf, [3]}]]],
+    {ok, Frames} = arbo_db:frames_since(A, 0),
     ?assertEqual([1, 2, 3], [Seq || {Seq, _} <- Frames]),
-    ?assertEqual({ok, Frames}, arbo_db:frames_since(A, 0)),
     ?assertEqual({ok, tl(Frames)}, arbo_db:frames_since(A, 1)),
     ?assertEqual({error, {out_of_order, 1, 2}}, arbo_db:append(B, tl(Frames))),
     ?assertEqual({ok, 1}, arbo_db:append(B, [hd(Frames)])),
@@ -429,23 +406,3 @@ follower_test() ->
     ?assertEqual({error, {compacted, 3}}, arbo_db:frames_since(A, 2)),
     ?assertEqual({ok, []}, arbo_db:frames_since(A, 3)),
     [ok = arbo_db:close(D) || D <- [A, reopen(B, db_follower, maps:get(dir, arbo_db:info(B)))]].
-
-
-%% ---- one VM per directory --------------------------------------------------------------
-
-%% A store open in another VM keeps this VM out; once that VM is killed,
-%% the lock it left is taken over.
-lock_test_() ->
-    {timeout, 60, fun() ->
-        Dir = scratch("lock"),
-        Peer = child(),
-        {ok, _} = peer:call(Peer, arbo_db, open, [db_lock, #{dir => Dir}]),
-        OsPid = peer:call(Peer, os, getpid, []),
-        ?assertEqual({error, {locked, filename:join(Dir, "LOCK"), OsPid}},
-                     arbo_db:open(db_lock, #{dir => Dir})),
-        os:cmd("kill -9 " ++ OsPid),
-        catch peer:stop(Peer),
-        {ok, Db} = arbo_db:open(db_lock, #{dir => Dir}),
-        ok = arbo_db:close(Db),
-        ?assertNot(filelib:is_file(filename:join(Dir, "LOCK")))
-    end}.

@@ -7,7 +7,7 @@
 -module(arbo_repl_tests).
 -include_lib("eunit/include/eunit.hrl").
 
--export([figures/1, dump/1, distributed/0]).
+-export([figures/1, distributed/0]).
 
 -define(NAME, arbo_repl_t).
 
@@ -17,25 +17,17 @@
 %% peer loads our code and library and keeps its connections to itself:
 %% no mesh made behind the tests' back, no partition "prevented" for them.
 distributed() ->
-    case node() of
-        nonode@nohost ->
-            _ = os:cmd("epmd -daemon"),
-            Name = list_to_atom("arbo_repl_tests_" ++ os:getpid()),
-            {ok, _} = net_kernel:start([Name, shortnames]);
-        _ -> ok
+    node() =:= nonode@nohost andalso begin
+        _ = os:cmd("epmd -daemon"),
+        {ok, _} = net_kernel:start([list_to_atom("arbo_repl_tests_" ++ os:getpid()), shortnames])
     end,
     erlang:set_cookie(arbo_repl_cookie).
 
 start_node(Name) ->
-    Ebin = filename:dirname(code:which(arbo_db)),
-    TestEbin = filename:dirname(code:which(?MODULE)),
-    {ok, P, N} = peer:start(#{name => Name, wait_boot => 60000,
-                              args => ["-pa", Ebin, "-pa", TestEbin,
-                                       "-setcookie", atom_to_list(erlang:get_cookie()),
-                                       "-connect_all", "false",
-                                       "+sbwt", "none", "+sbwtdcpu", "none", "+sbwtdio", "none",
-                                       "-kernel", "prevent_overlapping_partitions", "false"]}),
-    {P, N}.
+    Args = ["-setcookie", atom_to_list(erlang:get_cookie()), "-connect_all", "false",
+            "+sbwt", "none", "+sbwtdcpu", "none", "+sbwtdio", "none",
+            "-kernel", "prevent_overlapping_partitions", "false"],
+    arbo_test_util:start_peer(#{name => Name, wait_boot => 60000, args => Args}).
 
 %% A killed node stops at once, as a crash would: nothing is flushed.
 kill({P, N}) ->
@@ -47,8 +39,7 @@ kill({P, N}) ->
 %% after Fun.
 with_nodes(Fun) ->
     distributed(),
-    Root = filename:join("/tmp", "arbo_repl_" ++ os:getpid() ++ "_" ++
-                            integer_to_list(erlang:unique_integer([positive]))),
+    Root = arbo_test_util:tmp("repl_" ++ integer_to_list(erlang:unique_integer([positive]))),
     put(nodes, [start_node(list_to_atom(peer:random_name(X))) || X <- ["a", "b", "c"]]),
     try Fun(Root, get(nodes))
     after
@@ -73,6 +64,9 @@ leader(Root, X, Followers, Ack) ->
 
 follower(Root, X, L) -> open(Root, X, #{follow => n(L)}).
 
+%% X (killed) back as a new node following L.
+rejoin(Root, X, L) -> X1 = restart(X), follower(Root, X1, L), X1.
+
 %% A leads B and C under ack => majority, with the list the batches write.
 majority_group(Root, A, B, C) ->
     leader(Root, A, [B, C], majority),
@@ -90,15 +84,8 @@ seq(X) -> maps:get(seq, info(X)).
 role(X) -> maps:get(role, maps:get(replication, info(X))).
 repl_proc(X) -> erpc:call(n(X), erlang, whereis, [list_to_atom("arbo_repl " ++ atom_to_list(?NAME))]).
 
-%% A store's tree as its saved bytes: equal bytes, equal trees.
-dump(Name) ->
-    F = filename:join("/tmp", "arbo_repl_dump_" ++ os:getpid()),
-    ok = arbo_tree:save(arbo_db:tree(Name), F),
-    {ok, B} = file:read_file(F),
-    ok = file:delete(F),
-    B.
-
-dump_of(X) -> erpc:call(n(X), ?MODULE, dump, [?NAME]).
+%% X's tree as its saved bytes: equal bytes, equal trees.
+dump_of(X) -> erpc:call(n(X), fun() -> arbo_db_tests:dump(arbo_db:tree(?NAME)) end).
 
 %% Wait until X has applied Seq, then compare its tree with Ref's.
 same(Ref, X, Seq) ->
@@ -151,15 +138,13 @@ committed(X, I, Last, Acc) ->
     end.
 
 has(X, I) ->
-    T = erpc:call(n(X), arbo_db, tree, [?NAME]),
-    erpc:call(n(X), arbo_tree, lookup, [T, [1, 2, I, 3]]) =/= none.
+    erpc:call(n(X), fun() -> T = arbo_db:tree(?NAME), arbo_tree:lookup(T, [1, 2, I, 3]) =/= none end).
 
 %% ---- tests --------------------------------------------------------------------------
 
 repl_test_() ->
     [{timeout, 120, F} || F <- [fun equal_after_batches/0, fun catch_up/0, fun split_and_heal/0,
-                                fun promote_after_leader_killed/0, fun promote_behind/0,
-                                fun leader_lost_frames/0]].
+                                fun promote_after_leader_killed/0, fun leader_lost_frames/0]].
 
 %% B is A's replica; C follows A without being one: it is fed like B, but
 %% a majority is of A and B only.
@@ -214,8 +199,7 @@ catch_up() ->
         commits(A, lists:seq(1, 20)),
         kill(B),
         commits(A, lists:seq(21, 60)),
-        B1 = restart(B),
-        follower(Root, B1, A),
+        B1 = rejoin(Root, B, A),
         same(A, B1, seq(A)),
         kill(B1),
         Big = binary:copy(<<"x">>, 200),
@@ -233,8 +217,7 @@ catch_up() ->
                      timed(fun() -> commit(A, batch(71)) end)),
         close(C),
         follower(Root, C, A),
-        B2 = restart(B1),
-        follower(Root, B2, A),
+        B2 = rejoin(Root, B1, A),
         [same(A, X, seq(A)) || X <- [B2, C]]
     end).
 
@@ -244,31 +227,13 @@ catch_up() ->
 promote_after_leader_killed() ->
     ?assertMatch(#{lost := 0, converged := 1}, one_round(false)).
 
-%% B, away, falls behind; C has compacted past it; the leader is lost.
-%% Promoting B would drop what C holds: B refuses and names C; C can be
-%% promoted, and B then takes its snapshot.
-promote_behind() ->
-    with_nodes(fun(Root, [A, B, C]) ->
-        S0 = majority_group(Root, A, B, C),
-        same(A, B, S0),
-        close(B),
-        commits(A, lists:seq(1, 10)),
-        {ok, S1} = commit(A, []),
-        ok = call(C, wait_for, [S1, 20000]),
-        ok = call(C, snapshot, []),
-        kill(A),
-        follower(Root, B, A),
-        ?assertEqual({error, {behind, n(C)}}, promote(B)),
-        ?assertEqual(follower, role(B)),
-        {ok, _} = promote(C),
-        {ok, S2} = commit(C, batch(11)),
-        same(C, B, S2)
-    end).
-
 %% A split from B and C: its majority commits fail, B and C serve stale
 %% reads; healed, all converge. Split again with B behind: B, promoted on
 %% the far side, first takes from C the batch A and C acknowledged; A's
-%% unacknowledged batch is dropped when it learns of B's epoch.
+%% unacknowledged batch is dropped when it learns of B's epoch. Then A,
+%% away, falls behind; C has compacted past it; the leader B is lost.
+%% Promoting A would drop what C holds: A refuses and names C; C can be
+%% promoted, and A then takes its snapshot.
 split_and_heal() ->
     with_nodes(fun(Root, [A, B, C]) ->
         S0 = majority_group(Root, A, B, C),
@@ -301,7 +266,19 @@ split_and_heal() ->
         {ok, S3} = retry_commit(B, batch(6)),
         stepped_down(A),
         [same(B, X, S3) || X <- [A, C]],
-        ?assertEqual({false, {error, {not_leader, n(B)}}}, {has(A, 4), commit(A, batch(7))})
+        ?assertEqual({false, {error, {not_leader, n(B)}}}, {has(A, 4), commit(A, batch(7))}),
+        close(A),
+        commits(B, lists:seq(10, 19)),
+        {ok, S4} = commit(B, []),
+        ok = call(C, wait_for, [S4, 20000]),
+        ok = call(C, snapshot, []),
+        kill(B),
+        follower(Root, A, B),
+        ?assertEqual({error, {behind, n(C)}}, promote(A)),
+        ?assertEqual(follower, role(A)),
+        {ok, _} = promote(C),
+        {ok, S5} = commit(C, batch(20)),
+        same(C, A, S5)
     end).
 
 %% Frames go to the followers while the leader syncs them: the leader can
@@ -379,7 +356,7 @@ one_round(KillX) ->
                            end),
         {ok, _} = promote(Y),
         Lost = length([I || I <- Acked, not has(Y, I)]),
-        X1 = case KillX of true -> X2 = restart(X), follower(Root, X2, Y), X2; false -> X end,
+        X1 = case KillX of true -> rejoin(Root, X, Y); false -> X end,
         {ok, S} = retry_commit(Y, batch(1)),
         A1 = restart(A),
         leader(Root, A1, [B, C], majority),

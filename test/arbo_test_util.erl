@@ -11,6 +11,7 @@
 -export([child_keys/2, lib_mem/0, flags_free/0, type0_node/2, snapshot/1, expect/1]).
 %% for the safe-API suites
 -export([tmp/1, peer_call/3]).
+-export([start_peer/1]).
 
 %% Runs Fun(T) on a fresh table and closes it afterwards.
 with_table(Fun) -> T = arbo:new(), try Fun(T) after catch arbo:close(T) end.
@@ -94,3 +95,11 @@ node_snapshot(T, N) ->
 attrs(_T, 0) -> [];
 attrs(T, A) ->
     [{arbo:get_hkey0(T, A), arbo:get_val_raw(T, A)} | attrs(T, arbo:next_sibling_nif(T, A, [], 0))].
+
+%% peer:start(Opts) for a VM that loads this VM's code (the library and the
+%% suites); Opts's args follow the code paths. {Peer, Node}.
+start_peer(Opts) ->
+    Dirs = lists:usort([filename:absname(filename:dirname(code:which(M))) || M <- [?MODULE, arbo]]),
+    Args = lists:append([["-pa", D] || D <- Dirs]) ++ maps:get(args, Opts, []),
+    {ok, Peer, Node} = peer:start(Opts#{args => Args}),
+    {Peer, Node}.
