@@ -3,10 +3,8 @@
 %% the model does not use, exact accounting of every allocation, the library
 %% counter across tables, and the refusals the store makes (argument
 %% decoding, handles, node types and the order of the checks are swept by
-%% arbo_fuzz_tests). Random sequences of list edits
-%% through every key form, renames included, are checked in store_prop_tests
-%% (the lists themselves, every key style and the index thresholds, in
-%% store_model_test.cpp).
+%% arbo_fuzz_tests). Random sequences of list edits, every key style and the
+%% index thresholds are checked in store_model_test.cpp.
 -module(edit_tests).
 -include_lib("eunit/include/eunit.hrl").
 -include("arbo_codes.hrl").

@@ -1,5 +1,5 @@
 %% Navigation: empty nodes, find_next_nif, moves, flag queries and hidden
-%% inactive nodes. (A container's chain: edit_tests; lists: store_prop_tests;
+%% inactive nodes. (A container's chain: edit_tests; lists: store_model_test.cpp;
 %% argument decoding, handles and node types are swept by arbo_fuzz_tests;
 %% filtered walks by filter_tests.)
 -module(nav_tests).
@@ -23,7 +23,7 @@ empty_nodes_test() ->
 
 %% Sorted lists: find_next_nif (strictly after the key, or at it with Mode
 %% 1; with a filter the walk starts there). Positions, lookups and byte keys
-%% in lists are followed by store_prop_tests.
+%% in lists are followed by store_model_test.cpp.
 sorted_list_test() ->
     with_table(fun(T) ->
         L = arbo:add_hkey_dyn(T, arbo:get_root(T), 1, ?ORDER_PLAIN),
