@@ -1,5 +1,6 @@
-%% Navigation: empty nodes, find_next_nif, moves, flag queries and hidden
-%% inactive nodes. (A container's chain: edit_tests; lists: store_model_test.cpp;
+%% Navigation: empty nodes, find_next_nif, flag queries and hidden inactive
+%% nodes. (A container's chain: edit_tests; lists, moves included:
+%% store_model_test.cpp, the tree layer's moves_test_;
 %% argument decoding, handles and node types are swept by arbo_fuzz_tests;
 %% filtered walks by filter_tests.)
 -module(nav_tests).
@@ -7,7 +8,7 @@
 -include_lib("eunit/include/eunit.hrl").
 -include("arbo_codes.hrl").
 
--import(arbo_test_util, [with_table/1, reason/1, hide/1, children/2, deactivate/2, shuffle/1, str/1, expect/1]).
+-import(arbo_test_util, [with_table/1, hide/1, children/2, deactivate/2, shuffle/1, str/1, expect/1]).
 
 %% Every kind of childless node answers "nothing"; an empty sorted list's
 %% last child is its header view, the list node itself (kept).
@@ -36,19 +37,6 @@ sorted_list_test() ->
                 {6, 39, 0, {101, 1, 0, <<"10">>}, 10}],
         [?assertEqual({Key, Mode, F, Inst(Want)}, {Key, Mode, F, arbo:find_next_nif(T, L, Key, Code, Mode, F)})
          || {Key, Code, Mode, F, Want} <- Next]
-    end).
-
-%% Moves in user-ordered lists (their order, last child and links are
-%% followed by the store model and the stress checks, move_to by the tree
-%% layer's model). Kept contract of move_rel_internal: "false" means
-%% the instance moved, "true" refused. Only user-ordered lists move.
-user_ordered_test() ->
-    with_table(fun(T) ->
-        [L, S] = [arbo:add_hkey_dyn(T, arbo:get_root(T), K, M) || {K, M} <- [{1, 3}, {2, 0}]],
-        [A, B, C, D] = [arbo:add_hkey(T, L, K, ?KEY_INT) || K <- [40, 10, 30, 20]],
-        ?assertEqual([false, true], [arbo:move_rel_internal(T, L, C, 1, A), arbo:move_rel_internal(T, L, C, 1, C)]),
-        ?assertEqual({[C, A, B, D], D, 1}, {children(T, L), arbo:last_child(T, L), arbo:get_generation(T)}),
-        ?assertEqual(badarg, reason(fun() -> SI = arbo:add_hkey(T, S, 1, ?KEY_INT), arbo:move_rel_internal(T, S, SI, 1, SI) end))
     end).
 
 %% Flag queries over children; has_descendant_with_flags' fourth argument
