@@ -99,6 +99,18 @@ del_hkey_test() ->
         ?assertEqual({[], ?ROOT_MEM + ?DYN_MEM}, {children(T, L), arbo:get_mem(T)})
     end).
 
+%% An instance's key reads back in the form it was last named in: a pair
+%% renamed as [Ns | Tag] reads so until an add names it {Ns, Tag} again.
+key_form_read_back_test() ->
+    with_table(fun(T) ->
+        L = arbo:add_hkey_dyn(T, arbo:get_root(T), 1, ?ORDER_PLAIN),
+        I = arbo:add_hkey(T, L, {1, 8}, ?KEY_NS_INT),
+        true = arbo:rename_instance0(T, L, I, [2 | 8], ?KEY_INT),
+        ?assertEqual([2 | 8], arbo:get_hkey0(T, I)),
+        I = arbo:add_hkey(T, L, {2, 8}, ?KEY_NS_INT),
+        ?assertEqual({{2, 8}}, arbo:get_hkey0(T, I))
+    end).
+
 %% A tree with every kind of allocation (a key of 10 bytes kept inside its
 %% node, one of 12 in a shared binary); its figures are exact. Freeing it by
 %% del_all, close or deleting its top nodes gives back every byte to the
