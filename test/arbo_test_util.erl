@@ -8,7 +8,7 @@
 
 -export([with_table/1, reason/1, hide/1, children/2, str/1, u32/1, deactivate/2, shuffle/1, pick/1,
          child_vm/2]).
--export([child_keys/2, lib_mem/0, flags_free/0, type0_node/2, snapshot/1, expect/1]).
+-export([child_keys/2, lib_mem/0, type0_node/2, snapshot/1, expect/1]).
 %% for the safe-API suites
 -export([tmp/1, peer_call/3]).
 -export([start_peer/1]).
@@ -74,9 +74,6 @@ expect(Rows) ->
 child_keys(T, Node) -> [arbo:get_hkey0(T, C) || C <- children(T, Node)].
 
 lib_mem() -> hd(arbo:alloc_info()).
-
-%% Free entries of the shared user-flags table.
-flags_free() -> [_, {8, _Cap, Free}] = arbo:alloc_info(), Free.
 
 %% A reference whose type bits read as 0: eight bytes into a childless leaf
 %% (56 bytes), the type word falls on the leaf's null child link. Only fit

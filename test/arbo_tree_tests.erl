@@ -1,6 +1,6 @@
 %% The tree API on a small configuration tree: reads, changes, moves, its
 %% errors (one row per error path) and filtered walks across the library's
-%% yields. (The library's own list model: store_prop_tests; key forms:
+%% yields. (The library's own list model: store_model_test.cpp; key forms:
 %% arbo_hostile_api_tests; the gate: arbo_gate_tests.)
 -module(arbo_tree_tests).
 -include_lib("eunit/include/eunit.hrl").

@@ -3,10 +3,8 @@
 %% the model does not use, exact accounting of every allocation, the library
 %% counter across tables, and the refusals the store makes (argument
 %% decoding, handles, node types and the order of the checks are swept by
-%% arbo_fuzz_tests). Random sequences of list edits
-%% through every key form, renames included, are checked in store_prop_tests
-%% (the lists themselves, every key style and the index thresholds, in
-%% store_model_test.cpp).
+%% arbo_fuzz_tests). Random sequences of list edits, every key style and the
+%% index thresholds are checked in store_model_test.cpp.
 -module(edit_tests).
 -include_lib("eunit/include/eunit.hrl").
 -include("arbo_codes.hrl").
@@ -99,6 +97,18 @@ del_hkey_test() ->
         Rows = [{14, 6}, {13, [1 | 8]}, {52, <<"t">>}, {13, foo}],
         ?assertEqual([true, true, true, true], [arbo:del_hkey(T, L, Key, Code) || {Code, Key} <- Rows]),
         ?assertEqual({[], ?ROOT_MEM + ?DYN_MEM}, {children(T, L), arbo:get_mem(T)})
+    end).
+
+%% An instance's key reads back in the form it was last named in: a pair
+%% renamed as [Ns | Tag] reads so until an add names it {Ns, Tag} again.
+key_form_read_back_test() ->
+    with_table(fun(T) ->
+        L = arbo:add_hkey_dyn(T, arbo:get_root(T), 1, ?ORDER_PLAIN),
+        I = arbo:add_hkey(T, L, {1, 8}, ?KEY_NS_INT),
+        true = arbo:rename_instance0(T, L, I, [2 | 8], ?KEY_INT),
+        ?assertEqual([2 | 8], arbo:get_hkey0(T, I)),
+        I = arbo:add_hkey(T, L, {2, 8}, ?KEY_NS_INT),
+        ?assertEqual({{2, 8}}, arbo:get_hkey0(T, I))
     end).
 
 %% A tree with every kind of allocation (a key of 10 bytes kept inside its

@@ -76,6 +76,19 @@ reload(Build) ->
                  {arbo:get_size(T2), arbo_test_util:snapshot(T2), save_bytes(T2, 0)}),
     arbo:close(T), arbo:close(T2).
 
+%% Values larger than the loader's 1 MiB read buffer, one after another
+%% (a refill, then a read past the buffer), come back whole, as do the
+%% csvals of 64 and 65 bytes before them.
+big_values_test() ->
+    reload(fun(T) ->
+        Vals = [{?VAL_CSVAL, <<14, 62, (binary:copy(<<"v">>, 62))/binary>>},
+                {?VAL_CSVAL, <<14, 63, (binary:copy(<<"w">>, 63))/binary>>}
+                | [{?VAL_BINARY, binary:copy(<<"0123456789", C>>, 100000 + C)} || C <- [1, 2, 3]]],
+        [ok = arbo:set_val(T, arbo:add_hkey(T, arbo:get_root(T), K, ?KEY_TAG), Kind, V)
+         || {K, {Kind, V}} <- lists:enumerate(Vals)],
+        save_bytes(T, 0)
+    end).
+
 %% Instance blocks one after another are replayed without the dispatch loop
 %% while they take its shape (46 key, a 09 or 0D value or none, 07); with a
 %% no-op record before each they go through the loop one record at a time.

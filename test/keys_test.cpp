@@ -1,8 +1,7 @@
 // The key order: pinned comparisons in every mode and both operand orders.
 // Which codes exist, their lengths and the parser's aborts are checked in
 // type_codes_test.cpp; node keys (inline, out of line, integer with
-// namespace) against models of the list order in store_model_test.cpp and
-// store_prop_tests.
+// namespace) against a model of the list order in store_model_test.cpp.
 #include <gtest/gtest.h>
 
 #include <string>

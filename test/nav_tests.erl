@@ -1,29 +1,18 @@
-%% Navigation: empty nodes, find_next_nif, moves, flag queries and hidden
-%% inactive nodes. (A container's chain: edit_tests; lists: store_prop_tests;
-%% argument decoding, handles and node types are swept by arbo_fuzz_tests;
-%% filtered walks by filter_tests.)
+%% Navigation: find_next_nif and flag queries. (A container's chain:
+%% edit_tests; lists, moves included: store_model_test.cpp, the tree layer's
+%% moves_test_; hidden inactive instances: props_tests and
+%% arbo_hostile_api_tests; argument decoding, handles and node types are
+%% swept by arbo_fuzz_tests; filtered walks by filter_tests.)
 -module(nav_tests).
 
 -include_lib("eunit/include/eunit.hrl").
 -include("arbo_codes.hrl").
 
--import(arbo_test_util, [with_table/1, reason/1, hide/1, children/2, deactivate/2, shuffle/1, str/1, expect/1]).
-
-%% Every kind of childless node answers "nothing"; an empty sorted list's
-%% last child is its header view, the list node itself (kept).
-empty_nodes_test() ->
-    with_table(fun(T) ->
-        R = arbo:get_root(T),
-        Nodes = [arbo:add_hkey(T, R, [1 | 1], ?KEY_TAG_ALT), arbo:add_hkey_internal(T, R, 2), arbo:add_hkey_dyn(T, R, 3, ?ORDER_PLAIN), arbo:add_hkey_dyn(T, R, 4, ?ORDER_USER)],
-        [?assertEqual({N, [0, 0, 0, false, 0]}, {N, [arbo:num_children(T, N), arbo:first_child_nif(T, N, [], 1), arbo:get_child(T, N, 1),
-                                                     arbo:has_child_without_flags(T, N, 16#ffff), arbo:find_next_nif(T, N, 1, ?NEXT_INT, 1, [])]})
-         || N <- Nodes],
-        ?assertEqual([0, 0, lists:nth(3, Nodes), 0], [arbo:last_child(T, N) || N <- Nodes])
-    end).
+-import(arbo_test_util, [with_table/1, shuffle/1, expect/1]).
 
 %% Sorted lists: find_next_nif (strictly after the key, or at it with Mode
 %% 1; with a filter the walk starts there). Positions, lookups and byte keys
-%% in lists are followed by store_prop_tests.
+%% in lists are followed by store_model_test.cpp.
 sorted_list_test() ->
     with_table(fun(T) ->
         L = arbo:add_hkey_dyn(T, arbo:get_root(T), 1, ?ORDER_PLAIN),
@@ -36,19 +25,6 @@ sorted_list_test() ->
                 {6, 39, 0, {101, 1, 0, <<"10">>}, 10}],
         [?assertEqual({Key, Mode, F, Inst(Want)}, {Key, Mode, F, arbo:find_next_nif(T, L, Key, Code, Mode, F)})
          || {Key, Code, Mode, F, Want} <- Next]
-    end).
-
-%% Moves in user-ordered lists (their order, last child and links are
-%% followed by the store model and the stress checks, move_to by the tree
-%% layer's model). Kept contract of move_rel_internal: "false" means
-%% the instance moved, "true" refused. Only user-ordered lists move.
-user_ordered_test() ->
-    with_table(fun(T) ->
-        [L, S] = [arbo:add_hkey_dyn(T, arbo:get_root(T), K, M) || {K, M} <- [{1, 3}, {2, 0}]],
-        [A, B, C, D] = [arbo:add_hkey(T, L, K, ?KEY_INT) || K <- [40, 10, 30, 20]],
-        ?assertEqual([false, true], [arbo:move_rel_internal(T, L, C, 1, A), arbo:move_rel_internal(T, L, C, 1, C)]),
-        ?assertEqual({[C, A, B, D], D, 1}, {children(T, L), arbo:last_child(T, L), arbo:get_generation(T)}),
-        ?assertEqual(badarg, reason(fun() -> SI = arbo:add_hkey(T, S, 1, ?KEY_INT), arbo:move_rel_internal(T, S, SI, 1, SI) end))
     end).
 
 %% Flag queries over children; has_descendant_with_flags' fourth argument
@@ -65,25 +41,4 @@ flags_test() ->
         ?assertEqual([false, true, false, true, false], [arbo:has_child_without_flags(T, C3, 16#100000000) |
                       [arbo:has_descendant_with_flags(T, N, M, Self)
                        || {N, M, Self} <- [{R, 16#100000000, 0}, {R, 2#10000, 0}, {R, 2#10000, 1}, {C2, 2#0100, 0}]]])
-    end).
-
-%% View option 0x100: inactive nodes hidden, by the counts, positions and
-%% lookups; last_child does not hide, find_next_nif's answer is stepped
-%% past. Containers count their inactive children too.
-hidden_test() ->
-    with_table(fun(T) ->
-        {H, R} = {hide(T), arbo:get_root(T)},
-        L = arbo:add_hkey_dyn(T, R, 1, ?ORDER_PLAIN),
-        [I1, I2, I3, I4, I5, I6] = [arbo:add_hkey(T, L, K, ?KEY_INT) || K <- lists:seq(1, 6)],
-        _ = [arbo:set_flag(T, I2, 2#100) | [deactivate(T, I) || I <- [I2, I5, I6]]],
-        Both = fun(F) -> {F(T), F(H)} end,
-        ?assertEqual([{6, 3}, {I3, I4}, {1, 0}, {I2, 0}, {I2, I3}],
-                     [Both(F) || F <- [fun(X) -> arbo:num_children(X, L) end, fun(X) -> arbo:get_child(X, L, 3) end,
-                                       fun(X) -> arbo:num_children_with_flag(X, L, 2#100) end,
-                                       fun(X) -> arbo:find_child(X, L, {2}, ?FIND_TAG) end,
-                                       fun(X) -> arbo:find_next_nif(X, L, 1, ?NEXT_INT, 0, []) end]]),
-        ?assertEqual({[I1, I3, I4], I6}, {children(H, L), arbo:last_child(H, L)}),
-        Box = arbo:add_hkey_internal(T, R, 2),
-        deactivate(T, hd(Cs = [arbo:add_hkey(T, Box, [0 | K], ?KEY_TAG_ALT) || K <- [1, 2, 3]])),
-        ?assertEqual({2, tl(Cs)}, {arbo:num_children(H, Box), children(H, Box)})
     end).

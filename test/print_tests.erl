@@ -1,11 +1,12 @@
-%% Diagnostic dumps: the exact text for small trees (pointer texts masked,
-%% node addresses compared as numbers) and the path rules of fprint_nif.
+%% Diagnostic dumps: the exact text for a small tree (pointer texts masked,
+%% node addresses compared as numbers). Malformed paths are swept by
+%% arbo_fuzz_tests.
 -module(print_tests).
 
 -include_lib("eunit/include/eunit.hrl").
 -include("arbo_codes.hrl").
 
--import(arbo_test_util, [with_table/1, reason/1, str/1]).
+-import(arbo_test_util, [with_table/1, str/1]).
 
 dump(T) ->
     Path = tmp_path(),
@@ -66,16 +67,4 @@ small_tree_test() ->
             node(8, V1, " F_KEY_IS_TUPLE", [], "T_GEN_NODE_TWO", "key=-2147483648 val=<<>> ns=0", "0x00", V2, 0, gen_tail([V2, 0])) ++
             node(8, V2, "", [], "T_GEN_NODE_TWO", "key=2147483647 val=<<>> ns=2147483648", "0xabc", 0, 0, gen_tail([0, V1])) ++ [""],
         ?assertEqual(Want, dump(T))
-    end).
-
-%% The path is a binary with a NUL; after it only NULs, except that the very
-%% last byte may be anything (malformed paths are swept by arbo_fuzz_tests).
-%% A file that cannot be opened: still ok.
-path_rules_test() ->
-    with_table(fun(T) ->
-        P = list_to_binary(tmp_path()),
-        [?assertMatch({ok, {ok, <<"NODE: ", _/binary>>}, ok}, {arbo:fprint_nif(T, B), file:read_file(P), file:delete(P)})
-         || B <- [<<P/binary, 0, 0, 0>>, <<P/binary, 0, 0, $x>>]],
-        ?assertEqual({badarg, ok}, {reason(fun() -> arbo:fprint_nif(T, <<P/binary, 0, $x, 0>>) end),
-                                    arbo:fprint_nif(T, <<"/nonexistent-dir/x", 0>>)})
     end).

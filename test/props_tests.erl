@@ -1,8 +1,7 @@
 %% Node properties at the boundary: types, attribute bytes held, the
 %% inactive-count special case of attribute 0 on a list node, and the
-%% lifetime of values handed out. Values, flags and attributes in random
-%% sequences are checked against a model in store_prop_tests, the flag calls
-%% in alloc_test.cpp; argument decoding is swept by arbo_fuzz_tests.
+%% lifetime of values handed out. The flag calls are checked in
+%% alloc_test.cpp; argument decoding is swept by arbo_fuzz_tests.
 -module(props_tests).
 -include_lib("eunit/include/eunit.hrl").
 -include("arbo_codes.hrl").

@@ -20,8 +20,6 @@ namespace {
 enum class Style { kInt, kOpaque, kMixed };
 
 // A key as the model sees it: an integer (key, ns) or an opaque byte string.
-// (Encoded keys in sorted lists are followed through the NIF by the
-// property suite.)
 struct MKey {
   bool bin = false;
   std::string bytes;
