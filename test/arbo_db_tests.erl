@@ -146,20 +146,23 @@ against_reference(Name, Batches, Every) ->
 
 pick(L) -> lists:nth(rand:uniform(length(L)), L).
 
-lists() -> [{[4], user_order}, {[{6, 4}], sorted}, {[1, 13], user_order}].
+lists() ->
+    [{[4], user_order}, {[{6, 4}], sorted}, {[1, 13], user_order}, {[{6, 7}], sorted_length_first}].
 keys() -> [1, 2, 3, {int, 4}, {pair, 7, 1}, [{string, <<"a">>}, {int32, 1}], {opaque, <<"k">>}].
 instances() -> [L ++ [K] || {L, _} <- lists(), K <- keys()].
 %% Some paths of each kind, some of them never made.
 anything() -> [[1], [2], [1, 10], [3], [{5, 3}], [1, 11], [1, 10, 12], [4, 2, 20]] ++ instances().
-values() -> [<<"v">>, binary:copy(<<"x">>, 300), {int32, 42}, {string, binary:copy(<<"s">>, 80)}].
+values() ->
+    [<<"v">>, binary:copy(<<"x">>, 300), {int32, 42}, {string, binary:copy(<<"s">>, 80)}, {bool, true}].
 
 %% One operation of any kind; the user-ordered list [4] and its instances
 %% 1..3 are named more often, so that moves and renames find their nodes.
 random_op() ->
     {L, O} = pick(lists()),
     [P, I, I4] = [pick(anything()), pick(instances()), [4, rand:uniform(3)]],
-    V = pick([[3], [1, 11], [1, 10, 12] | [Li ++ [K] || {Li, _} <- lists(), K <- [1, 2, 3, {pair, 7, 1}]]]),
-    pick([{container, pick([[1], [2], [1, 10]])}, {leaf, pick([[3], [{5, 3}], [1, 11], [1, 10, 12]])},
+    Leaves = [[3], [{5, 3}], [1, 11], [1, 10, 12], [4, 1, 9]],
+    V = pick(Leaves ++ [Li ++ [K] || {Li, _} <- lists(), K <- [1, 2, 3, {pair, 7, 1}]]),
+    pick([{container, pick([[1], [2], [1, 10]])}, {leaf, pick(Leaves)},
           {list, L, O}, {instance, L, pick(keys())}, {set, V, pick(values())}, {clear_value, V},
           {set_active, I, pick([true, false])}, {set_flags, P, pick([0, 5, 300, 1 bsl 20, 1 bsl 40])},
           {set_attr, P, pick([1, 7]), {int32, rand:uniform(9)}}, {delete_attr, P, pick([1, 7])},
@@ -189,37 +192,8 @@ random_batches_test_() ->
     {timeout, 120, fun() ->
         rand:seed(exsss, {18, 19, 20}),
         %% both answers are common
-        ?assert(against_reference("db_model", [random_batch() || _ <- lists:seq(1, 600)], 100) > 100)
+        ?assert(against_reference("db_model", [random_batch() || _ <- lists:seq(1, 600)], 40) > 100)
     end}.
-
-%% Every kind of operation, the store reopened after each batch: its frame
-%% replays to the same tree.
-every_kind_test() ->
-    Batches = [[{container, [1]}, {leaf, [1, 2]}, {leaf, [{3, 4}]}, {list, [5], user_order},
-                {list, [{6, 7}], sorted_length_first}, {instance, [5], 1}, {instance, [5], 2},
-                {instance, [5], 3}, {list, [11], user_order}, {instance, [11], {pair, 3, 4}},
-                {instance, [{6, 7}], [{string, <<"k">>}]}, {instance, [{6, 7}], {opaque, <<"o">>}},
-                {leaf, [5, 1, 9]}],
-               [{set, [1, 2], <<"short">>}, {set, [{3, 4}], binary:copy(<<"l">>, 300)},
-                {set, [5, 1], {int32, -5}}, {set, [5, 2], {string, binary:copy(<<"s">>, 90)}},
-                {set, [5, 1, 9], {bool, true}}],
-               %% a long run of values set on nodes already there: one pass of the gate
-               [{set, [5, I rem 3 + 1], <<I:16>>} || I <- lists:seq(1, 80)],
-               [{set_flags, [1], 7}, {set_flags, [1, 2], 1 bsl 12}, {set_flags, [5, 1], 1 bsl 20},
-                {set_flags, [5], 1 bsl 40}],
-               [{set_attr, [1, 2], 1, {int32, 1}}, {set_attr, [5, 2], 9, {string, <<"a">>}}],
-               [{delete_attr, [1, 2], 1}, {clear_value, [{3, 4}]}],
-               [{set_active, [5, 2], false}, {set_active, [5, 1], false}],
-               [{set_active, [5, 1], true}],
-               [{move, [5, 2], first}, {move, [5, 3], {position, 1}}],
-               [{move, [5, 1], {before, 2}}, {move, [5, 2], {'after', 3}}, {move, [5, 1], last}],
-               [{rename, [5, 1], {int, 10}}, {rename, [{6, 7}, {opaque, <<"o">>}], {opaque, <<"p">>}}],
-               [{delete, [{6, 7}, [{string, <<"k">>}]]}, {delete, [1, 2]}],
-               [{leaf, [{9, 1}]}, {leaf, [{9, 2}]}, {leaf, [{8, 1}]}],
-               %% by namespace nothing goes from a list: [5, 2] stays
-               [{delete_ns, [], 9}, {delete_ns, [5], 0}, {set_active, [5, 2], true}],
-               [clear, {leaf, [1]}, {set, [1], <<"after clear">>}]],
-    ?assertEqual(length(Batches), against_reference("db_kinds", Batches, 1)).
 
 %% ---- refusals -----------------------------------------------------------------------
 

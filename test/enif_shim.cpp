@@ -12,6 +12,7 @@
 #include <cstring>
 #include <mutex>
 #include <shared_mutex>
+#include <vector>
 
 #include "arbo_alloc.h"
 
@@ -37,34 +38,16 @@ ResourceHeader* header_of(void* obj) {
 
 void* g_priv = nullptr;
 std::atomic<long> g_live_resources{0};
-std::atomic<long> g_live_blocks{0};
 
 }  // namespace
 
-namespace arbo_shim {
-
-void set_priv_data(void* priv) { g_priv = priv; }
-long live_resources() { return g_live_resources.load(); }
-long live_blocks() { return g_live_blocks.load(); }
-
-}  // namespace arbo_shim
+long arbo_shim::live_resources() { return g_live_resources.load(); }
 
 extern "C" {
 
-void* enif_alloc(size_t size) {
-  void* p = std::malloc(size);
-  if (p != nullptr) g_live_blocks.fetch_add(1, std::memory_order_relaxed);
-  return p;
-}
-void* enif_realloc(void* ptr, size_t size) {
-  void* p = std::realloc(ptr, size);
-  if (ptr == nullptr && p != nullptr) g_live_blocks.fetch_add(1, std::memory_order_relaxed);
-  return p;
-}
-void enif_free(void* ptr) {
-  if (ptr != nullptr) g_live_blocks.fetch_sub(1, std::memory_order_relaxed);
-  std::free(ptr);
-}
+void* enif_alloc(size_t size) { return std::malloc(size); }
+void* enif_realloc(void* ptr, size_t size) { return std::realloc(ptr, size); }
+void enif_free(void* ptr) { std::free(ptr); }
 
 ErlNifMutex* enif_mutex_create(char*) { return new ErlNifMutex; }
 void enif_mutex_destroy(ErlNifMutex* m) { delete m; }
@@ -98,15 +81,10 @@ void enif_release_resource(void* obj) {
 ERL_NIF_TERM enif_make_resource_binary(ErlNifEnv*, void*, const void*, size_t) { return 0; }
 unsigned char* enif_make_new_binary(ErlNifEnv*, size_t size, ERL_NIF_TERM* termp) {
   // Placeholder term; the bytes go to a scratch buffer nobody reads.
-  static thread_local unsigned char* scratch = nullptr;
-  static thread_local size_t scratch_size = 0;
-  if (size > scratch_size) {
-    std::free(scratch);
-    scratch = static_cast<unsigned char*>(std::malloc(size));
-    scratch_size = size;
-  }
+  static thread_local std::vector<unsigned char> scratch;
+  if (scratch.size() <= size) scratch.resize(size + 1);
   *termp = 0;
-  return scratch;
+  return scratch.data();
 }
 ERL_NIF_TERM enif_make_uint(ErlNifEnv*, unsigned i) { return i; }
 ERL_NIF_TERM enif_make_uint64(ErlNifEnv*, ErlNifUInt64 i) { return i; }
@@ -124,26 +102,17 @@ void enif_set_pid_undefined(ErlNifPid* pid) { pid->pid = 0; }
 int enif_is_pid_undefined(const ErlNifPid* pid) { return pid->pid == 0; }
 // Decoders: a placeholder integer term decodes back to its value; there are
 // no binary or tuple terms outside a VM.
-int enif_get_int(ErlNifEnv*, ERL_NIF_TERM term, int* ip) {
-  *ip = static_cast<int>(term);
-  return 1;
-}
+int enif_get_int(ErlNifEnv*, ERL_NIF_TERM term, int* ip) { return *ip = static_cast<int>(term), 1; }
 int enif_inspect_binary(ErlNifEnv*, ERL_NIF_TERM, ErlNifBinary*) { return 0; }
 int enif_get_tuple(ErlNifEnv*, ERL_NIF_TERM, int*, const ERL_NIF_TERM**) { return 0; }
 // Unsigned integers decode like the signed ones; there are no list cells.
 int enif_get_ulong(ErlNifEnv*, ERL_NIF_TERM term, unsigned long* ip) {
-  *ip = static_cast<unsigned long>(term);
-  return 1;
+  return *ip = static_cast<unsigned long>(term), 1;
 }
 int enif_get_list_cell(ErlNifEnv*, ERL_NIF_TERM, ERL_NIF_TERM*, ERL_NIF_TERM*) { return 0; }
 ERL_NIF_TERM enif_make_list_cell(ErlNifEnv*, ERL_NIF_TERM, ERL_NIF_TERM) { return 0; }
-int enif_compare(ERL_NIF_TERM lhs, ERL_NIF_TERM rhs) {
-  return lhs < rhs ? -1 : (lhs > rhs ? 1 : 0);
-}
-ErlNifPid* enif_self(ErlNifEnv*, ErlNifPid* pid) {
-  pid->pid = 1;
-  return pid;
-}
+int enif_compare(ERL_NIF_TERM lhs, ERL_NIF_TERM rhs) { return (lhs > rhs) - (lhs < rhs); }
+ErlNifPid* enif_self(ErlNifEnv*, ErlNifPid* pid) { return pid->pid = 1, pid; }
 int enif_fprintf(FILE* f, const char* format, ...) {
   va_list ap;
   va_start(ap, format);
@@ -160,7 +129,7 @@ TestTable::TestTable() {
   if (enif_priv_data(nullptr) == nullptr) {
     arbo::arbo_alloc_state* as = nullptr;
     arbo::arbo_nif_alloc_init(&as);
-    set_priv_data(as);
+    g_priv = as;
   }
   std::memset(static_cast<void*>(&table), 0, sizeof(table));
   table.alloc_state = static_cast<arbo::arbo_alloc_state*>(enif_priv_data(nullptr));

@@ -7,11 +7,8 @@
 
 namespace arbo_shim {
 
-void set_priv_data(void* priv);
 // Resources (arbo_bin) allocated and not yet released.
 long live_resources();
-// Blocks from enif_alloc/enif_realloc not yet given to enif_free.
-long live_blocks();
 
 // A table with an empty root and the library state, for store tests.
 struct TestTable {
