@@ -83,10 +83,6 @@ TEST(UserList, IndexIgnoresNamespaces) {
   ASSERT_TRUE(TreeOk(l));
 }
 
-}  // namespace
-
-namespace {
-
 // An integer instance of the given height, made without a draw, so that two
 // lists can be built from the same heights.
 arbo_node* instance_of_height(TestTable& t, uint32_t key, int h) {
@@ -106,8 +102,6 @@ std::vector<std::vector<uint32_t>> levels(arbo_node* l) {
   return out;
 }
 
-}  // namespace
-
 // The loader's hinted insertion (an append past the end, a search from the
 // last path found, or the full search) links every node where the plain
 // insertion does and finds the same existing nodes, whatever the order of
@@ -115,14 +109,13 @@ std::vector<std::vector<uint32_t>> levels(arbo_node* l) {
 // back, new keys between present ones, and the same key twice.
 TEST(SortedList, HintedInsertLinksAsThePlainOne) {
   std::mt19937 rng(7);
-  std::vector<std::vector<uint32_t>> orders;
   std::vector<uint32_t> asc, mixed, rnd;
   for (uint32_t k = 0; k < 3000; k += 2) asc.push_back(k);        // appends
   for (uint32_t k = 0; k < 3000; k += 3) asc.push_back(k);        // present ascending, some new
   for (uint32_t k = 0; k < 3000; k += 7) mixed.push_back(k), mixed.push_back(k), mixed.push_back(k / 2);
   for (int i = 0; i < 4000; ++i) rnd.push_back(rng() % 3500);
-  orders = {asc, mixed, rnd};
-  for (size_t o = 0; o < orders.size(); ++o) {
+  int o = 0;
+  for (const auto& order : {asc, mixed, rnd}) {
     TestTable t;
     arbo_node* plain = add(t, t.root(), 1, 0);
     arbo_node* hinted = add(t, t.root(), 2, 0);
@@ -132,7 +125,7 @@ TEST(SortedList, HintedInsertLinksAsThePlainOne) {
       sl_insert(hinted, instance_of_height(t, k, h), &t.ctx);
     }
     sl_append_hint hint;
-    for (uint32_t k : orders[o]) {
+    for (uint32_t k : order) {
       const int h = 1 + static_cast<int>(rng() % 7);
       arbo_node* a = instance_of_height(t, k, h);
       arbo_node* b = instance_of_height(t, k, h);
@@ -145,5 +138,8 @@ TEST(SortedList, HintedInsertLinksAsThePlainOne) {
     EXPECT_EQ(levels(hinted), levels(plain)) << o;
     EXPECT_EQ(as_dyn(hinted)->curh, as_dyn(plain)->curh) << o;
     EXPECT_TRUE(TreeOk(t.root()));
+    ++o;
   }
 }
+
+}  // namespace
