@@ -28,31 +28,41 @@ child(Extra) -> element(1, arbo_test_util:start_peer(Extra#{connection => standa
 
 %% ---- compaction killed at every step ---------------------------------------------------
 
-%% In the child: commit batches, then compact and stop the VM at Step.
-commit_and_compact(Dir, Step, Batches) ->
-    {ok, Db} = arbo_db:open(db_child, #{dir => Dir, crash_at => Step}),
+%% In the child: commit batches, then compact and stop the VM at Step
+%% ({crash_at, _}) or fail it ({fail_at, _}) and commit one more.
+commit_and_compact(Dir, {How, Step}, Batches) ->
+    {ok, Db} = arbo_db:open(db_child, #{dir => Dir, How => Step}),
     [{ok, _} = arbo_db:commit(Db, B) || B <- Batches],
-    arbo_db:snapshot(Db).
+    {error, injected} = arbo_db:snapshot(Db),
+    arbo_db:commit(Db, batch(21)).
 
-%% Whatever step it stops at, the store opens to every commit; it goes on
-%% from there, and the files the compaction left are gone.
+batch(I) -> [{instance, [1], I}, {set, [1, I], <<I:32>>}].
+
+%% Whatever step it stops or fails at, the store opens to every commit (a
+%% failed one leaves no new snapshot behind); it goes on from there, and the
+%% files the compaction left are gone, as are temporary files. An empty
+%% batch answers the last seq and writes nothing.
 compaction_killed_test_() ->
     {timeout, 120, fun() ->
-        Batches = [[{list, [1], sorted}] | [[{instance, [1], I}, {set, [1, I], <<I:32>>}]
-                                            || I <- lists:seq(1, 20)]],
+        Batches = [[{list, [1], sorted}] | [batch(I) || I <- lists:seq(1, 20)]],
         [begin
              Dir = scratch("compact_" ++ atom_to_list(Step)),
              Peer = child(#{}),
-             ?assertMatch({'EXIT', _},
-                          catch peer:call(Peer, ?MODULE, commit_and_compact, [Dir, Step, Batches])),
+             Answer = (catch peer:call(Peer, ?MODULE, commit_and_compact, [Dir, {How, Step}, Batches])),
+             {Last, How} = case Answer of {ok, 22} -> {21, fail_at}; {'EXIT', _} -> {20, crash_at} end,
              catch peer:stop(Peer),
+             ok = file:write_file(filename:join(Dir, ".left.tmp"), <<"x">>),
              {ok, Db} = arbo_db:open(db_compact, #{dir => Dir}),
-             ?assertEqual({Step, 21, [{{int, I}, <<I:32>>} || I <- lists:seq(1, 20)]},
+             ?assertEqual({Step, Last + 1, [{{int, I}, <<I:32>>} || I <- lists:seq(1, Last)]},
                           {Step, maps:get(seq, arbo_db:info(Db)), keys(arbo_db:tree(Db))}),
-             {ok, 22} = arbo_db:commit(Db, [{instance, [1], 99}]),
+             {ok, Seq} = arbo_db:commit(Db, [{instance, [1], 99}]),
+             #{journal_bytes := JB} = arbo_db:info(Db),
+             ?assertMatch({{ok, Seq}, #{journal_bytes := JB}}, {arbo_db:commit(Db, []), arbo_db:info(Db)}),
              ok = arbo_db:close(arbo_db_tests:reopen(Db, db_compact, Dir)),
              ?assertMatch({Step, {ok, [_, _]}}, {Step, file:list_dir(Dir)})
-         end || Step <- [snapshot_write, snapshot_renamed, journal_started, old_removed]]
+         end || {How, Step} <- [{crash_at, snapshot_write}, {crash_at, snapshot_renamed},
+                                {crash_at, journal_started}, {crash_at, old_removed},
+                                {fail_at, journal_write}]]
     end}.
 
 %% ---- SIGKILL while committing --------------------------------------------------------
