@@ -15,6 +15,8 @@
 
 -export([deep/1, figures/1, killed_waiters/0]).
 
+-import(arbo_bench_sched, [nul/1]).
+
 -define(FLAG, 2#100).
 
 %% ---- depth -------------------------------------------------------------------------
@@ -30,11 +32,7 @@ in_child(F, A) -> arbo_hostile_tests:in_child(#{}, {?MODULE, F, A}, 280000).
 %% A chain of Depth containers below the root, an attribute and a flag on
 %% the deepest one. Runs in the child VM; every step checks its answer, and
 %% the answer is the list of figures the reliability run prints.
-deep(Depth) ->
-    Dir = scratch(),
-    try deep(Depth, filename:join(Dir, "a"), filename:join(Dir, "b"))
-    after os:cmd("rm -rf " ++ Dir)
-    end.
+deep(Depth) -> in_scratch(fun(Dir) -> deep(Depth, filename:join(Dir, "a"), filename:join(Dir, "b")) end).
 
 deep(Depth, FileA, FileB) ->
     T = arbo:new(),
@@ -166,14 +164,12 @@ atomic_deletion_test_() ->
         Seen = fun(S) -> S#{arbo:get_size(T) => true} end,
         Write = fun(C) -> arbo:set_flag(T, Root, 2#10), C + 1 end,   % waits for the exclusive lock
         Workers = [spawn_link(fun() -> Loop(F, A) end) || {F, A} <- [{Seen, #{}}, {Seen, #{}}, {Write, 0}]],
-        Dir = scratch(),
-        try
-            true = arbo:save_nif(T, nul(filename:join(Dir, "s")), 0),
-            ?assertEqual(true, arbo:del_hkey(T, Root, 1, 13)),
-            ?assertEqual(true, arbo:del_ns(T, Root, 7)),
-            ?assertEqual(ok, arbo:del_all(T))
-        after os:cmd("rm -rf " ++ Dir)
-        end,
+        in_scratch(fun(Dir) ->
+                           true = arbo:save_nif(T, nul(filename:join(Dir, "s")), 0),
+                           ?assertEqual(true, arbo:del_hkey(T, Root, 1, 13)),
+                           ?assertEqual(true, arbo:del_ns(T, Root, 7)),
+                           ?assertEqual(ok, arbo:del_all(T))
+                   end),
         [W ! stop || W <- Workers],
         [R1, R2, _] = [receive {W, R} -> R end || W <- Workers],
         %% Whole lists only: 3, 2, 1 or 0 of them, each a list node and N
@@ -192,17 +188,13 @@ killed_waiters_test_() ->
     {timeout, 120, fun() -> ?assertEqual(ok, in_child(killed_waiters, [])) end}.
 
 killed_waiters() ->
-    Dir = scratch(),
     T = arbo:new(),
     {L, _} = list(T, 1, 0, 1000000, fun(_, _) -> ok end),
-    try
-        [kill_round(T, L, filename:join(Dir, "s")) || _ <- [1, 2, 3]],
-        %% The lock is free again, for a caller that is alive.
-        ok = arbo:push_iter_node(T, L),
-        L = arbo:get_iter_node(T),
-        arbo:close(T)
-    after os:cmd("rm -rf " ++ Dir)
-    end.
+    in_scratch(fun(Dir) -> [kill_round(T, L, filename:join(Dir, "s")) || _ <- [1, 2, 3]] end),
+    %% The lock is free again, for a caller that is alive.
+    ok = arbo:push_iter_node(T, L),
+    L = arbo:get_iter_node(T),
+    arbo:close(T).
 
 %% One save holding the lock, 20 callers waiting for it, all killed.
 kill_round(T, L, File) ->
@@ -264,6 +256,7 @@ on_dirty(Fun) ->
     {lists:sum([V || #{type := dirty_cpu_scheduler, counters := C} <- Stats,
                      {K, V} <- maps:to_list(C), K =/= sleep]) > 0, R}.
 
-nul(P) -> arbo_bench_sched:nul(P).
-
-scratch() -> arbo_bench_sched:scratch().
+%% Fun(Dir) with a scratch directory, removed afterwards.
+in_scratch(Fun) ->
+    Dir = arbo_bench_sched:scratch(),
+    try Fun(Dir) after os:cmd("rm -rf " ++ Dir) end.
