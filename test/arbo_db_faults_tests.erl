@@ -1,6 +1,6 @@
 %% Durable stores under faults, in child VMs: a compaction stopped at each
-%% of its steps, committers killed with SIGKILL at random moments, and a
-%% disk that fills up. `make test' runs a few rounds; `make reliability'
+%% of its steps or failing, committers killed with SIGKILL at random moments,
+%% and a disk that fills up. `make test' runs a few rounds; `make reliability'
 %% runs figures(full).
 -module(arbo_db_faults_tests).
 -include_lib("eunit/include/eunit.hrl").

@@ -1,6 +1,6 @@
 %% Durable stores: batches against a tree changed through the plain API,
-%% journals cut and corrupted byte by byte, refused batches, a compaction
-%% that fails, concurrent committers under each sync policy.
+%% journals cut and corrupted byte by byte, refused batches, concurrent
+%% committers under each sync policy, the follower calls.
 -module(arbo_db_tests).
 -include_lib("eunit/include/eunit.hrl").
 
