@@ -10,8 +10,7 @@
          child_vm/2]).
 -export([child_keys/2, lib_mem/0, type0_node/2, snapshot/1, expect/1]).
 %% for the safe-API suites
--export([tmp/1, peer_call/3]).
--export([start_peer/1]).
+-export([tmp/1, start_peer/1]).
 
 %% Runs Fun(T) on a fresh table and closes it afterwards.
 with_table(Fun) -> T = arbo:new(), try Fun(T) after catch arbo:close(T) end.
@@ -56,14 +55,6 @@ child_vm(Expr, Secs) ->
 
 %% A scratch path in /tmp, private to this VM.
 tmp(Name) -> filename:join("/tmp", "arbo_" ++ os:getpid() ++ "_" ++ Name).
-
-%% M:F() in a peer VM with this VM's code path, for state that is the VM's
-%% own or failures that would end it: its answer, or {peer_failed, ...}.
-peer_call(M, F, Ms) ->
-    Dirs = lists:usort([filename:absname(filename:dirname(code:which(X))) || X <- [M, arbo]]),
-    Args = lists:append([["-pa", D] || D <- Dirs]),
-    Peer = element(2, peer:start(#{connection => standard_io, args => Args})),
-    try peer:call(Peer, M, F, [], Ms) catch C:R -> {peer_failed, C, R} after catch peer:stop(Peer) end.
 
 %% Named expectations: each {Name, Want, Got} is checked on its own, so a
 %% failure says which measure was off.

@@ -108,7 +108,14 @@ errors_test_() ->
     [E(badarg, fun() -> arbo_tree:add(T, arbo_tree:find(T, R, {2, 7}), {pair, Ns, 1}) end) || Ns <- [0, 12, 256]] ++
     %% filters the library must not see
     [E(bad_filter, fun() -> arbo_tree:select(T, Ifs, F) end)
-     || F <- [{6, 1, 2}, {'not', {'not', {6}}}, {7, 1, [1], 1, -1}, {4, [[1, 2]]}]].
+     || F <- [{6, 1, 2}, {'not', {'not', {6}}}, {7, 1, [1], 1, -1}, {4, [[1, 2]]}]] ++
+    %% options that are not a list, and unknown or misspelled ones
+    [?_assertError({badarg, {W, _}}, apply(M, F, A))
+     || {W, M, F, A} <- [{options, arbo_tree, new, [hide_inactive]}, {option, arbo_tree, new, [[hide_inactiv]]},
+                         {options, arbo_tree, save, [T, "/tmp/x", skip_flags]},
+                         {option, arbo_tree, save, [T, "/tmp/x", [skip_flags]]},
+                         {options, arbo_tree, load, [T, "/tmp/x", #{checkpoint => 1}]},
+                         {option, arbo_file, load, [T, "/tmp/x", [capture]]}]].
 
 %% Filtered walks over enough siblings that the library yields on the way;
 %% a fold whose fun deletes cannot go on. (What values and keys compare
