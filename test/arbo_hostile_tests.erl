@@ -5,8 +5,9 @@
 %% random record streams go through verification and the verified load,
 %% and, where the damage is one the loader itself must stand (cuts, lying
 %% lengths, bad codes, streams of well-formed keys), through the raw loader
-%% as well: nothing crashes, every answer is one of the loader's results and
-%% verification agrees with what the loader takes (on cut files, exactly).
+%% as well: nothing crashes, every answer is one of the loader's results, a
+%% file verification refuses loads nothing, and verification agrees with
+%% what the loader takes (on cut files, exactly).
 %% Saves that fail (a full device, a file size limit, a directory the user
 %% may not write) answer io and keep the previous file; a VM killed with
 %% SIGKILL in the middle of a save leaves the previous file whole. Everything
@@ -204,13 +205,15 @@ try_file({Kind, Raw, Bin}, Acc) ->
     V = guarded(fun() -> arbo_file:verify("current") end),
     T = arbo_tree:new(),
     L = guarded(fun() -> arbo_tree:load(T, "current") end),
+    Empty = maps:get(size, arbo_tree:info(T)) =:= 0,
     arbo_tree:close(T),
     RawA = Raw andalso guarded(fun() -> raw_load(pick([-1, -2, 0, 9])) end),
     %% a verified file fails only where the tree refuses a record, or
-    %% where the loader stops (said with the record's offset)
+    %% where the loader stops (said with the record's offset); a refused
+    %% one loads nothing
     Answers = case V of
                   ok -> lists:member(outcome(L), [ok, truncate, invalid_node_type, stopped_at]);
-                  {error, {_, Off} = E} -> is_integer(Off) andalso L =:= {error, {invalid_file, E}};
+                  {error, {_, Off} = E} -> is_integer(Off) andalso L =:= {error, {invalid_file, E}} andalso Empty;
                   _ -> false
               end,
     %% a cut file verifies exactly when the raw loader takes it cleanly
