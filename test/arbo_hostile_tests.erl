@@ -16,6 +16,8 @@
 -module(arbo_hostile_tests).
 -include_lib("eunit/include/eunit.hrl").
 
+-import(arbo_test_util, [nul/1, pick/1, wait_until/2]).
+
 -export([figures/1]).
 %% The child VMs of the reliability suites.
 -export([child/1, in_child/3]).
@@ -76,7 +78,6 @@ scratch(Root, Name) ->
     [] = rm(D) ++ os:cmd("mkdir -p " ++ D),
     D.
 rm(D) -> os:cmd("chmod -R u+w '" ++ D ++ "' 2>/dev/null; rm -rf '" ++ D ++ "'").
-nul(Path) -> <<(iolist_to_binary(Path))/binary, 0>>.
 
 %% ---- 1. hostile files ---------------------------------------------------------------
 
@@ -140,8 +141,6 @@ flip(B) ->
     lists:foldl(fun(I, Acc) -> <<H:I/bits, X:1, R/bits>> = Acc, <<H:I/bits, (1 - X):1, R/bits>> end, B, Bits).
 
 put_int(B, Pos, W, V) -> <<H:Pos/binary, _:W/binary, R/binary>> = B, <<H/binary, V:(8 * W), R/binary>>.
-
-pick(L) -> lists:nth(rand:uniform(length(L)), L).
 
 %% The tree of the API's file tests (containers, lists, int, pair, opaque and
 %% tuple keys, values, attributes, flags), varied by N: a list in the last
@@ -324,7 +323,7 @@ kill_once(Dir, Bin, Delay) ->
         MRef = erlang:monitor(process, Peer),
         OsPid = peer:call(Peer, os, getpid, []),
         ok = peer:cast(Peer, ?MODULE, big_save, [Dir ++ "/big", Target]),
-        wait_until(fun() -> Temps() =/= [] end, 60000),
+        true = wait_until(fun() -> Temps() =/= [] end, 60000),
         timer:sleep(Delay),
         _ = os:cmd("kill -9 " ++ OsPid),
         receive {'DOWN', MRef, process, Peer, _} -> ok after 20000 -> error(not_killed) end,
@@ -334,8 +333,6 @@ kill_once(Dir, Bin, Delay) ->
         {Mid, Whole andalso (not Mid orelse loaded(Target) =:= Want), Delay}
     after catch peer:stop(Peer)
     end.
-
-wait_until(F, Ms) when Ms > 0 -> F() orelse begin timer:sleep(1), wait_until(F, Ms - 1) end.
 
 loaded(F) -> T = arbo_tree:new(), try {ok, _} = arbo_tree:load(T, F), arbo_file_tests:dump(T) after arbo_tree:close(T) end.
 

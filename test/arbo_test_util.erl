@@ -8,7 +8,7 @@
 
 -export([with_table/1, reason/1, hide/1, children/2, str/1, u32/1, deactivate/2, shuffle/1, pick/1,
          child_vm/2]).
--export([child_keys/2, lib_mem/0, type0_node/2, snapshot/1, expect/1]).
+-export([child_keys/2, lib_mem/0, type0_node/2, snapshot/1, expect/1, nul/1, wait_until/2]).
 %% for the safe-API suites
 -export([tmp/1, start_peer/1]).
 
@@ -52,6 +52,12 @@ child_vm(Expr, Secs) ->
     Out = os:cmd(Cmd),
     [_, Status] = string:split(Out, "EXIT=", trailing),
     {list_to_integer(string:trim(Status)), Out}.
+
+%% A path as the natives take it.
+nul(Path) -> <<(iolist_to_binary(Path))/binary, 0>>.
+
+%% Whether F() held within Ms milliseconds, asked every millisecond or so.
+wait_until(F, Ms) -> F() orelse (Ms > 0 andalso timer:sleep(1) =:= ok andalso wait_until(F, Ms - 1)).
 
 %% A scratch path in /tmp, private to this VM.
 tmp(Name) -> filename:join("/tmp", "arbo_" ++ os:getpid() ++ "_" ++ Name).

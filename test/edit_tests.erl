@@ -145,16 +145,11 @@ destructor_test() ->
     Base = lib_mem(),
     {Pid, Ref} = spawn_monitor(fun() -> arbo:get_size(arbo:new()) end),
     receive {'DOWN', Ref, process, Pid, _} -> ok end,
-    ?assertEqual(ok, wait_for(fun() -> lib_mem() =:= Base end, 200)),
+    ?assert(arbo_test_util:wait_until(fun() -> erlang:garbage_collect(), lib_mem() =:= Base end, 2000)),
     Pids = [spawn_monitor(fun() -> [ok = arbo:close(X) || X <- [arbo:new() || _ <- lists:seq(1, 20)]] end)
             || _ <- lists:seq(1, 16)],
     [receive {'DOWN', R, process, P, normal} -> ok end || {P, R} <- Pids],
     ?assertEqual(Base, lib_mem()).
-
-wait_for(_Pred, 0) -> timeout;
-wait_for(Pred, N) ->
-    erlang:garbage_collect(),
-    case Pred() of true -> ok; false -> timer:sleep(10), wait_for(Pred, N - 1) end.
 
 %% A fresh library in a fresh VM reports only its flags table.
 alloc_info_fresh_library_test() ->
