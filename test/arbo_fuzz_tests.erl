@@ -284,7 +284,8 @@ api_sweep(Scale) ->
 run_calls(Calls) ->
     #{tree := T, other_tree := Other} = Env = env(arbo_file_tests:config(), arbo_tree:new(), arbo_tree:new()),
     [begin
-         {Pid, Ref} = spawn_monitor(fun() -> catch apply(M, F, [fill(X, Env) || X <- lists:sublist(Args, A)]) end),
+         Filled = [fill(X, Env) || X <- lists:sublist(Args, A)],
+         {Pid, Ref} = spawn_monitor(fun() -> catch apply(M, F, Filled) end),
          receive {'DOWN', Ref, process, Pid, _} -> ok after 20000 -> error({stalled, M, F, Args}) end
      end || {{M, F, A}, Args} <- Calls],
     Alive = try arbo_tree:clear(T), [] =:= arbo_tree:children(T, arbo_tree:root(T))

@@ -212,7 +212,8 @@ try_file({Kind, Raw, Bin}, Acc) ->
     %% one loads nothing
     Answers = case V of
                   ok -> lists:member(outcome(L), [ok, truncate, invalid_node_type, stopped_at]);
-                  {error, {_, Off} = E} -> is_integer(Off) andalso L =:= {error, {invalid_file, E}} andalso Empty;
+                  {error, {_, Off} = E} ->
+                      Empty andalso is_integer(Off) andalso L =:= {error, {invalid_file, E}};
                   _ -> false
               end,
     %% a cut file verifies exactly when the raw loader takes it cleanly

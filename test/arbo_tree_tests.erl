@@ -108,7 +108,8 @@ errors_test_() ->
      || F <- [{6, 1, 2}, {'not', {'not', {6}}}, {7, 1, [1], 1, -1}, {4, [[1, 2]]}]] ++
     %% options that are not a list, and unknown or misspelled ones
     [?_assertError({badarg, {W, _}}, apply(M, F, A))
-     || {W, M, F, A} <- [{options, arbo_tree, new, [hide_inactive]}, {option, arbo_tree, new, [[hide_inactiv]]},
+     || {W, M, F, A} <- [{options, arbo_tree, new, [hide_inactive]},
+                         {option, arbo_tree, new, [[hide_inactiv]]},
                          {options, arbo_tree, save, [T, "/tmp/x", skip_flags]},
                          {option, arbo_tree, save, [T, "/tmp/x", [skip_flags]]},
                          {options, arbo_tree, load, [T, "/tmp/x", #{checkpoint => 1}]},
