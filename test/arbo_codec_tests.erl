@@ -4,7 +4,7 @@
 -include_lib("proper/include/proper.hrl").
 -include_lib("eunit/include/eunit.hrl").
 
-%% shared with the safety suite
+%% shared with the fuzz suite
 -export([key_bytes/0]).
 
 %% A property run quietly; a failure shows the shrunk counterexample.

@@ -1,8 +1,8 @@
 %% The gate between the tree API's readers and writers: a reader killed
 %% inside it, one pass for many calls, callbacks that misbehave, which calls
-%% move the epoch, a tree closed (or the application stopped) for every
-%% process and handle, a keeper killed in the middle of a write. (The
-%% owner's exit and a killed keeper: arbo_app_tests.)
+%% move the epoch, a keeper killed in the middle of a write. (A tree closed
+%% for every process and handle: arbo_hostile_api_tests; the owner's exit
+%% and a killed keeper: arbo_app_tests.)
 -module(arbo_gate_tests).
 -include_lib("eunit/include/eunit.hrl").
 
@@ -94,41 +94,6 @@ epoch_moves_test() ->
     file:delete(F),
     ?assertEqual([], Wrong),
     ok = arbo_tree:close(T).
-
-%% After close/1 returns, or the application stops, every call raises
-%% arbo_closed, whoever makes it and through whichever handle (the owner's
-%% reads skip the keeper); closing again is ok from anywhere.
-closed_for_everyone_test_() ->
-    [{Name, fun() -> closed_for_everyone(Close) end}
-     || {Name, Close} <- [{"close", fun arbo_tree:close/1},
-                          {"application stop", fun(_) -> application:stop(arbo) end}]].
-
-closed_for_everyone(Close) ->
-    T = arbo_tree:new(),
-    N = arbo_tree:add_leaf(T, arbo_tree:root(T), 1),
-    Self = self(),
-    Procs = [spawn(fun() -> H = Handle(), _ = arbo_tree:value(H, N), Self ! ready,
-                            receive go -> Self ! {self(), calls(H, N)} end end)
-             || Handle <- [fun() -> arbo_tree:attach(T) end, fun() -> T end]],
-    [receive ready -> ok end || _ <- Procs],
-    ok = Close(T),
-    Fresh = spawn(fun() -> Self ! {self(), calls(T, N)} end),
-    [P ! go || P <- Procs],
-    Answers = [calls(T, N), calls(arbo_tree:read_only(T), N)
-               | [receive {P, A} -> A after 5000 -> timeout end || P <- [Fresh | Procs]]],
-    ?assertEqual([], [A || As <- Answers, A <- As, A =/= closed]).
-
-calls(T, N) ->
-    Ro = arbo_tree:read_only(T) =:= T,
-    [try F(), returned
-     catch error:{arbo_closed, _} -> closed;
-           error:{read_only, _} when Ro -> closed
-     end
-     || F <- [fun() -> arbo_tree:root(T) end, fun() -> arbo_tree:children(T, N) end, fun() -> arbo_tree:info(T) end,
-              fun() -> arbo_tree:set_value(T, N, <<"x">>) end, fun() -> arbo_tree:delete(T, N) end,
-              fun() -> arbo_tree:save(T, tmp("closed")) end,
-              fun() -> arbo_tree:reading(T, fun(Rd) -> arbo_tree:root(Rd) end) end]]
-        ++ [case arbo_tree:close(T) of ok -> closed end || not Ro].
 
 %% A keeper killed in the middle of a write (here a load it runs) leaves
 %% no reader waiting for ever: they answer arbo_closed.

@@ -8,10 +8,9 @@
 
 -export([with_table/1, reason/1, hide/1, children/2, str/1, u32/1, deactivate/2, shuffle/1, pick/1,
          child_vm/2]).
--export([child_keys/2, lib_mem/0, type0_node/2, snapshot/1, expect/1]).
+-export([child_keys/2, lib_mem/0, type0_node/2, snapshot/1, expect/1, nul/1, wait_until/2]).
 %% for the safe-API suites
--export([tmp/1, peer_call/3]).
--export([start_peer/1]).
+-export([tmp/1, start_peer/1]).
 
 %% Runs Fun(T) on a fresh table and closes it afterwards.
 with_table(Fun) -> T = arbo:new(), try Fun(T) after catch arbo:close(T) end.
@@ -54,16 +53,14 @@ child_vm(Expr, Secs) ->
     [_, Status] = string:split(Out, "EXIT=", trailing),
     {list_to_integer(string:trim(Status)), Out}.
 
+%% A path as the natives take it.
+nul(Path) -> <<(iolist_to_binary(Path))/binary, 0>>.
+
+%% Whether F() held within Ms milliseconds, asked every millisecond or so.
+wait_until(F, Ms) -> F() orelse (Ms > 0 andalso timer:sleep(1) =:= ok andalso wait_until(F, Ms - 1)).
+
 %% A scratch path in /tmp, private to this VM.
 tmp(Name) -> filename:join("/tmp", "arbo_" ++ os:getpid() ++ "_" ++ Name).
-
-%% M:F() in a peer VM with this VM's code path, for state that is the VM's
-%% own or failures that would end it: its answer, or {peer_failed, ...}.
-peer_call(M, F, Ms) ->
-    Dirs = lists:usort([filename:absname(filename:dirname(code:which(X))) || X <- [M, arbo]]),
-    Args = lists:append([["-pa", D] || D <- Dirs]),
-    Peer = element(2, peer:start(#{connection => standard_io, args => Args})),
-    try peer:call(Peer, M, F, [], Ms) catch C:R -> {peer_failed, C, R} after catch peer:stop(Peer) end.
 
 %% Named expectations: each {Name, Want, Got} is checked on its own, so a
 %% failure says which measure was off.

@@ -1,6 +1,6 @@
 %% Save files: one byte-exact saved tree, every loader result from
-%% hand-made files, checkpoints, capture and round trips of
-%% random trees.
+%% hand-made files, checkpoints and capture. (Round trips of trees of every
+%% key form: arbo_file_tests.)
 -module(io_tests).
 -include_lib("eunit/include/eunit.hrl").
 -include("arbo_codes.hrl").
@@ -173,41 +173,3 @@ checkpoint_and_capture_test() ->
     Caps = [{Top, 1, <<"abc">>}, {Top, 0, undefined}, {[<<?OPCODE(?OP_CD, ?KF_NS_HTAG), 1:32, 0:32>>, bin(<<"abc">>), up()], 1, undefined},
             {[cd(0), Top, up()], 1, undefined}],
     [?assertEqual({B, C, Want}, {B, C, element(7, element(2, load_into(new, saved(B), -1, C)))}) || {B, C, Want} <- Caps].
-
-%% ---- round trips of random trees ------------------------------------------------
-
-%% Random trees of every node kind, key form, value, flag width and
-%% attribute, some lists long enough for a user-ordered list's index: load +
-%% save reproduces the tree and the file byte for byte.
-round_trip_test_() ->
-    Build = fun(S) -> fun(T) -> rand:seed(exsss, {S, S * 7, 13}), grow(T, arbo:get_root(T), plain, 4), save_bytes(T, 0) end end,
-    {timeout, 120, fun() -> [reload(Build(S)) || S <- lists:seq(1, 40)] end}.
-
-%% Random children of Node, whose Kind is plain (any node but a list) or list.
-grow(_T, _Node, _Kind, 0) -> ok;
-grow(T, Node, Kind, Depth) ->
-    Long = Kind =:= list andalso Depth =< 2 andalso rand:uniform(3) =:= 1,
-    [decorate(T, child(T, Node, Kind), Depth) || _ <- lists:seq(1, if Long -> 100 + rand:uniform(100); true -> rand:uniform(5) - 1 end)].
-
-%% A new or found child: {Node, the kind of its children}. Below a plain
-%% node the tag decides the kind, so a repeated tag finds its own kind.
-child(T, Node, plain) ->
-    Tag = rand:uniform(20),
-    case Tag rem 3 of
-        0 -> {arbo:add_hkey(T, Node, [rand:uniform(3) - 1 | Tag], ?KEY_TAG), plain};
-        1 -> {arbo:add_hkey_internal(T, Node, Tag), plain};
-        2 -> {arbo:add_hkey_dyn(T, Node, [rand:uniform(2) - 1 | Tag], rand:uniform(4) - 1), list}
-    end;
-child(T, Node, list) ->
-    K = rand:uniform(1000),
-    {Key, Code} = arbo_test_util:pick([{K, 4}, {{rand:uniform(11), K}, 27}, {binary:copy(<<K:16>>, 1 + K rem 8), 6}, {<<12, K:32>>, 5}]),
-    {arbo:add_hkey(T, Node, Key, Code), plain}.
-
-%% Value (nodes that hold none ignore it), flags, attributes and children.
-decorate(T, {C, KidKind}, Depth) ->
-    {Kind, V} = arbo_test_util:pick([{17, <<8, (rand:uniform(1000)):32>>}, {17, <<14, 70, (binary:copy(<<"c">>, 70))/binary>>},
-                      {18, binary:copy(<<"b">>, rand:uniform(300) - 1)}, {0, <<>>}]),
-    ok = arbo:set_val(T, C, Kind, V),
-    arbo:set_flags(T, C, arbo_test_util:pick([0, 16#7F, 16#1234, 16#12345678, 16#123456789A])),
-    [arbo:do_set_attr(T, C, rand:uniform(6), <<8, (rand:uniform(99)):32>>) || _ <- lists:seq(1, rand:uniform(3) - 1)],
-    grow(T, C, KidKind, Depth - 1).
