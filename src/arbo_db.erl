@@ -27,8 +27,8 @@
 %%
 %% == Durability ==
 %% `sync => always' (the default): `commit' returns after the frame is on
-%% disk (`fdatasync'); commits that arrive while one is being written share
-%% the next write and sync. `{interval, Ms}': `commit' returns after the
+%% disk (the journal is opened `O_SYNC'); commits that arrive while one is
+%% being written share the next write. `{interval, Ms}': `commit' returns after the
 %% frame is written to the file; the server syncs at most Ms milliseconds
 %% later, so a crash of the machine (not of the VM) can lose the last Ms
 %% milliseconds. `none': syncing is left to the operating system and
@@ -61,7 +61,7 @@
 
 -record(s, {repl = none,
             name, dir, tree, fd, jpath, jsize, seq, snap_seq, snap_id, snap_size,
-            sync, compact, last_sync, pending = [], buf = [], timer, failed, subs = [],
+            sync, compact, last_sync, pending = [], buf = [], ops = #{}, timer, failed, subs = [],
             scratch, crash_at, direct, retry_at = 0}).
 
 %% ---------------------------------------------------------------------------
@@ -295,10 +295,13 @@ info(Db) -> gen_server:call(Db, info, infinity).
 close(Db) -> gen_server:call(Db, close, infinity).
 
 %% @doc Frames as they reach the journal, for followers: the calling
-%% process receives `{arbo_db_frames, Name, [{Seq, Payload}]}' after each
-%% write of the journal and before its sync, the frames in sequence order.
-%% A write or sync that fails takes the frames back out of the journal:
-%% `{arbo_db_cut, Name}' follows, and {@link info/1} gives the `seq' kept.
+%% process receives `{arbo_db_frames, Name, [{Seq, Payload}], Ops}' before
+%% each write of the journal (and so before its sync), the frames in
+%% sequence order. Ops maps the sequence number of each batch this store
+%% applied call by call to the batch's operations, so that a follower can
+%% apply it the same way. A write or sync that fails takes the frames back
+%% out of the journal: `{arbo_db_cut, Name}' follows, and {@link info/1}
+%% gives the `seq' kept.
 -spec subscribe(db()) -> ok.
 subscribe(Db) -> gen_server:call(Db, {subscribe, self()}, infinity).
 
@@ -369,10 +372,12 @@ handle_call({commit, Ops}, From, #s{tree = T, seq = Seq} = S) ->
     case catch_prepare(T, Ops, true) of
         {error, _} = E -> noreply_with(E, S);
         {ok, Parts, Acts} ->
-            case catch_apply(T, S, Parts, direct(Acts, S#s.direct)) of
+            Direct = direct(Acts, S#s.direct),
+            case catch_apply(T, S, Parts, Direct) of
                 ok ->
                     Payload = iolist_to_binary(arbo_db_journal:payload(Parts)),
                     noreply(S#s{seq = Seq + 1, buf = [{Seq + 1, Payload} | S#s.buf],
+                                ops = keep_ops(S, Direct, Seq + 1, Ops),
                                 pending = [{From, Seq + 1} | S#s.pending]});
                 {error, R} ->
                     %% The tree may hold part of the batch: back to the disk.
@@ -429,8 +434,8 @@ handle_call(Other, _, S) -> noreply_with({error, {badarg, Other}}, S).
 handle_cast(_, S) -> {noreply, S}.
 
 %% @private
-handle_continue({replay, Frames}, S) ->
-    case arbo_db_journal:replay(S#s.tree, S#s.scratch, [P || {_, P} <- Frames]) of
+handle_continue({replay, Frames, Ops}, S) ->
+    case apply_frames(S#s.tree, S, Frames, Ops) of
         ok -> {noreply, S, 0};
         {error, R} ->
             logger:error("arbo_db ~p: frames ~p..~p written but not applied: ~p",
@@ -503,6 +508,53 @@ direct([_ | More], N, Acts) when N > 0 -> direct(More, N - 1, Acts);
 direct([], _, Acts) -> Acts;
 direct(_, _, _) -> [].
 
+%% The operations of a batch applied call by call, kept until its frame is
+%% written, for followers to apply it the same way.
+keep_ops(#s{subs = []}, _, _, _) -> #{};
+keep_ops(#s{ops = M}, [], _, _) -> M;
+keep_ops(#s{ops = M}, _, Seq, Ops) -> M#{Seq => Ops}.
+
+%% Frames a follower wrote, applied in order. A batch its leader applied
+%% call by call (its operations came with the frame) is checked here again
+%% and applied the same way when it makes the very frame the leader wrote;
+%% the rest goes through the loader, a run of frames at a time.
+apply_frames(T, S, Frames, Ops) ->
+    try apply_frames(T, S, Frames, Ops, [])
+    catch throw:{error, _} = E -> E
+    end.
+
+apply_frames(T, S, [], _, Run) -> load_run(T, S, Run);
+apply_frames(T, S, [{Seq, P} | More], Ops, Run) ->
+    case Ops of
+        #{Seq := Batch} ->
+            load_run(T, S, Run),
+            case same_frame(T, S, Batch, P) of
+                {ok, Parts, Acts} ->
+                    ok = check(catch_apply(T, S, Parts, Acts)),
+                    apply_frames(T, S, More, Ops, []);
+                false -> apply_frames(T, S, More, Ops, [P])
+            end;
+        _ -> apply_frames(T, S, More, Ops, [P | Run])
+    end.
+
+load_run(_, _, []) -> ok;
+load_run(T, S, Run) -> ok = check(arbo_db_journal:replay(T, S#s.scratch, lists:reverse(Run))).
+
+same_frame(T, S, Batch, Payload) ->
+    case catch_prepare(T, Batch, true) of
+        {ok, Parts, Acts} ->
+            case direct(Acts, S#s.direct) of
+                [] -> false;
+                Direct ->
+                    iolist_to_binary(arbo_db_journal:payload(Parts)) =:= Payload
+                        andalso {ok, Parts, Direct}
+            end;
+        {error, _} -> false
+    end.
+
+check(ok) -> ok;
+check({error, _} = E) -> throw(E).
+
 catch_apply(T, #s{scratch = Scratch}, Parts, Acts) ->
     try
         case Acts of
@@ -516,22 +568,23 @@ catch_apply(T, #s{scratch = Scratch}, Parts, Acts) ->
 %% Writing
 
 %% Write the frames of the batches applied since the last write, in one
-%% write, sync as the policy says, and answer their commits.
+%% write, sync as the policy says, and answer their commits. Followers have
+%% the frames first and write them while this node writes and syncs them:
+%% a failure cuts them back and tells them.
 flush(#s{buf = []} = S) -> reply_all(S);
 flush(#s{fd = Fd, buf = Buf, sync = Sync} = S) ->
     Frames = lists:reverse(Buf),
     Bytes = [arbo_db_journal:frame(Seq, P) || {Seq, P} <- Frames],
     Size = iolist_size(Bytes),
+    [Pid ! {arbo_db_frames, S#s.name, Frames, S#s.ops} || {Pid, _} <- S#s.subs],
     R = case file:write(Fd, Bytes) of
             ok ->
-                %% Followers write the frames while this node syncs them.
-                [Pid ! {arbo_db_frames, S#s.name, Frames} || {Pid, _} <- S#s.subs],
-                case step(S, journal_sync) of ok when Sync =:= always -> file:datasync(Fd); R0 -> R0 end;
+                step(S, journal_sync);
             Other -> Other
         end,
     case R of
         ok ->
-            S1 = S#s{buf = [], jsize = S#s.jsize + Size},
+            S1 = S#s{buf = [], ops = #{}, jsize = S#s.jsize + Size},
             S2 = case Sync of
                      always -> S1#s{last_sync = now_ms()};
                      {interval, Ms} when S1#s.timer =:= undefined ->
@@ -541,21 +594,25 @@ flush(#s{fd = Fd, buf = Buf, sync = Sync} = S) ->
             reply_all(S2);
         {error, Reason} ->
             [gen_server:reply(From, {error, Reason}) || {From, _} <- S#s.pending],
-            S1 = S#s{buf = [], pending = []},
+            S1 = S#s{buf = [], ops = #{}, pending = []},
             [Pid ! {arbo_db_cut, S#s.name} || {Pid, _} <- S#s.subs],
             rebuild(cut(S1, Reason))
     end.
 
 %% The one place where commits are answered, after their frames are
 %% written (and synced as the policy says): a commit that must also wait
-%% for other stores to hold its frame would be held back here.
+%% for other stores to hold its frame is held back by the replication
+%% process; a follower's frames are acknowledged to its leader.
 reply_all(#s{pending = []} = S) -> S;
 reply_all(#s{pending = P} = S) ->
     case arbo_repl:committed(S#s.repl, lists:reverse(P)) of
         true -> ok;
-        false -> [gen_server:reply(From, {ok, Seq}) || {From, Seq} <- lists:reverse(P)]
+        false -> [answer(A) || A <- lists:reverse(P)]
     end,
     S#s{pending = []}.
+
+answer({ack, Leader, Follower, Seq}) -> Leader ! {ack, Follower, Seq};
+answer({From, Seq}) -> gen_server:reply(From, {ok, Seq}).
 
 %% Take a failed write back out of the journal.
 cut(#s{fd = Fd, jsize = Good} = S, Reason) ->
@@ -620,7 +677,7 @@ compact_steps(#s{dir = Dir, tree = T, seq = Seq} = S) ->
             try
                 ok = sync_dir(Dir),
                 ok = step(S, journal_write),
-                {ok, _} = new_journal(Dir, Journal, Seq, Id)
+                {ok, _} = new_journal(S, Journal, Seq, Id)
             of
                 {ok, Fd} ->
                     step(S, journal_started),
@@ -651,7 +708,7 @@ step(#s{crash_at = {halt, Step}}, Step) -> erlang:halt(137, [{flush, false}]);
 step(#s{crash_at = {fail, Step}}, Step) -> {error, injected};
 step(_, _) -> ok.
 
-new_journal(Dir, Path, Seq, Id) ->
+new_journal(#s{dir = Dir} = S, Path, Seq, Id) ->
     Tmp = filename:join(Dir, ".journal.tmp"),
     case file:write_file(Tmp, arbo_db_journal:header(Seq, Id), [raw]) of
         ok ->
@@ -659,14 +716,16 @@ new_journal(Dir, Path, Seq, Id) ->
                 ok ->
                     ok = file:rename(Tmp, Path),
                     ok = sync_dir(Dir),
-                    open_journal(Path);
+                    open_journal(S, Path);
                 E -> E
             end;
         E -> E
     end.
 
-open_journal(Path) ->
-    case file:open(Path, [read, write, raw, binary]) of
+%% Under `sync => always' each write returns once it is on disk (one call
+%% where a write and an fdatasync would be two).
+open_journal(#s{sync = Sync}, Path) ->
+    case file:open(Path, [read, write, raw, binary] ++ [sync || Sync =:= always]) of
         {ok, Fd} -> {ok, _} = file:position(Fd, eof), {ok, Fd};
         E -> E
     end.
@@ -751,7 +810,7 @@ load(#s{dir = Dir, tree = T} = S, Snap, Seq, Id, Recover) ->
         {ok, _} ->
             case file:read_file(JPath) of
                 {error, enoent} ->
-                    case new_journal(Dir, JPath, Seq, Id) of
+                    case new_journal(S, JPath, Seq, Id) of
                         {ok, Fd} -> {ok, opened(S, Fd, JPath, 36, Seq, Seq, Id, Snap)};
                         E -> E
                     end;
@@ -778,7 +837,7 @@ journal(#s{tree = T} = S, Bin, JPath, Snap, Seq, Id, Recover) ->
                                        [S#s.name, JPath, Dropped, Good]),
                     case arbo_db_journal:replay(T, S#s.scratch, [P || {_, P} <- Frames]) of
                         ok ->
-                            case open_journal(JPath) of
+                            case open_journal(S, JPath) of
                                 {ok, Fd} ->
                                     ok = trim(Fd, Good, Dropped),
                                     {ok, opened(S, Fd, JPath, Good, Last, Seq, Id, Snap)};
@@ -818,19 +877,22 @@ promote(Db) -> arbo_repl:promote(Db).
 wait_for(Db, Seq, Timeout) -> arbo_repl:wait_for(Db, Seq, Timeout).
 
 repl_call({set, Repl}, S) -> {reply, ok, S#s{repl = Repl}};
-%% A follower's frames (the next ones, in order): applied in one pass of
-%% the loader, written in one write.
-repl_call({append, Frames}, #s{seq = Seq} = S) ->
+%% A follower's frames (the next ones, in order): written in one write,
+%% then applied (see apply_frames/4).
+repl_call({append, Frames, Ops, Ack}, #s{seq = Seq} = S) ->
     case [Sq || {Sq, _} <- Frames] =:= lists:seq(Seq + 1, Seq + length(Frames)) of
         false -> {reply, {error, {out_of_order, Seq + 1}}, S};
         true ->
-            %% Durable first and answered (the follower acknowledges them),
-            %% then applied: a call to this store waits for the tree.
+            %% Durable first and acknowledged to the leader (Ack), then
+            %% applied: a call to this store waits for the tree.
             case [ok || {_, P} <- Frames, arbo_db_journal:parts(P) =:= error] of
                 [] ->
-                    S1 = flush(S#s{seq = Seq + length(Frames), buf = lists:reverse(Frames)}),
+                    Last = Seq + length(Frames),
+                    Answer = [{ack, L, F, Last} || {L, F} <- [Ack], is_pid(L)],
+                    S1 = flush(S#s{seq = Last, buf = lists:reverse(Frames),
+                                   pending = Answer ++ S#s.pending}),
                     case S1#s.seq > Seq of
-                        true -> {reply, {ok, S1#s.seq}, S1, {continue, {replay, Frames}}};
+                        true -> {reply, {ok, S1#s.seq}, S1, {continue, {replay, Frames, Ops}}};
                         false -> {reply, {ok, S1#s.seq}, S1, 0}
                     end;
                 _ -> {reply, {error, bad_payload}, S}

@@ -74,7 +74,8 @@
 
 %% The tree API's side.
 -export([open/2, attach/1, read_only/1, reading/2, close/1]).
--export([read/3, read1/3, write/3, exclusive/2, check_writer/1, gate/1, readable/1, writable/1,
+-export([read/3, read1/3, write/3, exclusive/2, check_writer/1, check_open/1, gate/1, readable/1,
+         writable/1,
          own/2, fresh/2, mk/4]).
 %% The keeper.
 -export([start_link/2, info/1]).
@@ -193,7 +194,16 @@ writable(_) -> ok.
 -spec check_writer(handle()) -> ok.
 check_writer(T) ->
     gate(T),
+    check_open(T),
     not_inside(T),
+    ok.
+
+%% @doc `ok', or `{arbo_closed, Handle}' raised for a closed tree: for the
+%% calls that can answer without the library.
+-spec check_open(handle()) -> ok.
+check_open({arbo, _, _, {arbo_reading, _, _, _}}) -> ok;
+check_open(T) ->
+    atomics:get(word(T), 1) band ?ARBO_CLOSED =:= 0 orelse error({arbo_closed, T}),
     ok.
 
 %% ===========================================================================

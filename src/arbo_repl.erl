@@ -177,10 +177,10 @@ handle_info(tick, R) ->
 handle_info({'EXIT', Db, Reason}, #r{db = Db} = R) -> {stop, Reason, R};
 handle_info({'EXIT', _, _}, R) -> {noreply, R};
 %% leader side
-handle_info({arbo_db_frames, _, Frames}, #r{role = leader} = R) ->
+handle_info({arbo_db_frames, _, Frames, Ops}, #r{role = leader} = R) ->
     {Last, _} = lists:last(Frames),
     R1 = R#r{seq = Last},
-    Fs = maps:map(fun(Pid, F) -> live(Pid, F, Frames, Last, R1) end, R1#r.fs),
+    Fs = maps:map(fun(Pid, F) -> live(Pid, F, {Frames, Ops}, Last, R1) end, R1#r.fs),
     {noreply, settle(R1#r{fs = Fs})};
 handle_info({arbo_db_cut, _}, #r{role = leader, fs = Fs} = R) ->
     #{seq := Seq} = db(fun() -> arbo_db:info(R#r.db) end),
@@ -232,10 +232,10 @@ handle_info({welcome, Pid, Epochs, Members, Ack, Timeout, Same}, #r{role = follo
                                        timeout = Timeout, synced = Same}))};
         false -> {noreply, R}
     end;
-handle_info({frames, Pid, Last, Frames}, #r{role = follower, lpid = Pid} = R) ->
-    {Frames1, Last1} = more_frames(Pid, [Frames], Last),
-    {noreply, append(Frames1, Last1, R)};
-handle_info({frames, Pid, _, _}, R) ->
+handle_info({frames, Pid, Last, Frames, Ops}, #r{role = follower, lpid = Pid} = R) ->
+    {Frames1, Ops1} = more_frames(Pid, [Frames], Ops, Last),
+    {noreply, append(Frames1, Ops1, R)};
+handle_info({frames, Pid, _, _, _}, R) ->
     %% Not from this node's leader: an older epoch's, told of the newer.
     Pid ! {newer_epoch, epoch(R)},
     {noreply, R};
@@ -362,8 +362,7 @@ pull(#r{name = Name, members = Ms, epochs = Es, seq = Seq} = R) ->
         [{_, N, Es1} | _] ->
             case catch erpc:call(N, arbo_db, frames_since, [Name, Seq], 30000) of
                 {ok, [_ | _] = Frames} ->
-                    {Last, _} = lists:last(Frames),
-                    R2 = append(Frames, Last, R1),
+                    R2 = append(Frames, #{}, R1),
                     {ok, R2#r{epochs = longer(Es1, Es)}};
                 _ -> {behind, N}
             end;
@@ -431,12 +430,12 @@ consistent(FEpochs, Seq, Epochs, Last) ->
 
 %% Live frames: sent as they come while the follower keeps up, else left to
 %% the journal.
-live(Pid, #f{mode = live, sent = Sent, infl = Infl} = F, Frames, Last, R) ->
+live(Pid, #f{mode = live, sent = Sent, infl = Infl} = F, {Frames, Ops}, Last, R) ->
     [{First, _} | _] = Frames,
     if
         Last =< Sent -> F;
         First =:= Sent + 1, length(Infl) < ?LAG ->
-            Pid ! {frames, self(), Last, Frames},
+            Pid ! {frames, self(), Last, Frames, Ops},
             F#f{sent = Last, infl = Infl ++ [Last]};
         true -> feed(Pid, F#f{mode = catchup, runs = []}, R)
     end;
@@ -446,7 +445,7 @@ live(_, F, _, _, _) -> F.
 %% first when the journal starts after the follower.
 feed(Pid, #f{mode = catchup, infl = Infl, runs = [{_, Last, Run} | More]} = F, R)
   when length(Infl) < ?WINDOW ->
-    Pid ! {frames, self(), Last, Run},
+    Pid ! {frames, self(), Last, Run, #{}},
     feed(Pid, F#f{sent = Last, infl = Infl ++ [Last], runs = More}, R);
 feed(Pid, #f{mode = catchup, infl = Infl, runs = [], sent = Sent} = F, R)
   when length(Infl) < ?WINDOW ->
@@ -536,35 +535,35 @@ expire(#r{pending = P} = R) ->
 %% Follower: applying
 
 %% Runs that are already waiting join this one: one write, one sync.
-more_frames(Pid, Acc, Last) ->
+more_frames(Pid, Acc, Ops, Last) ->
     receive
-        {frames, Pid, Last2, Frames} when Last2 > Last -> more_frames(Pid, [Frames | Acc], Last2)
-    after 0 -> {lists:append(lists:reverse(Acc)), Last}
+        {frames, Pid, Last2, Frames, Ops2} when Last2 > Last ->
+            more_frames(Pid, [Frames | Acc], maps:merge(Ops, Ops2), Last2)
+    after 0 -> {lists:append(lists:reverse(Acc)), Ops}
     end.
 
-append(_, Last, #r{seq = Seq} = R) when Last =< Seq -> ack(R), R;
-append(Frames, _, #r{seq = Seq} = R) ->
+%% The next frames to the store, which acknowledges them to the leader once
+%% they are durable; frames it holds already are acknowledged again.
+append(Frames, Ops, #r{seq = Seq} = R) ->
     case lists:dropwhile(fun({S, _}) -> S =< Seq end, Frames) of
-        [{First, _} | _] = New when First =:= Seq + 1 ->
-            case db(fun() -> gen_server:call(R#r.db, {repl, {append, New}}, infinity) end) of
-                {ok, Seq1} ->
-                    ack(R#r{seq = Seq1}),
-                    R#r{seq = Seq1};
-                {error, Reason} ->
-                    logger:warning("arbo_repl ~p: frames from the leader refused: ~p",
-                                   [R#r.name, Reason]),
-                    rejoin(R)
-            end;
+        [] -> to_store([], #{}, R);
+        [{First, _} | _] = New when First =:= Seq + 1 -> to_store(New, Ops, R);
         _ -> rejoin(R)
+    end.
+
+to_store(Frames, Ops, R) ->
+    Req = {append, Frames, Ops, {R#r.lpid, self()}},
+    case db(fun() -> gen_server:call(R#r.db, {repl, Req}, infinity) end) of
+        {ok, Seq1} -> R#r{seq = Seq1};
+        {error, Reason} ->
+            logger:warning("arbo_repl ~p: frames from the leader refused: ~p", [R#r.name, Reason]),
+            rejoin(R)
     end.
 
 %% Frames missing in between, or refused: ask again from where we are.
 rejoin(R) ->
     #{seq := Seq} = db(fun() -> arbo_db:info(R#r.db) end),
     send_join(R#r{lpid = undefined, seq = Seq}, R#r.leader).
-
-ack(#r{lpid = Pid, seq = Seq}) when is_pid(Pid) -> Pid ! {ack, self(), Seq};
-ack(_) -> ok.
 
 close_tmp(#r{snap = {Fd, Tmp, _}}) -> _ = file:close(Fd), _ = file:delete(Tmp), ok;
 close_tmp(_) -> ok.

@@ -689,7 +689,7 @@ load(T, Path) -> load(T, Path, []).
 -spec load(tree(), file:filename_all(), [arbo_file:load_option()]) ->
           {ok, arbo_file:load_info()} | {error, term()}.
 load(T, Path, Opts) ->
-    gate(T),
+    arbo_gate:check_writer(T),
     arbo_file:load(T, Path, Opts).
 
 %% A native call whose null result (raised as badarg) means the parent

@@ -24,7 +24,7 @@ pop(T) ->
     Key = iter_key(T),
     writable(T),
     case iter_stack(Key) of
-        [] -> {error, empty};
+        [] -> arbo_gate:check_open(T), {error, empty};
         [_ | Rest] ->
             write(T, [], fun(_) -> arbo:pop_iter_node(T) end),
             put(Key, Rest),
@@ -34,7 +34,7 @@ pop(T) ->
 -spec top(arbo_tree:tree()) -> {ok, term()} | {error, empty | stale}.
 top(T) ->
     case iter_stack(iter_key(T)) of
-        [] -> {error, empty};
+        [] -> arbo_gate:check_open(T), {error, empty};
         [N | _] ->
             read(T, [], fun(S) ->
                 Top = arbo:get_iter_node(T),
@@ -46,7 +46,10 @@ top(T) ->
     end.
 
 -spec depth(arbo_tree:tree()) -> non_neg_integer().
-depth(T) -> length(iter_stack(iter_key(T))).
+depth(T) ->
+    Key = iter_key(T),
+    arbo_gate:check_open(T),
+    length(iter_stack(Key)).
 
 iter_key({arbo, Res, _, {arbo_reading, _, _, _}}) -> {'$arbo_iter', Res};
 iter_key(T) ->

@@ -357,3 +357,18 @@ follower_test() ->
     ?assertEqual({error, {compacted, 3}}, arbo_db:frames_since(A, 2)),
     ?assertEqual({ok, []}, arbo_db:frames_since(A, 3)),
     [ok = arbo_db:close(D) || D <- [A, reopen(B, db_follower, maps:get(dir, arbo_db:info(B)))]].
+
+%% A follower applies a batch by the operations that came with its frame
+%% only when they make that very frame: otherwise the frame holds.
+frame_over_ops_test() ->
+    {ok, A} = open(db_leader, scratch("leader")),
+    {ok, B} = open(db_follower, scratch("follower")),
+    Base = [{container, [1]}, {leaf, [1, 2]}],
+    Set = fun(V) -> [{set, [1, 2], V}] end,
+    [{ok, _} = arbo_db:commit(A, Ops) || Ops <- [Base, Set(<<"frame">>)]],
+    {ok, [{1, P1}, {2, P2}]} = arbo_db:frames_since(A, 0),
+    Append = fun(Frames, Ops) -> gen_server:call(B, {repl, {append, Frames, Ops, none}}) end,
+    ?assertEqual({ok, 1}, Append([{1, P1}], #{1 => Base})),
+    ?assertEqual({ok, 2}, Append([{2, P2}], #{2 => Set(<<"ops">>)})),
+    ?assertEqual(state(A), state(B)),
+    [ok = arbo_db:close(D) || D <- [A, B]].
