@@ -372,3 +372,16 @@ frame_over_ops_test() ->
     ?assertEqual({ok, 2}, Append([{2, P2}], #{2 => Set(<<"ops">>)})),
     ?assertEqual(state(A), state(B)),
     [ok = arbo_db:close(D) || D <- [A, B]].
+
+%% A subscriber gets each write's frames with the operations of the batches
+%% the store applied call by call, not of those it loaded.
+subscribe_test() ->
+    {ok, A} = open(db_sub, scratch("sub")),
+    ok = arbo_db:subscribe(A),
+    Small = [{container, [1]}, {leaf, [1, 2]}, {set, [1, 2], <<"v">>}],
+    Big = [{list, [3], sorted} | [{instance, [3], K} || K <- lists:seq(1, 100)]],
+    [{ok, _} = arbo_db:commit(A, Ops) || Ops <- [Small, Big]],
+    Got = [receive {arbo_db_frames, db_sub, [{S, _}], Ops} -> {S, Ops} after 1000 -> none end
+           || S <- [1, 2]],
+    ?assertEqual([{1, #{1 => Small}}, {2, #{}}], Got),
+    ok = arbo_db:close(A).
