@@ -385,3 +385,18 @@ subscribe_test() ->
            || S <- [1, 2]],
     ?assertEqual([{1, #{1 => Small}}, {2, #{}}], Got),
     ok = arbo_db:close(A).
+
+%% Under sync => always the journal is opened O_SYNC, so that a write
+%% returns once it is on disk; under {interval, Ms} it is not.
+o_sync_test() ->
+    Sync = fun(Policy) ->
+        Dir = scratch("osync"),
+        {ok, Db} = open(db_osync, Dir, #{sync => Policy}),
+        [J] = filelib:wildcard(filename:join(Dir, "journal-*")),
+        [Fd] = [F || F <- filelib:wildcard("/proc/self/fd/*"), file:read_link_all(F) =:= {ok, J}],
+        {ok, Info} = file:read_file("/proc/self/fdinfo/" ++ filename:basename(Fd)),
+        {match, [Flags]} = re:run(Info, "flags:\\s*([0-7]+)", [{capture, all_but_first, list}]),
+        ok = arbo_db:close(Db),
+        list_to_integer(Flags, 8) band 8#4010000 =:= 8#4010000
+    end,
+    ?assertEqual([true, false], [Sync(always), Sync({interval, 1000})]).
